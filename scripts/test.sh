@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Builds everything from scratch and runs every test: the formatting check,
+# the plain build, the AddressSanitizer+UndefinedBehaviorSanitizer build and
+# the later stages. Installs what a fresh Debian 12 machine is missing.
+set -euo pipefail
+
+cd "$(dirname "$0")/.."
+root=$(pwd)
+jobs=$(nproc)
+
+log() { printf '\n=== %s\n' "$*"; }
+
+need=(cmake ninja-build g++ libssl-dev libgtest-dev clang clang-format libclang-rt-14-dev
+      libbenchmark-dev openssl)
+missing=()
+for p in "${need[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if ((${#missing[@]})); then
+    log "installing ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -q
+    apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
+
+log "format check"
+git ls-files '*.c' '*.cpp' '*.h' | xargs -r clang-format --dry-run --Werror
+
+build_and_test() {
+    local dir=$1
+    shift
+    log "configure $dir $*"
+    rm -rf "$dir"
+    cmake -S "$root" -B "$dir" -G Ninja "$@"
+    log "build $dir"
+    cmake --build "$dir" -j "$jobs"
+    log "test $dir"
+    ctest --test-dir "$dir" --output-on-failure -j "$jobs" --timeout 600
+}
+
+build_and_test build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+build_and_test build-asan -DCMAKE_BUILD_TYPE=Debug -DVT_SANITIZE=ON
+
+log "all stages passed"
