@@ -1,0 +1,9 @@
+// Public interface of the CMS verification library.
+#ifndef DORVEX_H
+#define DORVEX_H
+
+#include <stdint.h>
+
+#include "cms/dorvex_errno.h"
+
+#endif /* DORVEX_H */
