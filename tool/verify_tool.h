@@ -1,0 +1,55 @@
+// The verification tool's front end: command line, operation table and handlers.
+#ifndef TOOL_VERIFY_TOOL_H
+#define TOOL_VERIFY_TOOL_H
+
+#include <stdint.h>
+
+#include "dbglog/dbglog.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Module id under which the tool (and the CMS library) log.
+#define VERIFY_TOOL_MODULE_ID 1014u
+
+#define VERIFY_OPCODE_LEN 32
+#define VERIFY_PATH_LEN 128
+
+// What the command line asked for; every field not given stays empty.
+typedef struct VerifyParam {
+    char opcode[VERIFY_OPCODE_LEN];      // -f
+    char cmsPath[VERIFY_PATH_LEN];       // -h: detached CMS signature
+    char checksumPath[VERIFY_PATH_LEN];  // -e: checksum file, the signed content
+    char crlPath[VERIFY_PATH_LEN];       // -c: CRL file
+} VerifyParam;
+
+typedef int32_t (*VerifyHandler)(VerifyParam *param);
+
+typedef struct VerifyFuncRow {
+    char opcode[VERIFY_OPCODE_LEN];
+    VerifyHandler handler;
+} VerifyFuncRow;
+
+extern VerifyParam g_verifyParam;
+extern const VerifyFuncRow g_verifyFuncTable[];
+extern const uint32_t g_verifyFuncCount;
+
+// Parses argv and runs the requested operation; the low byte of the result
+// is the process exit status (0 valid, 255 for -1, else a result code's low byte).
+int32_t UPGRADE_MainExe(int argc, char *argv[]);
+int32_t UPGRADE_CmdParse(int argc, char *argv[]);
+int32_t UPGRADE_CmdParseSingle(uint8_t option);
+int32_t UPGRADE_CmdExe(void);
+
+// Handler of "CHECK_PKG_INTEGRITY".
+int32_t UPGRADE_CheckPkgIntegrity(VerifyParam *param);
+
+#ifdef __cplusplus
+}
+#endif
+
+#define TOOL_LOG(level, ...) \
+    DBG_Log(VERIFY_TOOL_MODULE_ID, (level), __func__, __LINE__, 0, __VA_ARGS__)
+
+#endif  // TOOL_VERIFY_TOOL_H
