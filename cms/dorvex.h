@@ -4,6 +4,6 @@
 
 #include <stdint.h>
 
-#include "cms/dorvex_errno.h"
+#include "dorvex_errno.h"
 
 #endif /* DORVEX_H */
