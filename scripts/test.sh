@@ -41,4 +41,7 @@ build_and_test() {
 build_and_test build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 build_and_test build-asan -DCMAKE_BUILD_TYPE=Debug -DVT_SANITIZE=ON
 
+log "fuzz"
+scripts/fuzz.sh 30
+
 log "all stages passed"
