@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include <iterator>
+#include <memory>
 
 #include "dbglog/dbglog.h"
 #include "platform/lzeb_mem.h"
@@ -172,6 +173,10 @@ constexpr LevelStyle g_drxLogLevels[] = {
     {"[DEBUG]", DBG_LEVEL_DBG},
 };
 
+struct LibraryFree {
+    void operator()(void *p) const { DorvexFree(p); }
+};
+
 const char *OrEmpty(const char *s) {
     return s != nullptr ? s : "";
 }
@@ -223,21 +228,20 @@ extern "C" void DorvexLogCallback(uint32_t level, const char *file, uint32_t lin
         DorvexLogPrint(level, file, line, function, errorCode, format);
         return;
     }
-    char *buffer = static_cast<char *>(block);
+    std::unique_ptr<char, LibraryFree> buffer(static_cast<char *>(block));
     if (format != nullptr) {
         va_list args;
         va_start(args, format);
-        int n = vsnprintf_s(buffer, DORVEX_LOG_MSG_SIZE, DORVEX_LOG_MSG_SIZE - 1, format, args);
+        int n =
+            vsnprintf_s(buffer.get(), DORVEX_LOG_MSG_SIZE, DORVEX_LOG_MSG_SIZE - 1, format, args);
         va_end(args);
         if (n <= 0) {
             // Still print the caller's text, unformatted, so nothing is lost.
             DorvexLogPrint(DORVEX_LOG_LEVEL_ERROR, DORVEX_LOG_FILE, __LINE__, "DorvexLogCallback",
                            0, "format log message failed.");
             DorvexLogPrint(level, file, line, function, errorCode, format);
-            DorvexFree(buffer);
             return;
         }
     }
-    DorvexLogPrint(level, file, line, function, errorCode, buffer);
-    DorvexFree(buffer);
+    DorvexLogPrint(level, file, line, function, errorCode, buffer.get());
 }
