@@ -4,7 +4,7 @@
 # and runs every harness for the given number of seconds (default 60).
 # Fails on any crash, leak, timeout, out-of-memory or sanitizer report.
 #
-# Seeds: a harness gets every file of the material pool below, unless a
+# Seeds: a harness gets the DER files of the material pool below, unless a
 # function seeds_<harness> exists, which then fills its seed folder ($1).
 set -euo pipefail
 
@@ -85,7 +85,6 @@ CNF
     quiet openssl x509 -in cert.pem -outform DER -out pool/cert.der
     quiet openssl crl -in crl.pem -outform DER -out pool/crl.der
     quiet openssl cms -cmsout -in cms.pem -inform PEM -outform DER -out pool/cms.der
-    cp cert.pem crl.pem cms.pem pool/
 )
 
 # Base64 text: PEM files, bare bodies with LF and CR LF, and small shapes.
