@@ -9,6 +9,7 @@
 #define DBGLOG_ZEB_SYS_H
 
 #include <stddef.h>
+#include <sys/types.h>
 #include <time.h>
 
 #ifdef __cplusplus
@@ -17,7 +18,8 @@ extern "C" {
 
 typedef struct ZebSys {
     // Prefix of every product path ("/dev/shm/...", "/KELM/...", "/etc/zeb/...",
-    // "/startup_disk/...", "/proc/zeb/..."); "" on the device.
+    // "/startup_disk/...", "/proc/zeb/..."); "" on the device. The string must
+    // outlive the process's use of the library.
     const char *root;
     // Opens one of the kernel module's control files (path already prefixed).
     int (*kmodOpen)(const char *path, int flags);
@@ -25,12 +27,16 @@ typedef struct ZebSys {
     int (*kmodIoctl)(int fd, unsigned long request, void *arg);
     // CLOCK_MONOTONIC, for record time stamps and rate-limit periods.
     int (*monotonic)(struct timespec *now);
+    // The process's Unix group id (getgid); only group 0 may create or change
+    // the shared configuration record.
+    gid_t (*processGid)(void);
 } ZebSys;
 
 // The seam in force (the device's own unless one was installed).
 const ZebSys *zeb_sys(void);
 // Replaces the seam; only valid before the library's first public call.
-// Null restores the device's own.
+// Null restores the device's own. The record must outlive its use; members
+// left null fall back to the device's own.
 void zeb_sys_install(const ZebSys *sys);
 // Writes root + productPath into out; 0, or -1 when it does not fit.
 int zeb_sys_path(const char *productPath, char *out, size_t outSize);
