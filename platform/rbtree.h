@@ -18,9 +18,9 @@ extern "C" {
 #define RB_RED 0
 #define RB_BLACK 1
 
-// Three machine words in a fixed order: the kernel-side tables and older
-// callers depend on it. The parent address is at least 4-aligned, so bit 0
-// carries the colour and bit 1 stays clear.
+// Three machine words in a fixed order (note: right before left); code built
+// against this layout depends on it. Node addresses are at least 4-aligned,
+// so bit 0 of the parent word carries the colour and bit 1 stays clear.
 struct rb_node {
     uintptr_t rb_parent_color;
     struct rb_node *rb_right;
@@ -116,6 +116,7 @@ inline const T *rb_entry_at(const struct rb_node *node, size_t offset) noexcept 
 }
 #define rb_entry(ptr, type, member) (rb_entry_at<type>((ptr), offsetof(type, member)))
 #else
+// C callers must not pass null here.
 #define rb_entry(ptr, type, member) ((type *)((char *)(ptr)-offsetof(type, member)))
 #endif
 
