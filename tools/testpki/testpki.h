@@ -1,0 +1,292 @@
+// testpki: builds the keys, certificates and CRLs that the tests, the fuzz
+// seed corpora and the example scripts feed to the verifier, through real
+// OpenSSL. Test support only: never linked into the product.
+//
+// Specs are plain values with usable defaults; builders return DER. Every
+// field that a decoder might trip over (serial octets, time strings, key
+// usage octets, extension order) is written exactly as given, even when it
+// is not valid DER or X.509, so negative cases can be made on purpose.
+// Failures throw testpki::Error with the OpenSSL reason attached.
+#pragma once
+
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace testpki {
+
+using Bytes = std::vector<uint8_t>;
+
+class Error : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// unique_ptr deleter for an OpenSSL free function.
+template <auto FreeFn>
+struct Deleter {
+    template <typename T>
+    void operator()(T *p) const {
+        FreeFn(p);
+    }
+};
+using X509Ptr = std::unique_ptr<X509, Deleter<X509_free>>;
+using X509CrlPtr = std::unique_ptr<X509_CRL, Deleter<X509_CRL_free>>;
+using PkeyPtr = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
+
+// ---- keys and certificates --------------------------------------------------
+
+// Key: a shared handle to a private key (copies share one EVP_PKEY).
+class Key {
+  public:
+    Key() = default;
+    static Key FromPem(std::string_view pem);
+    static Key LoadPem(const std::filesystem::path &file);
+    static Key GenerateRsa(int bits);
+    static Key GenerateEc(const std::string &curve = "P-256");
+
+    explicit operator bool() const { return pkey_ != nullptr; }
+    EVP_PKEY *get() const { return pkey_.get(); }
+    int Bits() const;
+    // SubjectPublicKeyInfo DER, as a "PUBLIC KEY" PEM block carries it.
+    Bytes PublicKeyDer() const;
+    // SHA-1 of the subjectPublicKey bits (RFC 5280 4.2.1.2, method 1).
+    Bytes KeyId() const;
+
+  private:
+    explicit Key(PkeyPtr pkey) : pkey_(std::move(pkey)) {}
+    std::shared_ptr<EVP_PKEY> pkey_;
+};
+
+// Folder of the committed test keys (tests/keys), compiled in.
+std::filesystem::path DefaultKeyDir();
+// Loads DIR/NAME.pem, e.g. LoadTestKey("root-4096").
+Key LoadTestKey(std::string_view name, const std::filesystem::path &dir = DefaultKeyDir());
+
+// Cert: a shared handle to a certificate and its DER. For certificates built
+// here, get() is the object that was signed, so it stays usable even when the
+// DER carries something OpenSSL would refuse to parse (a padded serial).
+class Cert {
+  public:
+    Cert() = default;
+    Cert(X509Ptr x509, Bytes der) : x509_(std::move(x509)), der_(std::move(der)) {}
+    // Parses DER; throws when OpenSSL cannot.
+    static Cert FromDer(Bytes der);
+
+    explicit operator bool() const { return x509_ != nullptr; }
+    X509 *get() const { return x509_.get(); }
+    const Bytes &Der() const { return der_; }
+
+  private:
+    std::shared_ptr<X509> x509_;
+    Bytes der_;
+};
+
+// Credential: a certificate with its private key, the signing identity of
+// certificates, CRLs, CMS signatures and timestamp tokens alike.
+struct Credential {
+    Cert cert;
+    Key key;
+};
+
+// ---- names and times --------------------------------------------------------
+
+enum class StrType { Printable, Utf8, Ia5, Teletex, Bmp, Numeric };
+
+// One attribute: type as short name ("CN", "O", "serialNumber", "DC") or
+// dotted OID; value bytes written as they are under the chosen string tag.
+struct Attr {
+    std::string type;
+    std::string value;
+    StrType strType = StrType::Utf8;
+};
+using Rdn = std::vector<Attr>;  // more than one attribute: a multi-valued RDN
+using Name = std::vector<Rdn>;  // in encoded order
+
+// One attribute per RDN, in the order given; C as PrintableString, the rest
+// UTF8String.
+Name SimpleName(std::initializer_list<std::pair<std::string, std::string>> attrs);
+
+enum class TimeType { Utc, Generalized };
+// A time value written byte for byte: "250101000000Z", "20250101000000.5Z",
+// "2501010000+0100" are all accepted.
+struct Time {
+    TimeType type = TimeType::Utc;
+    std::string text;
+};
+inline Time Utc(std::string text) {
+    return {TimeType::Utc, std::move(text)};
+}
+inline Time Gen(std::string text) {
+    return {TimeType::Generalized, std::move(text)};
+}
+// RFC 5280 4.1.2.5: UTCTime for 1950..2049, GeneralizedTime otherwise.
+Time TimeAt(int64_t epochSeconds);
+// Seconds since 1970 as OpenSSL reads the value; throws if it cannot.
+int64_t EpochOf(const Time &time);
+
+enum class Digest { Sha1, Sha256, Sha384, Sha512 };
+const EVP_MD *DigestMd(Digest digest);
+
+// Minimal two's-complement content octets of a non-negative integer.
+Bytes SerialFromU64(uint64_t value);
+
+// ---- certificates -----------------------------------------------------------
+
+struct BasicConstraints {
+    bool ca = true;  // FALSE is the DEFAULT and so is not encoded
+    std::optional<unsigned> pathLen;
+    bool critical = true;
+};
+
+// First key-usage octet.
+namespace ku {
+inline constexpr uint8_t kDigitalSignature = 0x80;
+inline constexpr uint8_t kNonRepudiation = 0x40;
+inline constexpr uint8_t kKeyEncipherment = 0x20;
+inline constexpr uint8_t kDataEncipherment = 0x10;
+inline constexpr uint8_t kKeyAgreement = 0x08;
+inline constexpr uint8_t kKeyCertSign = 0x04;
+inline constexpr uint8_t kCrlSign = 0x02;
+inline constexpr uint8_t kEncipherOnly = 0x01;
+inline constexpr uint8_t kDecipherOnlySecondOctet = 0x80;
+}  // namespace ku
+
+// Key usage BIT STRING: the octets after the unused-bits octet, as given.
+struct KeyUsage {
+    Bytes octets;
+    uint8_t unusedBits = 0;
+    bool critical = true;
+    // One octet with the unused-bits count of minimal DER (X.690 11.2.2).
+    static KeyUsage Of(uint8_t first);
+    // Always two octets, as a decipherOnly usage needs.
+    static KeyUsage Of(uint8_t first, uint8_t second);
+};
+
+// Purposes in the order given: short names ("codeSigning", "timeStamping",
+// "serverAuth") or dotted OIDs.
+struct ExtKeyUsage {
+    std::vector<std::string> purposes;
+    bool critical = false;
+};
+
+// Any extension: value is the DER inside extnValue's OCTET STRING (may be
+// empty). The same OID may appear more than once.
+struct RawExtension {
+    std::string oid;
+    bool critical = false;
+    Bytes value;
+};
+
+// Extensions are written in member order: basic constraints, key usage,
+// extended key usage, subject and authority key identifiers, then the extras.
+struct CertSpec {
+    Key subjectKey;                    // required; any key type
+    std::optional<Credential> issuer;  // none: self-signed with subjectKey
+    Name subject = SimpleName({{"CN", "testpki"}});
+    std::optional<Name> issuerName;  // default: the issuer's subject
+    Bytes serial = {0x01};           // INTEGER content octets, as given
+    int version = 3;                 // 1: no version field; 2, 3
+    Time notBefore = Utc("240101000000Z");
+    Time notAfter = Utc("491231235959Z");
+    std::optional<BasicConstraints> basicConstraints;
+    std::optional<KeyUsage> keyUsage;
+    std::optional<ExtKeyUsage> extKeyUsage;
+    bool subjectKeyId = false;    // from subjectKey
+    bool authorityKeyId = false;  // from the signing key
+    std::vector<RawExtension> extraExtensions;
+    Digest digest = Digest::Sha256;
+};
+
+Cert IssueCert(const CertSpec &spec);
+// The certificate together with spec.subjectKey, ready to sign further items.
+Credential IssueCredential(const CertSpec &spec);
+
+// ---- CRLs -------------------------------------------------------------------
+
+struct RevokedEntry {
+    Bytes serial;
+    Time date = Utc("250101000000Z");
+    std::optional<int> reason;  // CRLReason, written as an entry extension
+};
+
+struct IssuingDistPoint {
+    std::optional<std::string> uri;  // distributionPoint fullName
+    bool onlyUserCerts = false;
+    bool onlyCaCerts = false;
+    bool indirectCrl = false;
+    bool onlyAttributeCerts = false;
+    bool critical = true;
+};
+
+struct CrlSpec {
+    Credential issuer;               // required: signs, and names the issuer
+    std::optional<Name> issuerName;  // default: the issuer certificate's subject
+    int version = 2;                 // 1: no version field
+    Time thisUpdate = Utc("240601000000Z");
+    std::optional<Time> nextUpdate = Utc("491231235959Z");
+    std::vector<RevokedEntry> revoked;  // in this order
+    std::optional<Bytes> crlNumber = Bytes{0x01};
+    std::optional<IssuingDistPoint> issuingDistPoint;
+    std::vector<RawExtension> extraExtensions;
+    Digest digest = Digest::Sha256;
+};
+
+Bytes MakeCrl(const CrlSpec &spec);
+
+// ---- output -----------------------------------------------------------------
+
+inline constexpr std::string_view kPemCertificate = "CERTIFICATE";
+inline constexpr std::string_view kPemCrl = "X509 CRL";
+inline constexpr std::string_view kPemPublicKey = "PUBLIC KEY";
+
+// One PEM block, base64 in 64-character lines.
+std::string ToPem(std::string_view label, std::span<const uint8_t> der);
+
+struct PemBlock {
+    std::string label;
+    Bytes der;
+};
+// Several blocks in one text, in order (foreign labels welcome).
+std::string PemBundle(const std::vector<PemBlock> &blocks);
+// DER items back to back.
+Bytes ConcatDer(const std::vector<Bytes> &items);
+
+void WriteFile(const std::filesystem::path &file, std::span<const uint8_t> data);
+void WriteFile(const std::filesystem::path &file, std::string_view text);
+
+// ---- DER building blocks ----------------------------------------------------
+
+namespace der {
+Bytes Tlv(uint8_t tag, std::span<const uint8_t> content);
+Bytes Seq(const std::vector<Bytes> &items);
+Bytes Oid(const std::string &text);  // short name or dotted form
+Bytes OctetString(std::span<const uint8_t> content);
+Bytes Boolean(bool value);
+Bytes Integer(std::span<const uint8_t> content);  // content octets as given
+}  // namespace der
+
+// ---- the demo hierarchy -----------------------------------------------------
+
+// A small valid hierarchy from the committed keys: root (RSA 4096) ->
+// intermediate CA -> code-signing leaf and time-stamping authority, with one
+// CRL from the root and one from the intermediate CA.
+struct DemoPki {
+    Credential root, ca, leaf, tsa;
+    Bytes rootCrl, caCrl;
+};
+DemoPki MakeDemoPki(const std::filesystem::path &keyDir = DefaultKeyDir());
+// Writes every item as NAME.der and NAME.pem, plus crls.der / crls.pem with
+// both CRLs, into outDir (created if missing). Returns the file names.
+std::vector<std::string> WriteDemoPki(const DemoPki &pki, const std::filesystem::path &outDir);
+
+}  // namespace testpki
