@@ -1,0 +1,105 @@
+#include "tests/tool/tool_runner.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+extern char **environ;
+
+namespace vt_test {
+namespace {
+
+std::string ReadFile(const std::filesystem::path &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// "<prio>[secs.usecs][id][level][message][module][function,line][process]"
+void ParseSyslog(const std::string &text, ToolRun *run) {
+    static const std::regex kRecord(
+        R"(<(\d+)>\[ *\d+\.\d{6}\]\[([0-9a-f]+)\]\[([A-Z]*)\]\[(.*)\]\[([^\]]*)\]\[([^,\]]*),(-?\d+)\]\[([^\]]*)\])");
+    std::istringstream lines(text);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::smatch m;
+        if (!std::regex_match(line, m, kRecord)) {
+            run->unparsed.push_back(line);
+            continue;
+        }
+        LogRecord r;
+        r.priority = std::stoi(m[1]);
+        r.recordId = m[2];
+        r.level = m[3];
+        r.message = m[4];
+        r.module = m[5];
+        r.function = m[6];
+        r.line = std::stoi(m[7]);
+        r.process = m[8];
+        run->records.push_back(r);
+    }
+}
+
+}  // namespace
+
+ToolRun RunTool(const std::vector<std::string> &args) {
+    ToolRun run;
+    char pattern[] = "/tmp/vt_tool_XXXXXX";
+    const char *dir = mkdtemp(pattern);
+    if (dir == nullptr) {
+        return run;
+    }
+    const std::filesystem::path root(dir);
+    const std::string syslogFile = (root / "syslog.txt").string();
+    const std::string outFile = (root / "stdout.txt").string();
+    const std::string errFile = (root / "stderr.txt").string();
+
+    std::vector<std::string> env = {"VT_TEST_ROOT=" + (root / "sys").string(),
+                                    "VT_SYSLOG_FILE=" + syslogFile};
+    std::vector<char *> envp;
+    for (auto &e : env) {
+        envp.push_back(e.data());
+    }
+    envp.push_back(nullptr);
+
+    std::string program = VT_SANDBOXED_TOOL;
+    std::vector<std::string> argvStore = {program};
+    argvStore.insert(argvStore.end(), args.begin(), args.end());
+    std::vector<char *> argv;
+    for (auto &a : argvStore) {
+        argv.push_back(a.data());
+    }
+    argv.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    pid_t pid;
+    int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc == 0) {
+        int status = 0;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        run.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    run.stdoutText = ReadFile(outFile);
+    run.stderrText = ReadFile(errFile);
+    ParseSyslog(ReadFile(syslogFile), &run);
+    std::filesystem::remove_all(root);
+    return run;
+}
+
+}  // namespace vt_test

@@ -1,0 +1,35 @@
+// Runs the sandboxed verify_tool as a subprocess and collects what it did.
+#ifndef TESTS_TOOL_TOOL_RUNNER_H
+#define TESTS_TOOL_TOOL_RUNNER_H
+
+#include <string>
+#include <vector>
+
+namespace vt_test {
+
+// One syslog record of the tool, split into its fields.
+struct LogRecord {
+    int priority = -1;
+    std::string recordId;
+    std::string level;
+    std::string message;
+    std::string module;
+    std::string function;
+    int line = 0;
+    std::string process;
+};
+
+struct ToolRun {
+    int exitStatus = -1;  // -1 when the process did not exit normally
+    std::string stdoutText;
+    std::string stderrText;
+    std::vector<LogRecord> records;
+    std::vector<std::string> unparsed;  // syslog lines that are not records
+};
+
+// Runs the tool with `args` (argv[1..]) in a fresh temporary root.
+ToolRun RunTool(const std::vector<std::string> &args);
+
+}  // namespace vt_test
+
+#endif  // TESTS_TOOL_TOOL_RUNNER_H
