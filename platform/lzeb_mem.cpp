@@ -1,4 +1,4 @@
-// Tagged memory allocation (Part 7.1): plain malloc blocks, zero-filled through
+// Tagged memory allocation: plain malloc blocks, zero-filled through
 // memset_s, no header and no accounting. Failures go to syslog at priority 6
 // (LOG_INFO) directly, never through the logging library.
 #include "platform/lzeb_mem.h"

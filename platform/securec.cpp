@@ -1,6 +1,6 @@
-// Bounds-checked memory and string routines (Part 7.5).
+// Bounds-checked memory and string routines.
 //
-// The checks run in exactly the order the specification lists them; the first
+// The checks run in a fixed order; the first
 // failing check decides the result and whether the destination is reset.
 // Formatting and scanning are glibc's own engines (vsnprintf, sscanf); only
 // the bounds rules are implemented here.
@@ -138,7 +138,7 @@ bool FormatHasPercentN(const char *format) {
 
 // One conversion specification of a scanf format, from its '%' to the end of
 // its conversion character (or of its scan set).
-struct ScanSpec {
+struct ScanItem {
     const char *start = nullptr;
     const char *end = nullptr;
     bool suppress = false;
@@ -158,23 +158,23 @@ bool IsCharConv(char conv) {
 }
 
 // Wide destination: %ls, %lc, %l[, %S, %C.
-bool IsWide(const ScanSpec &spec) {
-    if (spec.conv == 'S' || spec.conv == 'C') {
+bool IsWide(const ScanItem &item) {
+    if (item.conv == 'S' || item.conv == 'C') {
         return true;
     }
-    return spec.lengthLen == 1 && spec.length[0] == 'l';
+    return item.lengthLen == 1 && item.length[0] == 'l';
 }
 
 // Parses the specification starting at `p` (a '%'). Returns false for what
 // this routine does not scan: an unterminated or unknown conversion, the
 // positional form "%m$", and glibc's allocating 'm' modifier (it takes no
 // size argument).
-bool ParseScanSpec(const char *p, ScanSpec *spec) {
-    spec->start = p;
+bool ParseScanItem(const char *p, ScanItem *item) {
+    item->start = p;
     const char *q = p + 1;
     if (*q == '%') {
-        spec->conv = '%';
-        spec->end = q + 1;
+        item->conv = '%';
+        item->end = q + 1;
         return true;
     }
     const char *digits = q;
@@ -185,30 +185,30 @@ bool ParseScanSpec(const char *p, ScanSpec *spec) {
         return false;
     }
     for (; *q == '*' || *q == '\'' || *q == 'I'; ++q) {
-        spec->suppress = spec->suppress || *q == '*';
+        item->suppress = item->suppress || *q == '*';
     }
     for (; isdigit(static_cast<unsigned char>(*q)); ++q) {
-        if (spec->width <= kMaxLen) {
-            spec->width = spec->width * 10 + static_cast<size_t>(*q - '0');
+        if (item->width <= kMaxLen) {
+            item->width = item->width * 10 + static_cast<size_t>(*q - '0');
         }
     }
     if (*q == 'm') {
         return false;
     }
-    spec->length = q;
+    item->length = q;
     if ((q[0] == 'h' && q[1] == 'h') || (q[0] == 'l' && q[1] == 'l')) {
         q += 2;
     } else if (strchr("hlLqjzZt", *q) != nullptr && *q != '\0') {
         ++q;
     }
-    spec->lengthLen = static_cast<size_t>(q - spec->length);
-    spec->conv = *q;
-    if (spec->conv == '\0' || strchr("diouxXnaAeEfFgGsScC[p%", spec->conv) == nullptr) {
+    item->lengthLen = static_cast<size_t>(q - item->length);
+    item->conv = *q;
+    if (item->conv == '\0' || strchr("diouxXnaAeEfFgGsScC[p%", item->conv) == nullptr) {
         return false;
     }
     ++q;
-    if (spec->conv == '[') {
-        spec->set = q - 1;
+    if (item->conv == '[') {
+        item->set = q - 1;
         if (*q == '^') {
             ++q;
         }
@@ -222,9 +222,9 @@ bool ParseScanSpec(const char *p, ScanSpec *spec) {
             return false;
         }
         ++q;
-        spec->setLen = static_cast<size_t>(q - spec->set);
+        item->setLen = static_cast<size_t>(q - item->set);
     }
-    spec->end = q;
+    item->end = q;
     return true;
 }
 
@@ -304,26 +304,26 @@ void ClearFirst(void *dest, size_t size, bool wide) {
 
 // True when the field a width-limited %s or %[ stopped at `input` would have
 // gone on without the limit.
-bool FieldContinues(const ScanSpec &spec, const char *input) {
-    if (spec.conv != '[') {
+bool FieldContinues(const ScanItem &item, const char *input) {
+    if (item.conv != '[') {
         return *input != '\0' && isspace(static_cast<unsigned char>(*input)) == 0;
     }
     SubFormat probe;
-    if (!probe.Reserve(spec.lengthLen + spec.setLen + 8)) {
+    if (!probe.Reserve(item.lengthLen + item.setLen + 8)) {
         return true;  // cannot tell; treat the destination as too small
     }
     probe.Append("%*1");
-    probe.Append(spec.length, spec.lengthLen);
-    probe.Append(spec.set, spec.setLen);
+    probe.Append(item.length, item.lengthLen);
+    probe.Append(item.set, item.setLen);
     probe.Append("%n");
     size_t consumed = 0;
     return RunStep(input, probe.c_str(), nullptr, &consumed) == Step::kDone;
 }
 
 // Stores a %n result with the width its length modifier names.
-void StoreCount(const ScanSpec &spec, void *dest, size_t value) {
-    const char l0 = spec.lengthLen > 0 ? spec.length[0] : '\0';
-    const char l1 = spec.lengthLen > 1 ? spec.length[1] : '\0';
+void StoreCount(const ScanItem &item, void *dest, size_t value) {
+    const char l0 = item.lengthLen > 0 ? item.length[0] : '\0';
+    const char l1 = item.lengthLen > 1 ? item.length[1] : '\0';
     if (l0 == 'h' && l1 == 'h') {
         *static_cast<signed char *>(dest) = static_cast<signed char>(value);
     } else if (l0 == 'h') {
@@ -362,15 +362,15 @@ class Scanner {
                 // Trailing literal text: it can still turn "no fields" into EOF.
                 return Finish(Literal(prefix, strlen(prefix)));
             }
-            ScanSpec spec;
-            if (!ParseScanSpec(pct, &spec)) {
+            ScanItem item;
+            if (!ParseScanItem(pct, &item)) {
                 return count_;  // glibc ends a scan at a bad conversion likewise
             }
-            f = spec.end;
-            if (spec.conv == '%') {
+            f = item.end;
+            if (item.conv == '%') {
                 continue;  // a literal '%': stays in the prefix for glibc
             }
-            Step step = Convert(prefix, static_cast<size_t>(pct - prefix), spec);
+            Step step = Convert(prefix, static_cast<size_t>(pct - prefix), item);
             if (step != Step::kDone) {
                 return Finish(step);
             }
@@ -410,44 +410,44 @@ class Scanner {
         return step;
     }
 
-    Step Convert(const char *prefix, size_t prefixLen, const ScanSpec &spec) {
-        if (spec.conv == 'n') {
-            return CountStore(prefix, prefixLen, spec);
+    Step Convert(const char *prefix, size_t prefixLen, const ScanItem &item) {
+        if (item.conv == 'n') {
+            return CountStore(prefix, prefixLen, item);
         }
-        if (spec.suppress) {
-            return Plain(prefix, prefixLen, spec, nullptr);
+        if (item.suppress) {
+            return Plain(prefix, prefixLen, item, nullptr);
         }
         void *dest = va_arg(args_->ap, void *);
-        if (IsStringConv(spec.conv) || IsCharConv(spec.conv)) {
+        if (IsStringConv(item.conv) || IsCharConv(item.conv)) {
             size_t size = va_arg(args_->ap, size_t);
-            return Sized(prefix, prefixLen, spec, dest, size);
+            return Sized(prefix, prefixLen, item, dest, size);
         }
         if (dest == nullptr) {
             stopped_ = true;
             return Step::kDone;
         }
-        return Plain(prefix, prefixLen, spec, dest);
+        return Plain(prefix, prefixLen, item, dest);
     }
 
     // %n: the prefix is matched by glibc, the count is the whole text's.
-    Step CountStore(const char *prefix, size_t prefixLen, const ScanSpec &spec) {
-        void *dest = spec.suppress ? nullptr : va_arg(args_->ap, void *);
+    Step CountStore(const char *prefix, size_t prefixLen, const ScanItem &item) {
+        void *dest = item.suppress ? nullptr : va_arg(args_->ap, void *);
         Step step = Literal(prefix, prefixLen);
         if (step == Step::kDone && dest != nullptr) {
-            StoreCount(spec, dest, pos_);
+            StoreCount(item, dest, pos_);
         }
         return step;
     }
 
     // Any conversion glibc can do as written.
-    Step Plain(const char *prefix, size_t prefixLen, const ScanSpec &spec, void *dest) {
-        size_t specLen = static_cast<size_t>(spec.end - spec.start);
+    Step Plain(const char *prefix, size_t prefixLen, const ScanItem &item, void *dest) {
+        size_t specLen = static_cast<size_t>(item.end - item.start);
         SubFormat sub;
         if (!sub.Reserve(prefixLen + specLen + 2)) {
             return Step::kNoMemory;
         }
         sub.Append(prefix, prefixLen);
-        sub.Append(spec.start, specLen);
+        sub.Append(item.start, specLen);
         sub.Append("%n");
         return Advance(RunStep(text_ + pos_, sub.c_str(), dest, &stepConsumed_), dest);
     }
@@ -466,21 +466,21 @@ class Scanner {
     // cannot hold the field ends the scan: its first element is cleared (no
     // truncated text is left behind), the field is not counted, and the
     // result is the number of fields converted before it.
-    Step Sized(const char *prefix, size_t prefixLen, const ScanSpec &spec, void *dest,
+    Step Sized(const char *prefix, size_t prefixLen, const ScanItem &item, void *dest,
                size_t size) {
-        const bool wide = IsWide(spec);
+        const bool wide = IsWide(item);
         if (dest == nullptr || size == 0 || size > kMaxLen) {
             stopped_ = true;
             return Step::kDone;
         }
-        if (IsCharConv(spec.conv)) {
-            size_t want = spec.width == 0 ? 1 : spec.width;
+        if (IsCharConv(item.conv)) {
+            size_t want = item.width == 0 ? 1 : item.width;
             if (want > size) {
                 ClearFirst(dest, size, wide);
                 stopped_ = true;
                 return Step::kDone;
             }
-            return Plain(prefix, prefixLen, spec, dest);
+            return Plain(prefix, prefixLen, item, dest);
         }
         // A string needs one element for its terminator. With no room for a
         // single character glibc cannot be asked (width 0 means unlimited).
@@ -490,26 +490,26 @@ class Scanner {
             stopped_ = true;
             return Step::kDone;
         }
-        if (spec.width != 0 && spec.width <= room) {
-            return Plain(prefix, prefixLen, spec, dest);
+        if (item.width != 0 && item.width <= room) {
+            return Plain(prefix, prefixLen, item, dest);
         }
         char width[24];
         snprintf(width, sizeof width, "%%%zu", room);
         SubFormat sub;
-        if (!sub.Reserve(prefixLen + strlen(width) + spec.lengthLen + spec.setLen + 3)) {
+        if (!sub.Reserve(prefixLen + strlen(width) + item.lengthLen + item.setLen + 3)) {
             return Step::kNoMemory;
         }
         sub.Append(prefix, prefixLen);
         sub.Append(width);
-        sub.Append(spec.length, spec.lengthLen);
-        if (spec.conv == '[') {
-            sub.Append(spec.set, spec.setLen);
+        sub.Append(item.length, item.lengthLen);
+        if (item.conv == '[') {
+            sub.Append(item.set, item.setLen);
         } else {
-            sub.Append(&spec.conv, 1);
+            sub.Append(&item.conv, 1);
         }
         sub.Append("%n");
         Step step = Advance(RunStep(text_ + pos_, sub.c_str(), dest, &stepConsumed_), dest);
-        if (step == Step::kDone && FieldContinues(spec, text_ + pos_)) {
+        if (step == Step::kDone && FieldContinues(item, text_ + pos_)) {
             --count_;
             ClearFirst(dest, size, wide);
             stopped_ = true;
@@ -529,21 +529,21 @@ class Scanner {
 // conversion when that is a %s, %c or %[ that takes one.
 void ClearFirstDestination(const char *format, ArgCursor *args) {
     for (const char *p = strchr(format, '%'); p != nullptr; p = strchr(p, '%')) {
-        ScanSpec spec;
-        if (!ParseScanSpec(p, &spec)) {
+        ScanItem item;
+        if (!ParseScanItem(p, &item)) {
             return;
         }
-        if (spec.conv == '%') {
-            p = spec.end;
+        if (item.conv == '%') {
+            p = item.end;
             continue;
         }
-        if (spec.suppress || !(IsStringConv(spec.conv) || IsCharConv(spec.conv))) {
+        if (item.suppress || !(IsStringConv(item.conv) || IsCharConv(item.conv))) {
             return;
         }
         void *dest = va_arg(args->ap, void *);
         size_t size = va_arg(args->ap, size_t);
         if (size <= kMaxLen) {
-            ClearFirst(dest, size, IsWide(spec));
+            ClearFirst(dest, size, IsWide(item));
         }
         return;
     }
