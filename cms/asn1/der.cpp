@@ -175,7 +175,9 @@ uint32_t DispatchMapEntry(const DorvexAsnItem &map, const DorvexX509ExtensionEnt
     if (aoid == AOID_UNKNOWN) {
         return DORVEX_OK;
     }
-    for (const DorvexAsnTempl &row : std::span(map.templ, map.templCount)) {
+    const std::span<const DorvexAsnTempl> rows(map.templ,
+                                               map.templ != nullptr ? map.templCount : 0);
+    for (const DorvexAsnTempl &row : rows) {
         if (row.tagCode != static_cast<uint32_t>(aoid)) {
             continue;
         }
