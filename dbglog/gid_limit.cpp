@@ -1,12 +1,16 @@
 // Per-group rate limits: the group table, its configuration files, the
 // limiter and the refresh from the kernel module.
 #include <errno.h>
+#include <stdlib.h>
+#include <string.h>
 #include <syslog.h>
 
 #include <type_traits>
 
 #include "dbglog/internal.h"
 #include "dbglog/zeb_sys.h"
+#include "platform/lzeb_mem.h"
+#include "platform/securec.h"
 
 static_assert(std::is_standard_layout_v<GidRecord>);
 static_assert(offsetof(GidRecord, node) == 0);
@@ -30,6 +34,83 @@ using dbglog::SpinGuard;
 using dbglog::StoreField;
 
 constexpr int64_t kSecondsPerDay = 86400;
+constexpr uint32_t kAllGroups = 0xFFFFFFFFu;
+constexpr uint32_t kDefaultInterval = 1;
+constexpr uint32_t kDefaultNum = 0xFFFFFFFFu;
+constexpr uint32_t kDefaultResume = 86400;
+
+constexpr char kSystemFile[] = "/KELM/conf/gid_print_limit.conf";
+constexpr char kLocalFile[] = "/startup_disk/conf/conf_local/gid_log_ratelimit.conf";
+static_assert(sizeof(kLocalFile) - 1 == 52);
+
+// Plain descent; the caller holds gid_tree_lock.
+GidRecord *FindLocked(uint32_t gid) {
+    struct rb_node *node = gid_tree_root.rb_node;
+    while (node != nullptr) {
+        GidRecord *record = rb_entry(node, GidRecord, node);
+        if (gid < record->gid) {
+            node = node->rb_left;
+        } else if (gid > record->gid) {
+            node = node->rb_right;
+        } else {
+            return record;
+        }
+    }
+    return nullptr;
+}
+
+// The group after `prev` in id order (the first for null), one locked step at
+// a time; groups are never removed.
+GidRecord *NextGroup(const GidRecord *prev) {
+    SpinGuard guard(&gid_tree_lock);
+    struct rb_node *node = prev == nullptr ? rb_first(&gid_tree_root) : rb_next(&prev->node);
+    return rb_entry(node, GidRecord, node);
+}
+
+GidRecord *FindOrAdd(uint32_t gid) {
+    GidRecord *record = search_gid_conf(gid);
+    if (record == nullptr) {
+        add_gid_conf(gid);
+        record = search_gid_conf(gid);
+    }
+    return record;
+}
+
+int ReadGidLine(char *line, uint32_t local) {
+    return read_gid_conf_line(line, local);
+}
+
+int NextGroupLine(void *ctx, char *buffer, size_t size) {
+    auto **cursor = static_cast<GidRecord **>(ctx);
+    *cursor = NextGroup(*cursor);
+    if (*cursor == nullptr) {
+        return 0;
+    }
+    RateLimitState &s = (*cursor)->state;
+    int rc = snprintf_s(buffer, size, size - 1, "gid=%u,num=%u,interval=%u,burst=%u,resume=%u\n",
+                        (*cursor)->gid, LoadField(s.num), LoadField(s.interval), LoadField(s.burst),
+                        LoadField(s.resume));
+    return rc > 0 ? rc : -1;
+}
+
+// num * multiple, or 0xFFFFFFFF when the product does not fit.
+bool Multiply(uint32_t num, uint32_t multiple, uint32_t *product) {
+    const uint32_t p = num * multiple;
+    if (p / multiple != num) {
+        *product = 0xFFFFFFFFu;
+        return false;
+    }
+    *product = p;
+    return true;
+}
+
+bool GroupIdUsable(uint32_t gid, const char *owner) {
+    if (gid == 0 || gid == kAllGroups) {
+        syslog(LOG_INFO, "<3>%s: gid is inval\n", owner);
+        return false;
+    }
+    return true;
+}
 
 // What a decision has to tell the system log. syslog takes a lock of its own,
 // so the messages are written only after the group's spin lock is released.
@@ -126,9 +207,126 @@ int DecideLocked(RateLimitState *s, uint32_t interval, Reports *reports) {
 
 extern "C" {
 
-// The configuration files are read by a later change; the table starts empty.
+GidRecord *search_gid_conf(uint32_t gid) {
+    SpinGuard guard(&gid_tree_lock);
+    return FindLocked(gid);
+}
+
+int add_gid_conf(uint32_t gid) {
+    auto *record = static_cast<GidRecord *>(__zeb_zmalloc(sizeof(GidRecord)));
+    if (record == nullptr) {
+        syslog(LOG_INFO, "%s: __zeb_zmalloc fail\n", "add_gid_conf");
+        return -12;
+    }
+    record->gid = gid;
+    pthread_spin_init(&record->state.lock, PTHREAD_PROCESS_PRIVATE);
+    record->state.interval = kDefaultInterval;
+    record->state.num = kDefaultNum;
+    record->state.resume = kDefaultResume;
+    bool exists = false;
+    {
+        SpinGuard guard(&gid_tree_lock);
+        struct rb_node **link = &gid_tree_root.rb_node;
+        struct rb_node *parent = nullptr;
+        while (*link != nullptr && !exists) {
+            parent = *link;
+            const GidRecord *here = rb_entry(parent, GidRecord, node);
+            if (gid < here->gid) {
+                link = &parent->rb_left;
+            } else if (gid > here->gid) {
+                link = &parent->rb_right;
+            } else {
+                exists = true;
+            }
+        }
+        if (!exists) {
+            rb_link_node(&record->node, parent, link);
+            rb_insert_color(&record->node, &gid_tree_root);
+        }
+    }
+    if (exists) {
+        pthread_spin_destroy(&record->state.lock);
+        free(record);  // outside the spin lock: free may take the allocator's lock
+        return -22;
+    }
+    return 0;
+}
+
+int replace_or_add_gid(uint32_t gid, uint32_t num, uint32_t interval, uint32_t burst,
+                       uint32_t resume, int32_t local) {
+    GidRecord *record = FindOrAdd(gid);
+    if (record == nullptr) {
+        syslog(LOG_INFO, "%s: gid tree error\n", "replace_or_add_gid");
+        return -1;
+    }
+    RateLimitState &s = record->state;
+    StoreField(s.interval, interval);
+    StoreField(s.num, num);
+    StoreField(s.burst, burst);
+    StoreField(s.resume, resume);
+    {
+        SpinGuard guard(&s.lock);
+        s.burstLeft = burst;
+    }
+    // The local override changes the quota in force, not the base that the
+    // multiplier scales.
+    if (local == 0) {
+        StoreField(s.baseNum, num);
+    }
+    return 0;
+}
+
+int read_gid_conf_line(char *line, uint32_t local) {
+    if (dbglog::IsSkippedLine(line)) {
+        return 0;
+    }
+    uint32_t gid = 0;
+    uint32_t num = 0;
+    uint32_t interval = 0;
+    uint32_t burst = 0;
+    uint32_t resume = kDefaultResume;
+    int fields = sscanf_s(line, "gid=%u,num=%u,interval=%u,burst=%u,resume=%u\n", &gid, &num,
+                          &interval, &burst, &resume);
+    if ((fields != 5 && fields != 3) || gid == 0 || gid == kAllGroups) {
+        return -22;
+    }
+    replace_or_add_gid(gid, num, interval, burst, resume, static_cast<int32_t>(local));
+    return 0;
+}
+
+void read_gid_conf(const char *path) {
+    if (path == nullptr) {
+        return;
+    }
+    const size_t length = strlen(path);
+    const uint32_t local =
+        length == sizeof(kLocalFile) - 1 && memcmp(path, kLocalFile, length) == 0 ? 1 : 0;
+    dbglog::ReadConfFile(path, ReadGidLine, local, "read_gid_conf", "read_gid_conf_line");
+}
+
+void read_gid_conf_filename(const char *name) {
+    if (name == nullptr || strlen(name) <= 3 || strncmp(name, "log_", 4) != 0) {
+        return;
+    }
+    char path[dbglog::kConfLineSize];
+    int rc = snprintf_s(path, sizeof path, sizeof path - 1, "/etc/zeb/pid/%s", name);
+    if (rc < 0) {
+        syslog(LOG_INFO, "snprintf_s failed, err is %d in %s func, %d line.\n", rc,
+               "read_gid_conf_filename", 655);
+        return;
+    }
+    read_gid_conf(path);
+}
+
+void __load_gid_conf(void) {
+    dbglog::ScanPidDirectory(&gid_tree_mutex, read_gid_conf_filename, "__load_gid_conf");
+}
+
 void load_gid_conf(void) {
     pthread_spin_init(&gid_tree_lock, PTHREAD_PROCESS_PRIVATE);
+    read_gid_conf(kSystemFile);
+    __load_gid_conf();
+    read_gid_conf(kLocalFile);
 }
 
 void DBG_UpdateGidLimit(PidRecord *record) {
@@ -180,6 +378,127 @@ int is_print_full(PidRecord *record) {
     char name[DBG_PID_NAME_SIZE];
     dbg_copy_pid_name(record, name);
     return ___ratelimit3(&group->state, name) != 0 ? 1 : 0;
+}
+
+}  // extern "C"
+
+extern "C" {
+
+int LZEB_reset_log_ratelimit(void) {
+    zeb_debug_module_init();
+    syslog(LOG_INFO, "<4>Reset log rate setting to the default values[%s].\n",
+           "LZEB_reset_log_ratelimit");
+    {
+        dbglog::MutexGuard guard(&gid_tree_mutex);
+        for (GidRecord *g = NextGroup(nullptr); g != nullptr; g = NextGroup(g)) {
+            RateLimitState &s = g->state;
+            StoreField(s.interval, kDefaultInterval);
+            StoreField(s.num, kDefaultNum);
+            StoreField(s.burst, 0u);
+            StoreField(s.resume, kDefaultResume);
+            SpinGuard stateGuard(&s.lock);
+            s.burstLeft = 0;
+            s.burstBegin.tv_sec = 0;
+            s.printed = 0;
+            s.missed = 0;
+            s.begin.tv_sec = 0;
+            s.lastPrint.tv_sec = 0;
+        }
+    }
+    // The local override is deliberately not re-read: a reset returns to the
+    // system's and the packages' values.
+    read_gid_conf(kSystemFile);
+    __load_gid_conf();
+    read_pid_conf("/KELM/conf/gid_of_pid.conf");
+    __load_pid_conf();
+    return 0;
+}
+
+int LZEB_loglimit_init(void) {
+    return LZEB_reset_log_ratelimit();
+}
+
+int LZEB_set_log_ratelimit(uint32_t gid, uint32_t multiple) {
+    static constexpr char kOwner[] = "LZEB_set_log_ratelimit";
+    zeb_debug_module_init();
+    if (multiple == 0) {
+        syslog(LOG_INFO, "<3>The input param multiple is zero[%s].\n", kOwner);
+        return -22;
+    }
+    if (gid == kAllGroups) {
+        syslog(LOG_INFO, "<4>Set the number of logs to %d times for every gid[%s].\n",
+               static_cast<int>(multiple), kOwner);
+        LZEB_reset_log_ratelimit();
+        for (GidRecord *g = NextGroup(nullptr); g != nullptr; g = NextGroup(g)) {
+            uint32_t product;
+            if (!Multiply(LoadField(g->state.num), multiple, &product)) {
+                syslog(LOG_INFO,
+                       "<4>The number of logs of gid=%d after you have increased is more than %u, "
+                       "it will only be set to %u [%s].\n",
+                       static_cast<int>(g->gid), 4294967295u, 4294967295u, kOwner);
+            }
+            StoreField(g->state.num, product);
+        }
+        return 0;
+    }
+    GidRecord *record = search_gid_conf(gid);
+    if (record == nullptr) {
+        syslog(LOG_INFO, "<3>%s: gid=%u is inval\n", kOwner, gid);
+        return -22;
+    }
+    uint32_t product;
+    if (!Multiply(LoadField(record->state.baseNum), multiple, &product)) {
+        syslog(LOG_INFO,
+               "<4>The number of logs of gid=%u after you have increased is more than %u, it will "
+               "only be set to %u [%s].\n",
+               gid, 4294967295u, 4294967295u, kOwner);
+    }
+    StoreField(record->state.num, product);
+    return 0;
+}
+
+int LZEB_save_log_ratelimit(void) {
+    zeb_debug_module_init();
+    dbglog::MutexGuard guard(&gid_tree_mutex);
+    GidRecord *cursor = nullptr;
+    return dbglog::SaveConfFile(kLocalFile, NextGroupLine, &cursor, "LZEB_save_log_ratelimit", 852,
+                                871);
+}
+
+int LZEB_set_log_num_interval(uint32_t gid, uint32_t num, uint32_t interval) {
+    static constexpr char kOwner[] = "LZEB_set_log_num_interval";
+    zeb_debug_module_init();
+    if (!GroupIdUsable(gid, kOwner)) {
+        return -22;
+    }
+    GidRecord *record = FindOrAdd(gid);
+    if (record == nullptr) {
+        syslog(LOG_INFO, "%s: gid tree error\n", kOwner);
+        return -1;
+    }
+    StoreField(record->state.interval, interval);
+    StoreField(record->state.num, num);
+    return 0;
+}
+
+int LZEB_get_log_num_interval(uint32_t gid, uint32_t *num, uint32_t *interval) {
+    static constexpr char kOwner[] = "LZEB_get_log_num_interval";
+    zeb_debug_module_init();
+    if (!GroupIdUsable(gid, kOwner)) {
+        return -22;
+    }
+    GidRecord *record = search_gid_conf(gid);
+    if (record == nullptr) {
+        syslog(LOG_INFO, "<3>%s: gid %u is not exist\n", kOwner, gid);
+        return -22;
+    }
+    if (num != nullptr) {
+        *num = LoadField(record->state.num);
+    }
+    if (interval != nullptr) {
+        *interval = LoadField(record->state.interval);
+    }
+    return 0;
 }
 
 }  // extern "C"

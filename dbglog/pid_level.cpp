@@ -1,12 +1,18 @@
 // Per-module table: display names, group bindings and level mirrors, its
 // configuration files, and the kernel module's level requests.
+#include <fcntl.h>
+#include <limits.h>
+#include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <type_traits>
 
 #include "dbglog/internal.h"
 #include "dbglog/zeb_sys.h"
+#include "platform/lzeb_file.h"
+#include "platform/lzeb_mem.h"
 #include "platform/securec.h"
 
 static_assert(std::is_standard_layout_v<PidRecord>);
@@ -26,7 +32,13 @@ pthread_mutex_t pid_tree_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
+using dbglog::LoadField;
 using dbglog::SpinGuard;
+using dbglog::StoreField;
+
+constexpr char kObsoleteFile[] = "/KELM/conf/pid_obsolete.conf";
+constexpr char kGidOfPidFile[] = "/KELM/conf/gid_of_pid.conf";
+constexpr char kLevelFile[] = "/startup_disk/conf/conf_local/pid_log_level.conf";
 
 // Plain descent; the caller holds pid_tree_lock.
 PidRecord *FindLocked(uint32_t pid) {
@@ -42,6 +54,45 @@ PidRecord *FindLocked(uint32_t pid) {
         }
     }
     return nullptr;
+}
+
+// The record after `prev` in id order (the first for null). Each step holds
+// the lock on its own, so a walk never blocks insertions for long; records
+// are never removed, so `prev` stays a valid starting point.
+PidRecord *NextRecord(const PidRecord *prev) {
+    SpinGuard guard(&pid_tree_lock);
+    struct rb_node *node = prev == nullptr ? rb_first(&pid_tree_root) : rb_next(&prev->node);
+    return rb_entry(node, PidRecord, node);
+}
+
+int OpenLevelFileAfresh() {
+    char path[PATH_MAX];
+    int fd = -1;
+    if (zeb_sys_path("/proc/zeb/log_level", path, sizeof path) == 0) {
+        fd = zeb_sys()->kmodOpen(path, O_RDWR);
+    }
+    if (fd < 0) {
+        syslog(LOG_INFO, "open /proc/zeb/log_level fail\n");
+    }
+    return fd;
+}
+
+int ReadPidLine(char *line, uint32_t) {
+    return read_pid_conf_line(line);
+}
+int ReadLevelLine(char *line, uint32_t) {
+    return read_log_level_conf_line(line);
+}
+
+int NextLevelLine(void *ctx, char *buffer, size_t size) {
+    auto **cursor = static_cast<PidRecord **>(ctx);
+    *cursor = NextRecord(*cursor);
+    if (*cursor == nullptr) {
+        return 0;
+    }
+    int rc = snprintf_s(buffer, size, size - 1, "pid=%u,level=%u\n", (*cursor)->pid,
+                        static_cast<unsigned>(LoadField((*cursor)->level)));
+    return rc > 0 ? rc : -1;
 }
 
 }  // namespace
@@ -63,9 +114,171 @@ void dbg_copy_pid_name(const PidRecord *record, char *out) {
     out[DBG_PID_NAME_SIZE - 1] = '\0';
 }
 
-// The configuration files are read by a later change; the table starts empty.
+int add_pid_conf(const PidRecord *tmpl) {
+    if (tmpl == nullptr) {
+        return -22;
+    }
+    auto *record = static_cast<PidRecord *>(__zeb_zmalloc(sizeof(PidRecord)));
+    if (record == nullptr) {
+        syslog(LOG_INFO, "%s: __zeb_zmalloc fail\n", "add_pid_conf");
+        return -12;
+    }
+    int rc = memcpy_s(record, sizeof(PidRecord), tmpl, sizeof(PidRecord));
+    if (rc != 0) {
+        syslog(LOG_INFO, "memcpy_s fail, err is %d in %s func, %d line.\n", rc, "add_pid_conf", 68);
+        free(record);
+        return -1;
+    }
+    record->name[DBG_PID_NAME_SIZE - 1] = '\0';
+    bool exists = false;
+    {
+        SpinGuard guard(&pid_tree_lock);
+        struct rb_node **link = &pid_tree_root.rb_node;
+        struct rb_node *parent = nullptr;
+        while (*link != nullptr && !exists) {
+            parent = *link;
+            const PidRecord *here = rb_entry(parent, PidRecord, node);
+            if (record->pid < here->pid) {
+                link = &parent->rb_left;
+            } else if (record->pid > here->pid) {
+                link = &parent->rb_right;
+            } else {
+                exists = true;
+            }
+        }
+        if (!exists) {
+            rb_link_node(&record->node, parent, link);
+            rb_insert_color(&record->node, &pid_tree_root);
+        }
+    }
+    if (exists) {
+        free(record);  // outside the spin lock: free may take the allocator's lock
+        return -22;
+    }
+    return 0;
+}
+
+void replace_or_add_pid(const PidRecord *tmpl, uint32_t gid) {
+    if (tmpl == nullptr) {
+        return;
+    }
+    PidRecord *record = search_pid_conf(tmpl->pid);
+    if (record == nullptr) {
+        add_pid_conf(tmpl);
+        record = search_pid_conf(tmpl->pid);
+    }
+    if (record == nullptr) {
+        syslog(LOG_INFO, "%s: pid tree error\n", "replace_or_add_pid");
+        return;
+    }
+    if (gid == 0) {
+        return;
+    }
+    GidRecord *group = search_gid_conf(gid);
+    if (group == nullptr) {
+        add_gid_conf(gid);
+        group = search_gid_conf(gid);
+    }
+    if (group != nullptr) {
+        StoreField(record->group, group);
+    }
+}
+
+int read_pid_conf_line(char *line) {
+    if (dbglog::IsSkippedLine(line)) {
+        return 0;
+    }
+    dbglog::CommasToBlanks(line);
+    PidRecord tmpl = {};
+    uint32_t gid = 0;
+    int fields = sscanf_s(line, "pid=%u pid_name=%31s gid=%u\n", &tmpl.pid, tmpl.name,
+                          sizeof tmpl.name, &gid);
+    bool accepted = false;
+    if (fields == 3) {
+        accepted = gid != 0;
+    } else if (fields == 2) {
+        accepted = true;  // a name without a group
+        gid = 0;
+    } else if (fields == 1) {
+        int rc = memset_s(&tmpl, sizeof tmpl, 0, sizeof tmpl);
+        if (rc != 0) {
+            syslog(LOG_INFO, "memset_s failed, err is %d in %s func, %d line.\n", rc,
+                   "read_pid_conf_line", 317);
+            return -1;
+        }
+        gid = 0;
+        accepted = sscanf_s(line, "pid=%u gid=%u\n", &tmpl.pid, &gid) == 2;
+    }
+    if (!accepted || tmpl.pid == 0) {
+        return -22;
+    }
+    replace_or_add_pid(&tmpl, gid);
+    return 0;
+}
+
+int read_log_level_conf_line(char *line) {
+    if (dbglog::IsSkippedLine(line)) {
+        return 0;
+    }
+    dbglog::CommasToBlanks(line);
+    uint32_t pid = 0;
+    uint32_t level = DBG_LEVEL_INFO;
+    if (sscanf_s(line, "pid=%u level=%u\n", &pid, &level) != 2 || pid == 0) {
+        return -22;
+    }
+    const auto byte = static_cast<uint8_t>(level);
+    if (PidRecord *record = search_pid_conf(pid); record != nullptr) {
+        StoreField(record->level, byte);
+        return 0;
+    }
+    PidRecord tmpl = {};
+    tmpl.pid = pid;
+    tmpl.level = byte;
+    add_pid_conf(&tmpl);
+    return 0;
+}
+
+void read_pid_conf(const char *path) {
+    dbglog::ReadConfFile(path, ReadPidLine, 0, "read_pid_conf", "read_pid_conf_line");
+}
+
+void read_log_level_conf(const char *path) {
+    dbglog::ReadConfFile(path, ReadLevelLine, 0, "read_log_level_conf", "read_pid_conf_line");
+}
+
+void read_pid_conf_filename(const char *name) {
+    if (name == nullptr || strlen(name) <= 3 || strncmp(name, "pid_", 4) != 0) {
+        return;
+    }
+    char path[dbglog::kConfLineSize];
+    int rc = snprintf_s(path, sizeof path, sizeof path - 1, "/etc/zeb/pid/%s", name);
+    if (rc < 0) {
+        syslog(LOG_INFO, "snprintf_s fail, err is %d in %s func, %d line.\n", rc,
+               "read_pid_conf_filename", 371);
+        return;
+    }
+    read_pid_conf(path);
+}
+
+void __load_pid_conf(void) {
+    if (!dbglog::ScanPidDirectory(&pid_tree_mutex, read_pid_conf_filename, "__load_pid_conf")) {
+        return;
+    }
+    // After the mutex is released: the level lines insert under the spin lock only.
+    read_log_level_conf(kLevelFile);
+}
+
 void load_pid_conf(void) {
     pthread_spin_init(&pid_tree_lock, PTHREAD_PROCESS_PRIVATE);
+    read_pid_conf(kObsoleteFile);
+    read_pid_conf(kGidOfPidFile);
+    __load_pid_conf();
+}
+
+int save_pid_log_level(void) {
+    dbglog::MutexGuard guard(&pid_tree_mutex);
+    PidRecord *cursor = nullptr;
+    return dbglog::SaveConfFile(kLevelFile, NextLevelLine, &cursor, "save_pid_log_level", 406, 425);
 }
 
 uint32_t DBG_GetPidLevel(uint32_t pid) {
@@ -80,6 +293,135 @@ uint32_t DBG_GetPidLevel(uint32_t pid) {
         return dbg_default_level();
     }
     return request.level;
+}
+
+int DBG_SetPidLevel(uint32_t pid, uint8_t level) {
+    zeb_debug_module_init();
+    PidRecord *record = search_pid_conf(pid);
+    if (iFd_log_level < 0) {
+        return -1;
+    }
+    LogLevelRequest request = {};
+    request.pid = pid;
+    request.level = level;
+    if (zeb_sys()->kmodIoctl(iFd_log_level, ZEB_IOCTL_SET_LEVEL, &request) != 0) {
+        syslog(LOG_INFO, "execute ioctl set log level fail\n");
+        return -1;
+    }
+    if (record == nullptr) {
+        PidRecord tmpl = {};
+        tmpl.pid = pid;
+        replace_or_add_pid(&tmpl, 0);
+        record = search_pid_conf(pid);
+        if (record == nullptr) {
+            syslog(LOG_INFO, "<3>pid not exists,something error[%s].\n", "DBG_SetPidLevel");
+        }
+    }
+    if (record != nullptr) {
+        StoreField(record->level, level);
+    }
+    return 0;
+}
+
+int DBG_GetAllPidLevel(void *array, uint32_t count) {
+    zeb_debug_module_init();
+    if (array == nullptr) {
+        syslog(LOG_INFO, "<3>param array is NULL\n");
+        return -1;
+    }
+    int fd = OpenLevelFileAfresh();
+    if (fd < 0) {
+        return -1;
+    }
+    LogLevelRequest request = {};
+    request.count = count;
+    request.array = reinterpret_cast<uintptr_t>(array);
+    int rc = zeb_sys()->kmodIoctl(fd, ZEB_IOCTL_GET_ALL_LEVELS, &request);
+    LZEB_close(fd);
+    if (rc != 0) {
+        syslog(LOG_INFO, "execute ioctl get all pid log level fail\n");
+        return -1;
+    }
+    return 0;
+}
+
+uint32_t LZEB_get_num_of_pid(void) {
+    zeb_debug_module_init();
+    int fd = OpenLevelFileAfresh();
+    if (fd < 0) {
+        return 0;
+    }
+    LogLevelRequest request = {};
+    int rc = zeb_sys()->kmodIoctl(fd, ZEB_IOCTL_GET_PID_NUM, &request);
+    LZEB_close(fd);
+    if (rc != 0) {
+        syslog(LOG_INFO, "execute ioctl get pid num fail\n");
+        return 0;
+    }
+    return request.count;
+}
+
+int LZEB_save_log_level(void) {
+    zeb_debug_module_init();
+    if (iFd_log_level < 0) {
+        return -1;
+    }
+    LogLevelRequest request = {};
+    if (zeb_sys()->kmodIoctl(iFd_log_level, ZEB_IOCTL_SAVE_LEVELS, &request) != 0) {
+        syslog(LOG_INFO, "execute ioctl get log level fail\n");
+        return -1;
+    }
+    return 0;
+}
+
+const char *DBG_GetPidName(uint32_t pid) {
+    zeb_debug_module_init();
+    static char buf[16];
+    PidRecord *record = search_pid_conf(pid);
+    if (record != nullptr && record->name[0] != '\0') {
+        return record->name;
+    }
+    int rc = snprintf_s(buf, sizeof buf, sizeof buf - 1, "<%u>", pid);
+    if (rc < 0) {
+        syslog(LOG_INFO, "snprintf_s fail, err is %d in %s func, %d line.\n", rc, "DBG_GetPidName",
+               140);
+    }
+    return buf;
+}
+
+void DBG_SetPidName(uint32_t pid, const char *name) {
+    zeb_debug_module_init();
+    if (pid == 0) {
+        syslog(LOG_INFO, "%s: pid is inval\n", "DBG_SetPidName");
+        return;
+    }
+    if (name == nullptr || name[0] == '\0' ||
+        strnlen(name, DBG_PID_NAME_SIZE) >= DBG_PID_NAME_SIZE) {
+        syslog(LOG_INFO, "%s: pid_name is inval\n", "DBG_SetPidName");
+        return;
+    }
+    if (PidRecord *record = search_pid_conf(pid); record != nullptr) {
+        int rc;
+        {
+            SpinGuard guard(&pid_tree_lock);
+            rc = strncpy_s(record->name, DBG_PID_NAME_SIZE, name, DBG_PID_NAME_SIZE - 1);
+            record->name[DBG_PID_NAME_SIZE - 1] = '\0';
+        }
+        if (rc != 0) {
+            syslog(LOG_INFO, "strncpy_s fail, err is %d in %s func, %d line.\n", rc,
+                   "DBG_SetPidName", 169);
+        }
+        return;
+    }
+    PidRecord tmpl = {};
+    tmpl.pid = pid;
+    int rc = strncpy_s(tmpl.name, DBG_PID_NAME_SIZE, name, DBG_PID_NAME_SIZE - 1);
+    if (rc != 0) {
+        syslog(LOG_INFO, "strncpy_s fail, err is %d in %s func, %d line.\n", rc, "DBG_SetPidName",
+               179);
+        return;
+    }
+    add_pid_conf(&tmpl);
 }
 
 }  // extern "C"

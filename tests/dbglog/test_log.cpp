@@ -28,7 +28,7 @@ std::string Record(const std::string &id, const std::string &level, const std::s
 
 // Each test runs in its own process: the library initialises once, below the
 // test's own root.
-class LogTest : public ::testing::Test {
+class DbglogRecord : public ::testing::Test {
   protected:
     void Install(bool withModule, gid_t gid = 0) {
         vt_test::InstallLoggingStandin(root_.path(), withModule);
@@ -42,7 +42,7 @@ class LogTest : public ::testing::Test {
     vt_test::TempRoot root_;
 };
 
-TEST_F(LogTest, LevelsMapToPrioritiesUnderDefaultLevel) {
+TEST_F(DbglogRecord, LevelsMapToPrioritiesUnderDefaultLevel) {
     Start();
     struct Row {
         const char *name;
@@ -72,7 +72,7 @@ TEST_F(LogTest, LevelsMapToPrioritiesUnderDefaultLevel) {
     }
 }
 
-TEST_F(LogTest, RecordIdKeepsLowBitsOfModuleAndFlags) {
+TEST_F(DbglogRecord, RecordIdKeepsLowBitsOfModuleAndFlags) {
     Start();
     struct Row {
         const char *name;
@@ -96,7 +96,7 @@ TEST_F(LogTest, RecordIdKeepsLowBitsOfModuleAndFlags) {
     }
 }
 
-TEST_F(LogTest, TimeStampIsMonotonicSecondsAndMicroseconds) {
+TEST_F(DbglogRecord, TimeStampIsMonotonicSecondsAndMicroseconds) {
     Start();
     vt_test::StandinSetClock(12, 345678901);
     DBG_Log(1014, 2, "F", 1, 0, "t");
@@ -108,7 +108,7 @@ TEST_F(LogTest, TimeStampIsMonotonicSecondsAndMicroseconds) {
     EXPECT_EQ(texts[1].substr(0, 15), "[123456.000000]");
 }
 
-TEST_F(LogTest, LongMessageIsCutAfterDiagnostic) {
+TEST_F(DbglogRecord, LongMessageIsCutAfterDiagnostic) {
     Start();
     const std::string text(200, 'x');
     DBG_Log(1014, 2, "Func", 9, 0, "%s", text.c_str());
@@ -121,7 +121,7 @@ TEST_F(LogTest, LongMessageIsCutAfterDiagnostic) {
               Record("1500003f60000", "ERR", text.substr(0, 159), "<1014>", "Func", 9));
 }
 
-TEST_F(LogTest, FunctionNamesAreShortenedFrom33Characters) {
+TEST_F(DbglogRecord, FunctionNamesAreShortenedFrom33Characters) {
     Start();
     const std::string n32(32, 'a');
     const std::string n33 = std::string(32, 'b') + "Z";
@@ -147,7 +147,7 @@ TEST_F(LogTest, FunctionNamesAreShortenedFrom33Characters) {
     }
 }
 
-TEST_F(LogTest, LzebLogAddsProcessIdAndUsesItsOwnDiagnostic) {
+TEST_F(DbglogRecord, LzebLogAddsProcessIdAndUsesItsOwnDiagnostic) {
     Start();
     const std::string process = std::string(kProcess) + "," + std::to_string(getpid());
     LZEB_log(1014, 4, "F", 2, 0, "hello %s", "there");
@@ -163,7 +163,7 @@ TEST_F(LogTest, LzebLogAddsProcessIdAndUsesItsOwnDiagnostic) {
     EXPECT_EQ(texts, want);
 }
 
-TEST_F(LogTest, KernelLevelZeroMeansDefaultLevel) {
+TEST_F(DbglogRecord, KernelLevelZeroMeansDefaultLevel) {
     Start(true);
     struct Row {
         const char *name;
@@ -191,7 +191,7 @@ TEST_F(LogTest, KernelLevelZeroMeansDefaultLevel) {
               std::vector<std::string>{"execute ioctl get log level fail\n"});
 }
 
-TEST_F(LogTest, GroupZeroProcessInitialisesSharedRecord) {
+TEST_F(DbglogRecord, GroupZeroProcessInitialisesSharedRecord) {
     Install(false);
     // Bytes 8..15 belong to others and must survive initialisation.
     vt_test::WriteProductFile("/dev/shm/dbglog.cfg", std::string(16, '\xAA'));
@@ -220,7 +220,7 @@ std::string InitialisedRecord(uint8_t level) {
     return record;
 }
 
-TEST_F(LogTest, ExistingRecordKeepsItsLevel) {
+TEST_F(DbglogRecord, ExistingRecordKeepsItsLevel) {
     Install(false);
     vt_test::WriteProductFile("/dev/shm/dbglog.cfg", InitialisedRecord(2));
     DBG_Log(1014, 2, "F", 1, 0, "kept");
@@ -231,7 +231,7 @@ TEST_F(LogTest, ExistingRecordKeepsItsLevel) {
     EXPECT_EQ(vt_test::ReadProductFile("/dev/shm/dbglog.cfg").substr(0, 16), InitialisedRecord(2));
 }
 
-TEST_F(LogTest, SetDefaultLevelFromGroupZero) {
+TEST_F(DbglogRecord, SetDefaultLevelFromGroupZero) {
     Start();
     struct Row {
         const char *name;
@@ -263,7 +263,7 @@ TEST_F(LogTest, SetDefaultLevelFromGroupZero) {
     EXPECT_TRUE(CapturedSyslog().empty());
 }
 
-TEST_F(LogTest, OtherGroupUsesRecordAsFoundAndMayNotChangeIt) {
+TEST_F(DbglogRecord, OtherGroupUsesRecordAsFoundAndMayNotChangeIt) {
     Install(false, 1000);
     vt_test::WriteProductFile("/dev/shm/dbglog.cfg", InitialisedRecord(3));
     zeb_debug_module_init();
@@ -277,7 +277,7 @@ TEST_F(LogTest, OtherGroupUsesRecordAsFoundAndMayNotChangeIt) {
     EXPECT_TRUE(CapturedSyslog().empty());
 }
 
-TEST_F(LogTest, WithoutSharedRecordInfoIsTheDefault) {
+TEST_F(DbglogRecord, WithoutSharedRecordInfoIsTheDefault) {
     // Another group cannot create the record: banner, then level 4 applies.
     Install(false, 1000);
     zeb_debug_module_init();
@@ -303,7 +303,7 @@ TEST_F(LogTest, WithoutSharedRecordInfoIsTheDefault) {
               std::vector<std::string>{Record("1500003f60000", "INFO", "info", "<1014>", "F", 1)});
 }
 
-TEST_F(LogTest, LevelNames) {
+TEST_F(DbglogRecord, LevelNames) {
     Start();
     const std::pair<uint8_t, const char *> rows[] = {{0, "Default"}, {1, "CRI"},      {2, "ERR"},
                                                      {3, "WARN"},    {4, "INFO"},     {5, "DBG"},
