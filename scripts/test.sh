@@ -41,6 +41,15 @@ build_and_test() {
 build_and_test build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 build_and_test build-asan -DCMAKE_BUILD_TYPE=Debug -DVT_SANITIZE=ON
 
+# ThreadSanitizer: only the logging library shares state between threads.
+log "configure build-tsan"
+rm -rf build-tsan
+cmake -S "$root" -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVT_TSAN=ON
+log "build build-tsan"
+cmake --build build-tsan -j "$jobs" --target dbglog_tests
+log "test build-tsan"
+ctest --test-dir build-tsan --output-on-failure -j "$jobs" --timeout 600 -R '^Dbglog'
+
 log "fuzz"
 scripts/fuzz.sh 30
 
