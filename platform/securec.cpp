@@ -136,7 +136,7 @@ bool FormatHasPercentN(const char *format) {
 // ---------------------------------------------------------------------------
 // Scanning
 
-// One conversion specification of a scanf format, from its '%' to the end of
+// One conversion of a scanf format, from its '%' to the end of
 // its conversion character (or of its scan set).
 struct ScanItem {
     const char *start = nullptr;
@@ -165,7 +165,7 @@ bool IsWide(const ScanItem &item) {
     return item.lengthLen == 1 && item.length[0] == 'l';
 }
 
-// Parses the specification starting at `p` (a '%'). Returns false for what
+// Parses the conversion starting at `p` (a '%'). Returns false for what
 // this routine does not scan: an unterminated or unknown conversion, the
 // positional form "%m$", and glibc's allocating 'm' modifier (it takes no
 // size argument).

@@ -1,4 +1,4 @@
-// Part 7.1: tagged memory allocation and its syslog reports.
+// tagged memory allocation and its syslog reports.
 #include "platform/lzeb_mem.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Part 7.5: bounds-checked memory and string routines. One table per routine:
+// bounds-checked memory and string routines. One table per routine:
 // named rows of (destination, destMax, source, count) -> result and the bytes
 // the destination holds afterwards.
 #include "platform/securec.h"
@@ -155,7 +155,7 @@ TEST(MemcpyS, VariantsAgreeForEveryCountUpTo100) {
 
 // ---------------------------------------------------------------------------
 // memset_s: the row's `literal` is unused; the fill byte is 'a' except where
-// the spec's example uses 0 (srcOffset carries the fill byte).
+// the logging path uses 0 (srcOffset carries the fill byte).
 
 struct MemsetRow {
     const char *name;
@@ -296,7 +296,7 @@ TEST(StrncpyS, Table) {
     }
 }
 
-// The specification's example: strncpy_s(d, 256, s, 255) with 300 characters.
+// The logging path's case: strncpy_s(d, 256, s, 255) with 300 characters.
 TEST(StrncpyS, LongSourceCutAtCount) {
     std::string src(300, 'q');
     char dest[256];
@@ -482,7 +482,7 @@ struct IntScanRow {
 };
 
 const std::vector<IntScanRow> kIntScanRows = {
-    {"spec: pid and level", "pid=3 level=5", "pid=%u level=%u\n", 2, 3, 5},
+    {"pid and level", "pid=3 level=5", "pid=%u level=%u\n", 2, 3, 5},
     {"literal mismatch after the first field", "pid=3 lvl=5", "pid=%u level=%u", 1, 3, -1},
     {"input ends inside the literal before the first field", "pid", "pid=%u level=%u", -1, -1, -1},
     {"no match at all", "x", "pid=%u", 0, -1, -1},
