@@ -1,4 +1,4 @@
-// tagged memory allocation and its syslog reports.
+// Tagged memory allocation and its syslog reports.
 #include "platform/lzeb_mem.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// file and mapped-file helpers. Every file lives in a temporary
+// File and mapped-file helpers. Every file lives in a temporary
 // directory removed at the end of each test.
 #include "platform/lzeb_file.h"
 

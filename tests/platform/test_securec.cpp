@@ -1,4 +1,4 @@
-// bounds-checked memory and string routines. One table per routine:
+// Bounds-checked memory and string routines. One table per routine:
 // named rows of (destination, destMax, source, count) -> result and the bytes
 // the destination holds afterwards.
 #include "platform/securec.h"
