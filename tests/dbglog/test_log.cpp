@@ -303,14 +303,4 @@ TEST_F(DbglogRecord, WithoutSharedRecordInfoIsTheDefault) {
               std::vector<std::string>{Record("1500003f60000", "INFO", "info", "<1014>", "F", 1)});
 }
 
-TEST_F(DbglogRecord, LevelNames) {
-    Start();
-    const std::pair<uint8_t, const char *> rows[] = {{0, "Default"}, {1, "CRI"},      {2, "ERR"},
-                                                     {3, "WARN"},    {4, "INFO"},     {5, "DBG"},
-                                                     {6, "Default"}, {255, "Default"}};
-    for (const auto &[level, name] : rows) {
-        EXPECT_STREQ(DBG_GetLevelName(level), name) << int(level);
-    }
-}
-
 }  // namespace
