@@ -1,4 +1,4 @@
-// Certificates: every field and extension value is written from the spec's
+// Certificates: every field and extension value is written from the CertSpec's
 // raw form; OpenSSL only assembles and signs.
 #include "tools/testpki/internal.h"
 

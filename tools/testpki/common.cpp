@@ -151,7 +151,9 @@ ExtensionPtr MakeExtension(const std::string &oid, bool critical, std::span<cons
 Key Key::FromPem(std::string_view pem) {
     BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
     Check(bio != nullptr, "BIO_new_mem_buf");
-    PkeyPtr pkey(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
+    // An encrypted key fails instead of prompting on the terminal.
+    pem_password_cb *noPassword = [](char *, int, int, void *) { return 0; };
+    PkeyPtr pkey(PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr));
     Check(pkey != nullptr, "no private key in PEM text");
     return Key(std::move(pkey));
 }

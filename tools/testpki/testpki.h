@@ -2,10 +2,11 @@
 // seed corpora and the example scripts feed to the verifier, through real
 // OpenSSL. Test support only: never linked into the product.
 //
-// Specs are plain values with usable defaults; builders return DER. Every
-// field that a decoder might trip over (serial octets, time strings, key
-// usage octets, extension order) is written exactly as given, even when it
-// is not valid DER or X.509, so negative cases can be made on purpose.
+// CertSpec and CrlSpec are plain values with usable defaults; builders return
+// DER. Every field that a decoder might trip over (serial octets, time
+// strings, key usage octets, extension order) is written exactly as given,
+// even when it is not valid DER or X.509, so negative cases can be made on
+// purpose.
 // Failures throw testpki::Error with the OpenSSL reason attached.
 #pragma once
 
