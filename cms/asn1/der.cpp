@@ -743,51 +743,49 @@ constexpr DorvexAsnTempl g_templDorvexX509ExtensionEntry[] = {
     MakeRow(&g_itemDorvexAsnOcts, 0, offsetof(DorvexX509ExtensionEntry, extnValue)),
 };
 
+// An item without rows: function slot, expected tag, record size.
+constexpr DorvexAsnItem Leaf(const DorvexAsnFunc *func, uint32_t tagClass, uint32_t constructed,
+                             uint32_t number, uint32_t recordSize) {
+    return DorvexAsnItem{nullptr, func, tagClass, constructed, number, 0, recordSize};
+}
+
+// A universal constructed item read through a template.
 template <size_t N>
-constexpr uint32_t RowCount(const DorvexAsnTempl (&)[N]) {
-    return static_cast<uint32_t>(N);
+constexpr DorvexAsnItem Structured(const DorvexAsnTempl (&rows)[N], const DorvexAsnFunc *func,
+                                   uint32_t number, uint32_t recordSize) {
+    return DorvexAsnItem{rows, func, kUniv, 1, number, static_cast<uint32_t>(N), recordSize};
 }
 
 }  // namespace
 
-// Items: templ, func, class, constructed, number, rows, record size.
-constexpr DorvexAsnItem g_itemDorvexAsnOcts = {
-    nullptr, &g_drxAsnFuncOct, kAny, kAny, DRX_ASN_ANY_TAG, 0, sizeof(DorvexAsnOcts)};
-constexpr DorvexAsnItem g_itemDorvexAsnBigint = {
-    nullptr, &g_drxAsnFuncOct, kUniv, 0, DRX_ASN_INTEGER, 0, sizeof(DorvexAsnBigint)};
-constexpr DorvexAsnItem g_itemDorvexAsnSeq = {
-    nullptr, &g_drxAsnFuncOct, kUniv, 1, DRX_ASN_SEQUENCE, 0, sizeof(DorvexAsnOcts)};
-constexpr DorvexAsnItem g_itemDorvexAsnSet = {nullptr, &g_drxAsnFuncOct,     kUniv, 1, DRX_ASN_SET,
-                                              0,       sizeof(DorvexAsnOcts)};
-constexpr DorvexAsnItem g_itemDorvexAsnBits = {
-    nullptr, &g_drxAsnFuncBits, kUniv, 0, DRX_ASN_BIT_STRING, 0, sizeof(DorvexAsnBits)};
-constexpr DorvexAsnItem g_itemDorvexAsnInt = {
-    nullptr, &g_drxAsnFuncInt, kUniv, 0, DRX_ASN_INTEGER, 0, sizeof(DorvexAsnInt)};
-constexpr DorvexAsnItem g_itemDorvexAsnEnum = {
-    nullptr, &g_drxAsnFuncInt, kUniv, 0, DRX_ASN_ENUMERATED, 0, sizeof(DorvexAsnInt)};
-constexpr DorvexAsnItem g_itemDorvexAsnBool = {
-    nullptr, &g_drxAsnFuncInt, kUniv, 0, DRX_ASN_BOOLEAN, 0, sizeof(DorvexAsnInt)};
-constexpr DorvexAsnItem g_itemDorvexAsnOidBundle = {
-    g_templDorvexAsnOidBundle,           &g_drxAsnFuncSetOf,        kUniv, 1, DRX_ASN_SEQUENCE,
-    RowCount(g_templDorvexAsnOidBundle), sizeof(DorvexAsnOidBundle)};
-constexpr DorvexAsnItem g_itemDorvexAsnExku = {nullptr, &g_drxAsnFuncExku, kUniv, 0, DRX_ASN_OID,
-                                               0,       sizeof(uint32_t)};
-constexpr DorvexAsnItem g_itemDorvexAsnBitsToInt = {
-    nullptr, &g_drxAsnFuncBitsToInt, kUniv, 0, DRX_ASN_BIT_STRING, 0, sizeof(uint32_t)};
-constexpr DorvexAsnItem g_itemDorvexX509AlgoIdentifier = {g_templDorvexX509AlgoIdentifier,
-                                                          &g_drxAsnFuncSeq,
-                                                          kUniv,
-                                                          1,
-                                                          DRX_ASN_SEQUENCE,
-                                                          RowCount(g_templDorvexX509AlgoIdentifier),
-                                                          sizeof(DorvexX509AlgoIdentifier)};
-constexpr DorvexAsnItem g_itemDorvexX509ExtensionEntry = {g_templDorvexX509ExtensionEntry,
-                                                          &g_drxAsnFuncSeq,
-                                                          kUniv,
-                                                          1,
-                                                          DRX_ASN_SEQUENCE,
-                                                          RowCount(g_templDorvexX509ExtensionEntry),
-                                                          sizeof(DorvexX509ExtensionEntry)};
+constexpr DorvexAsnItem g_itemDorvexAsnOcts =
+    Leaf(&g_drxAsnFuncOct, kAny, kAny, DRX_ASN_ANY_TAG, sizeof(DorvexAsnOcts));
+constexpr DorvexAsnItem g_itemDorvexAsnBigint =
+    Leaf(&g_drxAsnFuncOct, kUniv, 0, DRX_ASN_INTEGER, sizeof(DorvexAsnBigint));
+constexpr DorvexAsnItem g_itemDorvexAsnSeq =
+    Leaf(&g_drxAsnFuncOct, kUniv, 1, DRX_ASN_SEQUENCE, sizeof(DorvexAsnOcts));
+constexpr DorvexAsnItem g_itemDorvexAsnSet =
+    Leaf(&g_drxAsnFuncOct, kUniv, 1, DRX_ASN_SET, sizeof(DorvexAsnOcts));
+constexpr DorvexAsnItem g_itemDorvexAsnBits =
+    Leaf(&g_drxAsnFuncBits, kUniv, 0, DRX_ASN_BIT_STRING, sizeof(DorvexAsnBits));
+constexpr DorvexAsnItem g_itemDorvexAsnInt =
+    Leaf(&g_drxAsnFuncInt, kUniv, 0, DRX_ASN_INTEGER, sizeof(DorvexAsnInt));
+constexpr DorvexAsnItem g_itemDorvexAsnEnum =
+    Leaf(&g_drxAsnFuncInt, kUniv, 0, DRX_ASN_ENUMERATED, sizeof(DorvexAsnInt));
+constexpr DorvexAsnItem g_itemDorvexAsnBool =
+    Leaf(&g_drxAsnFuncInt, kUniv, 0, DRX_ASN_BOOLEAN, sizeof(DorvexAsnInt));
+constexpr DorvexAsnItem g_itemDorvexAsnExku =
+    Leaf(&g_drxAsnFuncExku, kUniv, 0, DRX_ASN_OID, sizeof(uint32_t));
+constexpr DorvexAsnItem g_itemDorvexAsnBitsToInt =
+    Leaf(&g_drxAsnFuncBitsToInt, kUniv, 0, DRX_ASN_BIT_STRING, sizeof(uint32_t));
+constexpr DorvexAsnItem g_itemDorvexAsnOidBundle = Structured(
+    g_templDorvexAsnOidBundle, &g_drxAsnFuncSetOf, DRX_ASN_SEQUENCE, sizeof(DorvexAsnOidBundle));
+constexpr DorvexAsnItem g_itemDorvexX509AlgoIdentifier =
+    Structured(g_templDorvexX509AlgoIdentifier, &g_drxAsnFuncSeq, DRX_ASN_SEQUENCE,
+               sizeof(DorvexX509AlgoIdentifier));
+constexpr DorvexAsnItem g_itemDorvexX509ExtensionEntry =
+    Structured(g_templDorvexX509ExtensionEntry, &g_drxAsnFuncSeq, DRX_ASN_SEQUENCE,
+               sizeof(DorvexX509ExtensionEntry));
 
 static_assert(drx_asn::ItemFits(g_itemDorvexAsnOidBundle));
 static_assert(drx_asn::ItemFits(g_itemDorvexX509AlgoIdentifier));
