@@ -1,0 +1,306 @@
+// SHA-2 digests and RSA PKCS #1 v1.5 signature verification over OpenSSL 3.
+#include "cms/adapt/provider.h"
+
+#include <openssl/core_names.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/param_build.h>
+
+#include <stdint.h>
+#include <string.h>
+
+#include <memory>
+#include <type_traits>
+
+#include "cms/adapt/adapt.h"
+#include "dbglog/dbglog.h"
+
+struct DorvexMdCtx {
+    EVP_MD_CTX *mdCtx;  // null until DorvexMdInit
+};
+
+struct DorvexCryptoVerifyCtx {
+    EVP_MD_CTX *mdCtx;  // null until DorvexCryptoVerifyInit
+    EVP_PKEY *pkey;     // RSA public key; null unless Init succeeded
+};
+
+// Both records come zero-filled from DorvexMalloc and are never constructed.
+static_assert(std::is_standard_layout_v<DorvexMdCtx> && std::is_trivial_v<DorvexMdCtx>);
+static_assert(std::is_standard_layout_v<DorvexCryptoVerifyCtx> &&
+              std::is_trivial_v<DorvexCryptoVerifyCtx>);
+static_assert(std::is_standard_layout_v<DorvexBigInt> && sizeof(DorvexBigInt) == 4 + 512);
+
+// The provider logs straight to the debug log, under its own function name.
+#define DRX_PROVIDER_LOG_ERR(message) \
+    DBG_Log(DORVEX_MODULE_ID, DBG_LEVEL_ERR, __func__, __LINE__, 0, message)
+
+namespace {
+
+// The library's fixed ids of the digests (AOID_SHA256/384/512 of the
+// identifier table); the provider sits below that table and keeps its own copy.
+constexpr uint32_t kAoidSha256 = 43;
+constexpr uint32_t kAoidSha384 = 44;
+constexpr uint32_t kAoidSha512 = 45;
+
+struct DigestRow {
+    uint32_t aoid;
+    const EVP_MD *(*md)(void);
+};
+
+constexpr DigestRow g_drxDigestTable[] = {
+    {kAoidSha256, EVP_sha256},
+    {kAoidSha384, EVP_sha384},
+    {kAoidSha512, EVP_sha512},
+};
+
+template <auto FreeFn>
+struct OpensslFree {
+    template <typename T>
+    void operator()(T *p) const {
+        FreeFn(p);
+    }
+};
+using BnPtr = std::unique_ptr<BIGNUM, OpensslFree<BN_free>>;
+using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, OpensslFree<OSSL_PARAM_BLD_free>>;
+using ParamPtr = std::unique_ptr<OSSL_PARAM, OpensslFree<OSSL_PARAM_free>>;
+using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, OpensslFree<EVP_PKEY_CTX_free>>;
+
+// InternalBuildRsaKey: an RSA public key (plain RSA, so PKCS #1 v1.5
+// padding applies, never PSS) from big-endian exponent and modulus bytes;
+// null when a length is out of range or OpenSSL fails. The caller owns the key.
+EVP_PKEY *InternalBuildRsaKey(const DorvexBigInt &exponent, const DorvexBigInt &modulus) {
+    // The record holds 512 bytes whatever its length field says.
+    if (exponent.len > DORVEX_BIGINT_MAX_LEN || modulus.len > DORVEX_BIGINT_MAX_LEN) {
+        return nullptr;
+    }
+    BnPtr n(BN_bin2bn(modulus.data, static_cast<int>(modulus.len), nullptr));
+    BnPtr e(BN_bin2bn(exponent.data, static_cast<int>(exponent.len), nullptr));
+    ParamBldPtr bld(OSSL_PARAM_BLD_new());
+    if (n == nullptr || e == nullptr || bld == nullptr ||
+        OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, n.get()) != 1 ||
+        OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) != 1) {
+        return nullptr;
+    }
+    ParamPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
+    PkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
+    if (params == nullptr || pctx == nullptr || EVP_PKEY_fromdata_init(pctx.get()) != 1) {
+        return nullptr;
+    }
+    EVP_PKEY *pkey = nullptr;
+    if (EVP_PKEY_fromdata(pctx.get(), &pkey, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
+        EVP_PKEY_free(pkey);
+        return nullptr;
+    }
+    return pkey;
+}
+
+// InternalDigestStarted: whether the digest context exists and has been
+// started (EVP_DigestFinal resets it, so it also answers false after Final).
+bool InternalDigestStarted(const EVP_MD_CTX *mdCtx) {
+    return mdCtx != nullptr && EVP_MD_CTX_get0_md(mdCtx) != nullptr;
+}
+
+}  // namespace
+
+extern "C" const EVP_MD *DrxGetOpensslEvpmd(uint32_t hashAlgorithm) {
+    for (const auto &row : g_drxDigestTable) {
+        if (row.aoid == hashAlgorithm) {
+            return row.md();
+        }
+    }
+    return nullptr;
+}
+
+extern "C" void DrxOpensslUnint(void) {}
+
+// ---- Digest context --------------------------------------------------------
+
+extern "C" uint32_t DorvexMdCreateCtx(DorvexMdCtx **out) {
+    if (out == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    void *block = nullptr;
+    uint32_t ret = DorvexMalloc(&block, sizeof(DorvexMdCtx));
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    *out = static_cast<DorvexMdCtx *>(block);
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexMdInit(DorvexMdCtx *ctx, uint32_t hashAlgorithm) {
+    if (ctx == nullptr) {
+        return DORVEX_FAIL;
+    }
+    // A second Init starts over rather than leaking the first digest context.
+    EVP_MD_CTX_free(ctx->mdCtx);
+    ctx->mdCtx = EVP_MD_CTX_new();
+    if (ctx->mdCtx == nullptr) {
+        DRX_PROVIDER_LOG_ERR("Failed to connect handler with hash algo.");
+        return DORVEX_FAIL;
+    }
+    EVP_MD_CTX_reset(ctx->mdCtx);
+    const EVP_MD *md = DrxGetOpensslEvpmd(hashAlgorithm);
+    if (md == nullptr) {
+        DRX_PROVIDER_LOG_ERR("Failed to get openssl evp handler.");
+        return DORVEX_FAIL;
+    }
+    if (EVP_DigestInit_ex(ctx->mdCtx, md, nullptr) != 1) {
+        DRX_PROVIDER_LOG_ERR("Failed to connect handler with hash algo.");
+        return DORVEX_FAIL;
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexMdUpdate(DorvexMdCtx *ctx, const uint8_t *data, uint32_t length) {
+    if (ctx == nullptr) {
+        return DORVEX_FAIL;
+    }
+    if (data == nullptr || length == 0) {
+        return DORVEX_OK;
+    }
+    // An unstarted context has no update function to call.
+    if (!InternalDigestStarted(ctx->mdCtx) || EVP_DigestUpdate(ctx->mdCtx, data, length) != 1) {
+        DRX_PROVIDER_LOG_ERR("Failed to update handler.");
+        return DORVEX_FAIL;
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexMdFinal(DorvexMdCtx *ctx, uint8_t *digest, uint32_t *digestLength,
+                                  uint32_t *digestCapacity) {
+    if (ctx == nullptr || digest == nullptr || digestLength == nullptr ||
+        digestCapacity == nullptr) {
+        return DORVEX_FAIL;
+    }
+    // Callers pass 64 bytes, enough for every digest here; a smaller
+    // capacity is refused rather than overrun.
+    if (!InternalDigestStarted(ctx->mdCtx) ||
+        static_cast<uint64_t>(EVP_MD_CTX_get_size(ctx->mdCtx)) > *digestCapacity ||
+        EVP_DigestFinal(ctx->mdCtx, digest, digestLength) != 1) {
+        DRX_PROVIDER_LOG_ERR("Failed to get final md.");
+        return DORVEX_FAIL;
+    }
+    return DORVEX_OK;
+}
+
+extern "C" void DorvexMdDestoryCtx(DorvexMdCtx *ctx) {
+    if (ctx == nullptr) {
+        return;
+    }
+    EVP_MD_CTX_free(ctx->mdCtx);
+    DorvexFree(ctx);
+}
+
+// ---- Signature-verification context ---------------------------------------
+
+extern "C" uint32_t DorvexCryptoVerifyCreateCtx(DorvexCryptoVerifyCtx **out) {
+    if (out == nullptr) {
+        return DORVEX_FAIL;
+    }
+    void *block = nullptr;
+    if (DorvexMalloc(&block, sizeof(DorvexCryptoVerifyCtx)) != DORVEX_OK) {
+        return DORVEX_FAIL;
+    }
+    *out = static_cast<DorvexCryptoVerifyCtx *>(block);
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexCryptoVerifyInit(DorvexCryptoVerifyCtx *ctx, const DorvexBigInt *exponent,
+                                           const DorvexBigInt *modulus, uint32_t hashAlgorithm) {
+    if (ctx == nullptr || exponent == nullptr || modulus == nullptr) {
+        return DORVEX_FAIL;
+    }
+    // A second Init starts over rather than leaking the first key and digest.
+    EVP_PKEY_free(ctx->pkey);
+    ctx->pkey = nullptr;
+    EVP_MD_CTX_free(ctx->mdCtx);
+    ctx->mdCtx = nullptr;
+
+    ctx->pkey = InternalBuildRsaKey(*exponent, *modulus);
+    if (ctx->pkey == nullptr) {
+        ERR_clear_error();
+        DRX_PROVIDER_LOG_ERR("Failed to build rsa public key.");
+        return DORVEX_FAIL;
+    }
+    const EVP_MD *md = DrxGetOpensslEvpmd(hashAlgorithm);
+    if (md == nullptr) {
+        DRX_PROVIDER_LOG_ERR("Failed to get algo handler.");
+        EVP_PKEY_free(ctx->pkey);
+        ctx->pkey = nullptr;
+        return DORVEX_FAIL;
+    }
+    // The digest context stays in the record on failure; Destroy frees it.
+    ctx->mdCtx = EVP_MD_CTX_new();
+    if (ctx->mdCtx == nullptr || EVP_DigestInit_ex(ctx->mdCtx, md, nullptr) != 1) {
+        DRX_PROVIDER_LOG_ERR("Failed to bind algo handler to ctx.");
+        EVP_PKEY_free(ctx->pkey);
+        ctx->pkey = nullptr;
+        return DORVEX_FAIL;
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexCryptoVerifyUpdate(DorvexCryptoVerifyCtx *ctx, const uint8_t *data,
+                                             uint32_t length) {
+    if (ctx == nullptr) {
+        return DORVEX_FAIL;
+    }
+    if (!InternalDigestStarted(ctx->mdCtx) || (data == nullptr && length != 0) ||
+        EVP_DigestUpdate(ctx->mdCtx, data, length) != 1) {
+        DRX_PROVIDER_LOG_ERR("Failed to update signature data.");
+        return DORVEX_FAIL;
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexCryptoVerifyFinal(DorvexCryptoVerifyCtx *ctx, const uint8_t *signature,
+                                            uint32_t signatureLength, uint32_t *valid) {
+    if (ctx == nullptr) {
+        return DORVEX_FAIL;
+    }
+    if (ctx->pkey == nullptr || valid == nullptr || signature == nullptr ||
+        !InternalDigestStarted(ctx->mdCtx)) {
+        return DORVEX_FAIL;
+    }
+    // Encoders may drop a signature's leading zero bytes, while OpenSSL wants
+    // exactly the modulus length. Rounding up to a multiple of 4 restores
+    // them for the key sizes in use (2048 and 4096 bits).
+    uint32_t paddedLength = (signatureLength + 3u) & ~3u;
+    int rc;
+    if (paddedLength == signatureLength) {
+        rc =
+            EVP_VerifyFinal_ex(ctx->mdCtx, signature, signatureLength, ctx->pkey, nullptr, nullptr);
+    } else {
+        // A length within 3 of 2^32 wraps around; no buffer can be made then.
+        if (paddedLength < signatureLength) {
+            return DORVEX_FAIL;
+        }
+        void *block = nullptr;
+        if (DorvexMalloc(&block, paddedLength) != DORVEX_OK || block == nullptr) {
+            return DORVEX_FAIL;
+        }
+        auto *padded = static_cast<uint8_t *>(block);
+        uint32_t zeros = paddedLength - signatureLength;
+        memset(padded, 0, zeros);
+        memcpy(padded + zeros, signature, signatureLength);
+        rc = EVP_VerifyFinal_ex(ctx->mdCtx, padded, paddedLength, ctx->pkey, nullptr, nullptr);
+        DorvexFree(block);
+    }
+    // A bad signature and an OpenSSL error are the same verdict; leave no
+    // stale errors behind for the next OpenSSL user in this thread.
+    *valid = rc == 1 ? 1u : 0u;
+    if (rc != 1) {
+        ERR_clear_error();
+    }
+    return DORVEX_OK;
+}
+
+extern "C" void DorvexCryptoVerifyDestroyCtx(DorvexCryptoVerifyCtx *ctx) {
+    if (ctx == nullptr) {
+        return;
+    }
+    EVP_MD_CTX_free(ctx->mdCtx);
+    EVP_PKEY_free(ctx->pkey);
+    DorvexFree(ctx);
+}

@@ -1,0 +1,107 @@
+// Crypto provider of the CMS library: SHA-2 digests and RSA (PKCS #1 v1.5)
+// signature verification over OpenSSL libcrypto.
+//
+// This is the only code of the library that touches OpenSSL. Callers work
+// with the library's algorithm ids (AOID_SHA256/384/512) and byte buffers;
+// the contexts are opaque and no OpenSSL type appears in their interface.
+//
+// Both contexts are used in the order Create, Init, Update (any number of
+// times), Final, Destroy. The owner always calls Destroy, also after a
+// failed Init, Update or Final; a context is not reusable after Final.
+// Apart from DorvexMdCreateCtx, the functions answer 0 or DORVEX_FAIL (-1)
+// and log their own failures through DBG_Log (module 1014, level error).
+#ifndef CMS_ADAPT_PROVIDER_H
+#define CMS_ADAPT_PROVIDER_H
+
+#include <stdint.h>
+
+#include "cms/dorvex_errno.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Largest RSA modulus or exponent, in bytes (4096 bits).
+#define DORVEX_BIGINT_MAX_LEN 512u
+
+// Big-endian magnitude of an RSA modulus or exponent: the first `len`
+// bytes of `data` are significant.
+typedef struct DorvexBigInt {
+    uint32_t len;  // at most DORVEX_BIGINT_MAX_LEN
+    uint8_t data[DORVEX_BIGINT_MAX_LEN];
+} DorvexBigInt;
+
+typedef struct DorvexMdCtx DorvexMdCtx;
+typedef struct DorvexCryptoVerifyCtx DorvexCryptoVerifyCtx;
+
+// ---- Digest context --------------------------------------------------------
+
+// DorvexMdCreateCtx: a new, zero-filled digest context in *out.
+// DORVEX_ERR_PARAM for a null `out`, DORVEX_ERR_MALLOC when memory runs out.
+uint32_t DorvexMdCreateCtx(DorvexMdCtx **out);
+
+// DorvexMdInit: starts a digest of `hashAlgorithm` (AOID_SHA256, AOID_SHA384
+// or AOID_SHA512); -1 for a null context or any other id.
+uint32_t DorvexMdInit(DorvexMdCtx *ctx, uint32_t hashAlgorithm);
+
+// DorvexMdUpdate: hashes `length` bytes of `data`. Null data or a length of
+// 0 does nothing and succeeds. -1 for a null or unstarted context.
+uint32_t DorvexMdUpdate(DorvexMdCtx *ctx, const uint8_t *data, uint32_t length);
+
+// DorvexMdFinal: writes the digest (32, 48 or 64 bytes) to `digest` and its
+// length to *digestLength. *digestCapacity is the size of `digest`; callers
+// pass 64, which fits every digest here. -1 for a null argument, an
+// unstarted context or a capacity below the digest's length.
+uint32_t DorvexMdFinal(DorvexMdCtx *ctx, uint8_t *digest, uint32_t *digestLength,
+                       uint32_t *digestCapacity);
+
+// DorvexMdDestoryCtx: releases the context in any state; null is ignored.
+void DorvexMdDestoryCtx(DorvexMdCtx *ctx);
+
+// ---- Signature-verification context ---------------------------------------
+
+// DorvexCryptoVerifyCreateCtx: a new, zero-filled verification context in
+// *out; -1 for a null `out` or when memory runs out.
+uint32_t DorvexCryptoVerifyCreateCtx(DorvexCryptoVerifyCtx **out);
+
+// DorvexCryptoVerifyInit: sets the RSA public key (exponent first, modulus
+// second; each at most 512 bytes) and starts hashing with `hashAlgorithm`
+// (AOID_SHA256/384/512). -1 on any failure; the context then holds no key.
+uint32_t DorvexCryptoVerifyInit(DorvexCryptoVerifyCtx *ctx, const DorvexBigInt *exponent,
+                                const DorvexBigInt *modulus, uint32_t hashAlgorithm);
+
+// DorvexCryptoVerifyUpdate: hashes `length` bytes of the signed data.
+// -1 for a null or unstarted context, or null data with a non-zero length.
+uint32_t DorvexCryptoVerifyUpdate(DorvexCryptoVerifyCtx *ctx, const uint8_t *data, uint32_t length);
+
+// DorvexCryptoVerifyFinal: checks an RSA PKCS #1 v1.5 signature over the
+// data hashed so far. Returns 0 when the check was carried out, with *valid
+// 1 for a good signature and 0 otherwise (a bad signature is no failure).
+// A signature whose length is not a multiple of 4 gets 1 to 3 zero bytes in
+// front, so one that lost its leading zero bytes is checked at the modulus
+// length again (for moduli whose length is a multiple of 4).
+// -1 for a null context, key, signature or `valid`, or when the padded copy
+// cannot be made; *valid is then untouched.
+uint32_t DorvexCryptoVerifyFinal(DorvexCryptoVerifyCtx *ctx, const uint8_t *signature,
+                                 uint32_t signatureLength, uint32_t *valid);
+
+// DorvexCryptoVerifyDestroyCtx: releases the context in any state; null is ignored.
+void DorvexCryptoVerifyDestroyCtx(DorvexCryptoVerifyCtx *ctx);
+
+// ---- Mapping and teardown --------------------------------------------------
+
+struct evp_md_st;  // OpenSSL's EVP_MD
+
+// DrxGetOpensslEvpmd: OpenSSL's digest for AOID_SHA256/384/512, null for any
+// other id.
+const struct evp_md_st *DrxGetOpensslEvpmd(uint32_t hashAlgorithm);
+
+// DrxOpensslUnint: teardown hook of the provider. OpenSSL 3 needs no global
+// set-up or teardown from us, so it does nothing.
+void DrxOpensslUnint(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif  // CMS_ADAPT_PROVIDER_H
