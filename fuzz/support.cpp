@@ -1,8 +1,45 @@
-// Linked into every harness: the libraries' log records are dropped, so that
-// millions of rejected inputs neither slow the run down nor fill the host's
-// system log. Their formatting still runs, which is what matters here.
+// Linked into every harness.
+//
+// The libraries' log records are dropped, so that millions of rejected inputs
+// neither slow the run down nor fill the host's system log; their formatting
+// still runs, which is what matters here. The logging library's product paths
+// (/dev/shm/dbglog.cfg and its configuration files) are moved under a scratch
+// directory that is removed at exit, so a fuzzing run leaves the host alone.
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <string>
+
+#include "dbglog/zeb_sys.h"
+
+namespace {
+
+std::string g_root;
+ZebSys g_sys;
+
+void RemoveScratchRoot() {
+    std::error_code ignored;
+    std::filesystem::remove_all(g_root, ignored);
+}
+
+__attribute__((constructor)) void InstallScratchRoot() {
+    char pattern[] = "/tmp/vt_fuzz_XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+        perror("mkdtemp");
+        abort();
+    }
+    g_root = pattern;
+    std::error_code ignored;
+    std::filesystem::create_directories(g_root + "/dev/shm", ignored);
+    g_sys = *zeb_sys();
+    g_sys.root = g_root.c_str();
+    zeb_sys_install(&g_sys);
+    atexit(RemoveScratchRoot);
+}
+
+}  // namespace
 
 extern "C" {
 
