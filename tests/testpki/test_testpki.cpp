@@ -98,10 +98,10 @@ Bytes ExtValue(X509 *x, int nid, int *critical) {
 }
 
 testpki::CertSpec BaseCert() {
-    testpki::CertSpec spec;
-    spec.subjectKey = M().leafKey;
-    spec.issuer = testpki::Credential{M().pki.root.cert, M().rootKey};
-    return spec;
+    testpki::CertSpec plan;
+    plan.subjectKey = M().leafKey;
+    plan.issuer = testpki::Credential{M().pki.root.cert, M().rootKey};
+    return plan;
 }
 
 struct CertRow {
@@ -263,9 +263,9 @@ const CertRow kCertRows[] = {
 TEST(TestPki, CertificatesCarryWhatCertSpecAsks) {
     for (const CertRow &row : kCertRows) {
         SCOPED_TRACE(row.name);
-        testpki::CertSpec spec = BaseCert();
-        row.edit(spec);
-        testpki::Cert cert = testpki::IssueCert(spec);
+        testpki::CertSpec plan = BaseCert();
+        row.edit(plan);
+        testpki::Cert cert = testpki::IssueCert(plan);
         const unsigned char *p = cert.Der().data();
         testpki::X509Ptr parsed(d2i_X509(nullptr, &p, static_cast<long>(cert.Der().size())));
         ERR_clear_error();
@@ -289,9 +289,9 @@ TEST(TestPki, RefusesWhatItCannotWrite) {
         {"empty RDN", [](auto &s) { s.subject = {{}}; }},
     };
     for (const auto &[name, edit] : rows) {
-        testpki::CertSpec spec = BaseCert();
-        edit(spec);
-        EXPECT_THROW(testpki::IssueCert(spec), testpki::Error) << name;
+        testpki::CertSpec plan = BaseCert();
+        edit(plan);
+        EXPECT_THROW(testpki::IssueCert(plan), testpki::Error) << name;
     }
 }
 
@@ -451,10 +451,10 @@ const CrlRow kCrlRows[] = {
 TEST(TestPki, CrlsCarryWhatCrlSpecAsks) {
     for (const CrlRow &row : kCrlRows) {
         SCOPED_TRACE(row.name);
-        testpki::CrlSpec spec;
-        spec.issuer = M().pki.ca;
-        row.edit(spec);
-        Bytes der = testpki::MakeCrl(spec);
+        testpki::CrlSpec plan;
+        plan.issuer = M().pki.ca;
+        row.edit(plan);
+        Bytes der = testpki::MakeCrl(plan);
         const unsigned char *p = der.data();
         testpki::X509CrlPtr crl(d2i_X509_CRL(nullptr, &p, static_cast<long>(der.size())));
         ASSERT_NE(crl, nullptr);

@@ -50,33 +50,33 @@ Bytes AuthorityKeyIdValue(const Key &signer) {
     return der::Seq({der::Tlv(0x80, signer.KeyId())});
 }
 
-void AddExtensions(X509 *x509, const CertSpec &spec, const Key &signer) {
-    if (spec.basicConstraints) {
-        AddExtension(x509, "basicConstraints", spec.basicConstraints->critical,
-                     BasicConstraintsValue(*spec.basicConstraints));
+void AddExtensions(X509 *x509, const CertSpec &plan, const Key &signer) {
+    if (plan.basicConstraints) {
+        AddExtension(x509, "basicConstraints", plan.basicConstraints->critical,
+                     BasicConstraintsValue(*plan.basicConstraints));
     }
-    if (spec.keyUsage) {
-        AddExtension(x509, "keyUsage", spec.keyUsage->critical, KeyUsageValue(*spec.keyUsage));
+    if (plan.keyUsage) {
+        AddExtension(x509, "keyUsage", plan.keyUsage->critical, KeyUsageValue(*plan.keyUsage));
     }
-    if (spec.extKeyUsage) {
-        AddExtension(x509, "extendedKeyUsage", spec.extKeyUsage->critical,
-                     ExtKeyUsageValue(*spec.extKeyUsage));
+    if (plan.extKeyUsage) {
+        AddExtension(x509, "extendedKeyUsage", plan.extKeyUsage->critical,
+                     ExtKeyUsageValue(*plan.extKeyUsage));
     }
-    if (spec.subjectKeyId) {
+    if (plan.subjectKeyId) {
         AddExtension(x509, "subjectKeyIdentifier", false,
-                     der::OctetString(spec.subjectKey.KeyId()));
+                     der::OctetString(plan.subjectKey.KeyId()));
     }
-    if (spec.authorityKeyId) {
+    if (plan.authorityKeyId) {
         AddExtension(x509, "authorityKeyIdentifier", false, AuthorityKeyIdValue(signer));
     }
-    for (const RawExtension &ext : spec.extraExtensions) {
+    for (const RawExtension &ext : plan.extraExtensions) {
         AddExtension(x509, ext.oid, ext.critical, ext.value);
     }
 }
 
-bool HasExtensions(const CertSpec &spec) {
-    return spec.basicConstraints || spec.keyUsage || spec.extKeyUsage || spec.subjectKeyId ||
-           spec.authorityKeyId || !spec.extraExtensions.empty();
+bool HasExtensions(const CertSpec &plan) {
+    return plan.basicConstraints || plan.keyUsage || plan.extKeyUsage || plan.subjectKeyId ||
+           plan.authorityKeyId || !plan.extraExtensions.empty();
 }
 
 }  // namespace
@@ -104,49 +104,49 @@ KeyUsage KeyUsage::Of(uint8_t first, uint8_t second) {
     return {{first, second}, unused, true};
 }
 
-Cert IssueCert(const CertSpec &spec) {
-    if (!spec.subjectKey) {
+Cert IssueCert(const CertSpec &plan) {
+    if (!plan.subjectKey) {
         throw Error("CertSpec.subjectKey is required");
     }
-    if (spec.version < 1 || spec.version > 3) {
+    if (plan.version < 1 || plan.version > 3) {
         throw Error("certificate version must be 1, 2 or 3");
     }
-    if (spec.version == 1 && HasExtensions(spec)) {
+    if (plan.version == 1 && HasExtensions(plan)) {
         // A version 1 certificate has no extensions field to put them in.
         throw Error("a version 1 certificate cannot carry extensions");
     }
-    if (spec.issuer && (!spec.issuer->cert || !spec.issuer->key)) {
+    if (plan.issuer && (!plan.issuer->cert || !plan.issuer->key)) {
         throw Error("CertSpec.issuer needs both a certificate and a key");
     }
-    const Key &signer = spec.issuer ? spec.issuer->key : spec.subjectKey;
+    const Key &signer = plan.issuer ? plan.issuer->key : plan.subjectKey;
 
     X509Ptr x509(X509_new());
     Check(x509 != nullptr, "X509_new");
     // Version 1 leaves the [0] field out altogether.
-    Check(X509_set_version(x509.get(), spec.version - 1) == 1, "X509_set_version");
-    Check(X509_set_serialNumber(x509.get(), detail::MakeInteger(spec.serial).get()) == 1,
+    Check(X509_set_version(x509.get(), plan.version - 1) == 1, "X509_set_version");
+    Check(X509_set_serialNumber(x509.get(), detail::MakeInteger(plan.serial).get()) == 1,
           "X509_set_serialNumber");
 
-    detail::X509NamePtr subject = detail::MakeName(spec.subject);
+    detail::X509NamePtr subject = detail::MakeName(plan.subject);
     Check(X509_set_subject_name(x509.get(), subject.get()) == 1, "X509_set_subject_name");
-    if (spec.issuerName) {
-        Check(X509_set_issuer_name(x509.get(), detail::MakeName(*spec.issuerName).get()) == 1,
+    if (plan.issuerName) {
+        Check(X509_set_issuer_name(x509.get(), detail::MakeName(*plan.issuerName).get()) == 1,
               "X509_set_issuer_name");
-    } else if (spec.issuer) {
-        Check(X509_set_issuer_name(x509.get(), X509_get_subject_name(spec.issuer->cert.get())) == 1,
+    } else if (plan.issuer) {
+        Check(X509_set_issuer_name(x509.get(), X509_get_subject_name(plan.issuer->cert.get())) == 1,
               "X509_set_issuer_name");
     } else {
         Check(X509_set_issuer_name(x509.get(), subject.get()) == 1, "X509_set_issuer_name");
     }
 
-    Check(X509_set1_notBefore(x509.get(), detail::MakeTime(spec.notBefore).get()) == 1,
+    Check(X509_set1_notBefore(x509.get(), detail::MakeTime(plan.notBefore).get()) == 1,
           "X509_set1_notBefore");
-    Check(X509_set1_notAfter(x509.get(), detail::MakeTime(spec.notAfter).get()) == 1,
+    Check(X509_set1_notAfter(x509.get(), detail::MakeTime(plan.notAfter).get()) == 1,
           "X509_set1_notAfter");
-    Check(X509_set_pubkey(x509.get(), spec.subjectKey.get()) == 1, "X509_set_pubkey");
-    AddExtensions(x509.get(), spec, signer);
+    Check(X509_set_pubkey(x509.get(), plan.subjectKey.get()) == 1, "X509_set_pubkey");
+    AddExtensions(x509.get(), plan, signer);
 
-    Check(X509_sign(x509.get(), signer.get(), DigestMd(spec.digest)) > 0, "X509_sign");
+    Check(X509_sign(x509.get(), signer.get(), DigestMd(plan.digest)) > 0, "X509_sign");
     unsigned char *out = nullptr;
     int len = i2d_X509(x509.get(), &out);
     Check(len > 0, "i2d_X509");
@@ -155,8 +155,8 @@ Cert IssueCert(const CertSpec &spec) {
     return Cert(std::move(x509), std::move(der));
 }
 
-Credential IssueCredential(const CertSpec &spec) {
-    return {IssueCert(spec), spec.subjectKey};
+Credential IssueCredential(const CertSpec &plan) {
+    return {IssueCert(plan), plan.subjectKey};
 }
 
 }  // namespace testpki

@@ -69,51 +69,51 @@ RevokedPtr MakeRevoked(const RevokedEntry &entry) {
 
 }  // namespace
 
-Bytes MakeCrl(const CrlSpec &spec) {
-    if (!spec.issuer.cert || !spec.issuer.key) {
+Bytes MakeCrl(const CrlSpec &plan) {
+    if (!plan.issuer.cert || !plan.issuer.key) {
         throw Error("CrlSpec.issuer needs both a certificate and a key");
     }
-    if (spec.version != 1 && spec.version != 2) {
+    if (plan.version != 1 && plan.version != 2) {
         throw Error("CRL version must be 1 or 2");
     }
     X509CrlPtr crl(X509_CRL_new());
     Check(crl != nullptr, "X509_CRL_new");
     // A new CRL has no version field; setting one, even v1's 0, would write it.
-    if (spec.version == 2) {
+    if (plan.version == 2) {
         Check(X509_CRL_set_version(crl.get(), 1) == 1, "X509_CRL_set_version");
     }
-    if (spec.issuerName) {
-        Check(X509_CRL_set_issuer_name(crl.get(), detail::MakeName(*spec.issuerName).get()) == 1,
+    if (plan.issuerName) {
+        Check(X509_CRL_set_issuer_name(crl.get(), detail::MakeName(*plan.issuerName).get()) == 1,
               "X509_CRL_set_issuer_name");
     } else {
         Check(
-            X509_CRL_set_issuer_name(crl.get(), X509_get_subject_name(spec.issuer.cert.get())) == 1,
+            X509_CRL_set_issuer_name(crl.get(), X509_get_subject_name(plan.issuer.cert.get())) == 1,
             "X509_CRL_set_issuer_name");
     }
-    Check(X509_CRL_set1_lastUpdate(crl.get(), detail::MakeTime(spec.thisUpdate).get()) == 1,
+    Check(X509_CRL_set1_lastUpdate(crl.get(), detail::MakeTime(plan.thisUpdate).get()) == 1,
           "X509_CRL_set1_lastUpdate");
-    if (spec.nextUpdate) {
-        Check(X509_CRL_set1_nextUpdate(crl.get(), detail::MakeTime(*spec.nextUpdate).get()) == 1,
+    if (plan.nextUpdate) {
+        Check(X509_CRL_set1_nextUpdate(crl.get(), detail::MakeTime(*plan.nextUpdate).get()) == 1,
               "X509_CRL_set1_nextUpdate");
     }
-    for (const RevokedEntry &entry : spec.revoked) {
+    for (const RevokedEntry &entry : plan.revoked) {
         RevokedPtr rev = MakeRevoked(entry);
         // Appends; the list is not sorted on output.
         Check(X509_CRL_add0_revoked(crl.get(), rev.get()) == 1, "X509_CRL_add0_revoked");
         rev.release();
     }
-    if (spec.crlNumber) {
-        AddCrlExtension(crl.get(), "crlNumber", false, der::Integer(*spec.crlNumber));
+    if (plan.crlNumber) {
+        AddCrlExtension(crl.get(), "crlNumber", false, der::Integer(*plan.crlNumber));
     }
-    if (spec.issuingDistPoint) {
-        AddCrlExtension(crl.get(), "issuingDistributionPoint", spec.issuingDistPoint->critical,
-                        IssuingDistPointValue(*spec.issuingDistPoint));
+    if (plan.issuingDistPoint) {
+        AddCrlExtension(crl.get(), "issuingDistributionPoint", plan.issuingDistPoint->critical,
+                        IssuingDistPointValue(*plan.issuingDistPoint));
     }
-    for (const RawExtension &ext : spec.extraExtensions) {
+    for (const RawExtension &ext : plan.extraExtensions) {
         AddCrlExtension(crl.get(), ext.oid, ext.critical, ext.value);
     }
 
-    Check(X509_CRL_sign(crl.get(), spec.issuer.key.get(), DigestMd(spec.digest)) > 0,
+    Check(X509_CRL_sign(crl.get(), plan.issuer.key.get(), DigestMd(plan.digest)) > 0,
           "X509_CRL_sign");
     unsigned char *out = nullptr;
     int len = i2d_X509_CRL(crl.get(), &out);

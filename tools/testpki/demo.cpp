@@ -10,32 +10,32 @@ Name DemoName(const std::string &cn) {
 }
 
 CertSpec CaSpec(Key key, std::string cn, Bytes serial) {
-    CertSpec spec;
-    spec.subjectKey = std::move(key);
-    spec.subject = DemoName(cn);
-    spec.serial = std::move(serial);
-    spec.basicConstraints = BasicConstraints{};
-    spec.keyUsage = KeyUsage::Of(ku::kKeyCertSign | ku::kCrlSign);
-    spec.subjectKeyId = true;
-    return spec;
+    CertSpec plan;
+    plan.subjectKey = std::move(key);
+    plan.subject = DemoName(cn);
+    plan.serial = std::move(serial);
+    plan.basicConstraints = BasicConstraints{};
+    plan.keyUsage = KeyUsage::Of(ku::kKeyCertSign | ku::kCrlSign);
+    plan.subjectKeyId = true;
+    return plan;
 }
 
 CertSpec EndEntitySpec(const Credential &issuer, Key key, std::string cn, Bytes serial,
                        std::string purpose) {
-    CertSpec spec;
-    spec.subjectKey = std::move(key);
-    spec.issuer = issuer;
-    spec.subject = DemoName(cn);
-    spec.serial = std::move(serial);
-    spec.notAfter = Utc("391231235959Z");
-    spec.basicConstraints = BasicConstraints{.ca = false, .pathLen = {}, .critical = true};
-    spec.keyUsage = KeyUsage::Of(ku::kDigitalSignature);
+    CertSpec plan;
+    plan.subjectKey = std::move(key);
+    plan.issuer = issuer;
+    plan.subject = DemoName(cn);
+    plan.serial = std::move(serial);
+    plan.notAfter = Utc("391231235959Z");
+    plan.basicConstraints = BasicConstraints{.ca = false, .pathLen = {}, .critical = true};
+    plan.keyUsage = KeyUsage::Of(ku::kDigitalSignature);
     // RFC 3161 2.3 wants time stamping as the only, critical purpose; code
     // signing is marked the same way for symmetry.
-    spec.extKeyUsage = ExtKeyUsage{{std::move(purpose)}, true};
-    spec.subjectKeyId = true;
-    spec.authorityKeyId = true;
-    return spec;
+    plan.extKeyUsage = ExtKeyUsage{{std::move(purpose)}, true};
+    plan.subjectKeyId = true;
+    plan.authorityKeyId = true;
+    return plan;
 }
 
 }  // namespace

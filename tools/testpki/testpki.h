@@ -208,9 +208,9 @@ struct CertSpec {
     Digest digest = Digest::Sha256;
 };
 
-Cert IssueCert(const CertSpec &spec);
-// The certificate together with spec.subjectKey, ready to sign further items.
-Credential IssueCredential(const CertSpec &spec);
+Cert IssueCert(const CertSpec &plan);
+// The certificate together with plan.subjectKey, ready to sign further items.
+Credential IssueCredential(const CertSpec &plan);
 
 // ---- CRLs -------------------------------------------------------------------
 
@@ -242,7 +242,7 @@ struct CrlSpec {
     Digest digest = Digest::Sha256;
 };
 
-Bytes MakeCrl(const CrlSpec &spec);
+Bytes MakeCrl(const CrlSpec &plan);
 
 // ---- output -----------------------------------------------------------------
 
