@@ -1,0 +1,354 @@
+// Certificate and CRL templates (RFC 5280 sections 4.1 and 5.1) and their
+// reference-counted records.
+//
+// Only what the verifier reads is kept. Of the extensions, basic
+// constraints, key usage and extended key usage (certificates), the issuing
+// distribution point (CRLs) and the reason code (CRL entries) are decoded;
+// every other extension is skipped, critical or not, which departs from
+// RFC 5280 4.2 on purpose. Failures inside an optional list (extensions,
+// revoked entries) make the list count as absent, so the enclosing SEQUENCE
+// reports its left-over bytes.
+#include "cms/asn1/x509.h"
+
+#include <cstddef>
+#include <cstdint>
+
+#include "cms/asn1/oid.h"
+
+namespace {
+
+constexpr uint16_t kOpt = DRX_ASN_OPTIONAL;
+constexpr uint16_t kDef = DRX_ASN_DEFAULT;
+constexpr uint16_t kSkip = DRX_ASN_SKIP;
+constexpr uint16_t kPeekWhole = DRX_ASN_PEEK | DRX_ASN_WITH_HEADER;
+
+// A row carrying the item's own tag.
+constexpr DorvexAsnTempl Row(const DorvexAsnItem *item, uint32_t offset, uint16_t flags = 0) {
+    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, 0};
+}
+
+// A row under an EXPLICIT or IMPLICIT context tag [number].
+constexpr DorvexAsnTempl Tagged(const DorvexAsnItem *item, uint16_t mode, uint32_t number,
+                                uint32_t offset, uint16_t flags = 0) {
+    return DorvexAsnTempl{item, number, mode, flags, offset, 0};
+}
+
+// The single row of a SET OF / SEQUENCE OF item.
+constexpr DorvexAsnTempl Elements(const DorvexAsnItem *item, uint32_t offset, uint32_t maxCount) {
+    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, 0, offset, maxCount};
+}
+
+// A row of a map item, selected by the entry's identifier.
+constexpr DorvexAsnTempl Keyed(const DorvexAsnItem *item, DorvexAoid key, uint32_t offset) {
+    return DorvexAsnTempl{item, static_cast<uint32_t>(key), DRX_ASN_TAG_UNIVERSAL, kOpt, offset, 0};
+}
+
+template <size_t N>
+constexpr DorvexAsnItem Structured(const DorvexAsnTempl (&rows)[N], const DorvexAsnFunc *func,
+                                   uint32_t number, uint32_t recordSize) {
+    return DorvexAsnItem{
+        rows, func, DRX_ASN_CLASS_UNIVERSAL, 1, number, static_cast<uint32_t>(N), recordSize};
+}
+
+// ---- names ----------------------------------------------------------------
+
+// AttributeTypeAndValue ::= SEQUENCE {
+//     type   AttributeType,     -- OBJECT IDENTIFIER
+//     value  AttributeValue }   -- any string type, kept as encoded
+constexpr DorvexAsnTempl g_templDorvexX509AttrEntry[] = {
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509AttrEntry, type)),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509AttrEntry, value)),
+};
+
+// RelativeDistinguishedName ::= SET SIZE (1..10) OF AttributeTypeAndValue
+constexpr DorvexAsnTempl g_templDorvexX509AttrBundle[] = {
+    Elements(&g_itemDorvexX509AttrEntry, offsetof(DorvexX509AttrBundle, attrs),
+             DRX_X509_RDN_MAX_ATTRS),
+};
+
+// Name ::= SEQUENCE SIZE (0..10) OF RelativeDistinguishedName
+constexpr DorvexAsnTempl g_templDorvexX509Name[] = {
+    Elements(&g_itemDorvexX509AttrBundle, offsetof(DorvexX509Name, rdns), DRX_X509_NAME_MAX_RDNS),
+};
+
+// ---- certificate ----------------------------------------------------------
+
+// Validity ::= SEQUENCE {
+//     notBefore  Time,   -- UTCTime or GeneralizedTime, told apart when converted
+//     notAfter   Time }
+constexpr DorvexAsnTempl g_templDorvexX509Validity[] = {
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509Validity, notBefore)),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509Validity, notAfter)),
+};
+
+// RSAPublicKey ::= SEQUENCE {
+//     modulus         INTEGER,
+//     publicExponent  INTEGER }
+constexpr DorvexAsnTempl g_templDorvexRsaPublicKey[] = {
+    Row(&g_itemDorvexAsnBigint, offsetof(DorvexRsaPublicKey, modulus)),
+    Row(&g_itemDorvexAsnBigint, offsetof(DorvexRsaPublicKey, publicExponent)),
+};
+
+// subjectPublicKey  BIT STRING   -- content: the DER of an RSAPublicKey
+constexpr DorvexAsnTempl g_templDorvexX509PublicKey[] = {
+    Row(&g_itemDorvexRsaPublicKey, 0),
+};
+
+// SubjectPublicKeyInfo ::= SEQUENCE {
+//     algorithm         AlgorithmIdentifier,   -- not examined: only RSA keys decode
+//     subjectPublicKey  BIT STRING }
+constexpr DorvexAsnTempl g_templDorvexX509PubkeyInfo[] = {
+    Row(&g_itemDorvexX509AlgoIdentifier, offsetof(DorvexX509PubkeyInfo, algorithm)),
+    Row(&g_itemDorvexX509PublicKey, offsetof(DorvexX509PubkeyInfo, subjectPublicKey)),
+};
+
+// BasicConstraints ::= SEQUENCE {
+//     cA                 BOOLEAN DEFAULT FALSE,
+//     pathLenConstraint  INTEGER (0..MAX) OPTIONAL }   -- stepped over
+constexpr DorvexAsnTempl g_templDorvexX509BasicConstraints[] = {
+    Row(&g_itemDorvexAsnBool, offsetof(DorvexX509BasicConstraints, isCA), kDef),
+    Row(&g_itemDorvexAsnOcts, 0, kOpt | kSkip),
+};
+
+// Extensions ::= SEQUENCE SIZE (1..MAX) OF Extension, dispatched by extnID:
+//     id-ce-basicConstraints  -> isCA
+//     id-ce-keyUsage          -> keyUsage (KeyUsage BIT STRING octets)
+//     id-ce-extKeyUsage       -> extKeyUsage (first KeyPurposeId only)
+constexpr DorvexAsnTempl g_templDorvexX509CertExts[] = {
+    Keyed(&g_itemDorvexX509BasicConstraints, AOID_CE_BASICCONSTRAINTS,
+          offsetof(DorvexX509CertExts, isCA)),
+    Keyed(&g_itemDorvexAsnBitsToInt, AOID_CE_KEYUSAGE, offsetof(DorvexX509CertExts, keyUsage)),
+    Keyed(&g_itemDorvexAsnExku, AOID_CE_EXTKEYUSAGE, offsetof(DorvexX509CertExts, extKeyUsage)),
+};
+
+// TBSCertificate ::= SEQUENCE {
+//     version               [0] EXPLICIT Version,   -- required here, value not examined
+//     serialNumber          CertificateSerialNumber,
+//     signature             AlgorithmIdentifier,     -- not compared with the outer one
+//     issuer                Name,
+//     validity              Validity,
+//     subject               Name,
+//     subjectPublicKeyInfo  SubjectPublicKeyInfo,
+//     issuerUniqueID        [1] IMPLICIT UniqueIdentifier OPTIONAL,
+//     subjectUniqueID       [2] IMPLICIT UniqueIdentifier OPTIONAL,
+//     extensions            [3] EXPLICIT Extensions OPTIONAL }
+constexpr DorvexAsnTempl g_templDorvexX509CertInfo[] = {
+    Tagged(&g_itemDorvexAsnInt, DRX_ASN_TAG_EXPLICIT, 0, 0, kSkip),
+    Row(&g_itemDorvexAsnBigint, offsetof(DorvexX509CertInfo, serialNumber)),
+    Row(&g_itemDorvexAsnSeq, 0, kSkip),
+    Row(&g_itemDorvexX509Name, offsetof(DorvexX509CertInfo, issuer)),
+    Row(&g_itemDorvexX509Validity, offsetof(DorvexX509CertInfo, validity)),
+    Row(&g_itemDorvexX509Name, offsetof(DorvexX509CertInfo, subject)),
+    Row(&g_itemDorvexX509PubkeyInfo, offsetof(DorvexX509CertInfo, subjectPublicKeyInfo)),
+    Tagged(&g_itemDorvexAsnBits, DRX_ASN_TAG_IMPLICIT, 1, 0, kOpt | kSkip),
+    Tagged(&g_itemDorvexAsnBits, DRX_ASN_TAG_IMPLICIT, 2, 0, kOpt | kSkip),
+    Tagged(&g_itemDorvexX509CertExts, DRX_ASN_TAG_EXPLICIT, 3,
+           offsetof(DorvexX509CertInfo, extensions), kOpt),
+};
+
+// Certificate ::= SEQUENCE {
+//     tbsCertificate      TBSCertificate,   -- captured whole (the signed bytes), then decoded
+//     signatureAlgorithm  AlgorithmIdentifier,
+//     signatureValue      BIT STRING }
+constexpr DorvexAsnTempl g_templDorvexX509Cert[] = {
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509Cert, tbsRaw), kPeekWhole),
+    Row(&g_itemDorvexX509CertInfo, offsetof(DorvexX509Cert, certInfo)),
+    Row(&g_itemDorvexX509AlgoIdentifier, offsetof(DorvexX509Cert, signatureAlgorithm)),
+    Row(&g_itemDorvexAsnBits, offsetof(DorvexX509Cert, signature)),
+};
+
+// ---- CRL --------------------------------------------------------------------
+
+// crlEntryExtensions, dispatched by extnID:
+//     id-ce-cRLReasons  -> reasonCode (CRLReason ENUMERATED)
+constexpr DorvexAsnTempl g_templDorvexX509RevokeAttrs[] = {
+    Keyed(&g_itemDorvexAsnEnum, AOID_CE_CRLREASONS, offsetof(DorvexX509RevokeAttrs, reasonCode)),
+};
+
+// SEQUENCE {
+//     userCertificate     CertificateSerialNumber,
+//     revocationDate      Time,
+//     crlEntryExtensions  Extensions OPTIONAL }
+constexpr DorvexAsnTempl g_templDorvexX509RevokeEntry[] = {
+    Row(&g_itemDorvexAsnBigint, offsetof(DorvexX509RevokeEntry, userCertificate)),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509RevokeEntry, revocationDate)),
+    Row(&g_itemDorvexX509RevokeAttrs, offsetof(DorvexX509RevokeEntry, crlEntryExtensions), kOpt),
+};
+
+// revokedCertificates ::= SEQUENCE SIZE (1..20) OF entry
+constexpr DorvexAsnTempl g_templDorvexX509Revoked[] = {
+    Elements(&g_itemDorvexX509RevokeEntry, offsetof(DorvexX509Revoked, entries),
+             DRX_X509_CRL_MAX_REVOKED),
+};
+
+// IssuingDistributionPoint ::= SEQUENCE {
+//     distributionPoint           [0] DistributionPointName OPTIONAL,
+//     onlyContainsUserCerts       [1] BOOLEAN DEFAULT FALSE,
+//     onlyContainsCACerts         [2] BOOLEAN DEFAULT FALSE,
+//     onlySomeReasons             [3] ReasonFlags OPTIONAL,
+//     indirectCRL                 [4] BOOLEAN DEFAULT FALSE,
+//     onlyContainsAttributeCerts  [5] BOOLEAN DEFAULT FALSE }
+constexpr uint16_t kImplicit = DRX_ASN_TAG_IMPLICIT;
+constexpr DorvexAsnTempl g_templDorvexX509IssuingDistPoint[] = {
+    Tagged(&g_itemDorvexAsnOcts, kImplicit, 0,
+           offsetof(DorvexX509IssuingDistPoint, distributionPoint), kOpt),
+    Tagged(&g_itemDorvexAsnBool, kImplicit, 1,
+           offsetof(DorvexX509IssuingDistPoint, onlyContainsUserCerts), kOpt),
+    Tagged(&g_itemDorvexAsnBool, kImplicit, 2,
+           offsetof(DorvexX509IssuingDistPoint, onlyContainsCACerts), kOpt),
+    Tagged(&g_itemDorvexAsnBits, kImplicit, 3,
+           offsetof(DorvexX509IssuingDistPoint, onlySomeReasons), kOpt),
+    Tagged(&g_itemDorvexAsnBool, kImplicit, 4, offsetof(DorvexX509IssuingDistPoint, indirectCRL),
+           kOpt),
+    Tagged(&g_itemDorvexAsnBool, kImplicit, 5,
+           offsetof(DorvexX509IssuingDistPoint, onlyContainsAttributeCerts), kOpt),
+};
+
+// crlExtensions, dispatched by extnID:
+//     id-ce-issuingDistributionPoint  -> issuingDistPoint
+constexpr DorvexAsnTempl g_templDorvexX509CrlAttrs[] = {
+    Keyed(&g_itemDorvexX509IssuingDistPoint, AOID_CE_ISSUINGDISTRIBUTIONPOINT,
+          offsetof(DorvexX509CrlAttrs, issuingDistPoint)),
+};
+
+// TBSCertList ::= SEQUENCE {
+//     version              Version,            -- required here (v2 only)
+//     signature            AlgorithmIdentifier,
+//     issuer               Name,
+//     thisUpdate           Time,
+//     nextUpdate           Time,               -- required here
+//     revokedCertificates  SEQUENCE OF ... OPTIONAL,
+//     crlExtensions        [0] EXPLICIT Extensions OPTIONAL }
+constexpr DorvexAsnTempl g_templDorvexX509CrlInfo[] = {
+    Row(&g_itemDorvexAsnInt, offsetof(DorvexX509CrlInfo, version)),
+    Row(&g_itemDorvexX509AlgoIdentifier, offsetof(DorvexX509CrlInfo, signature)),
+    Row(&g_itemDorvexX509Name, offsetof(DorvexX509CrlInfo, issuer)),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509CrlInfo, thisUpdate)),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509CrlInfo, nextUpdate)),
+    Row(&g_itemDorvexX509Revoked, offsetof(DorvexX509CrlInfo, revokedCertificates), kOpt),
+    Tagged(&g_itemDorvexX509CrlAttrs, DRX_ASN_TAG_EXPLICIT, 0,
+           offsetof(DorvexX509CrlInfo, crlExtensions), kOpt),
+};
+
+// CertificateList ::= SEQUENCE {
+//     tbsCertList         TBSCertList,   -- captured whole (the signed bytes), then decoded
+//     signatureAlgorithm  AlgorithmIdentifier,
+//     signatureValue      BIT STRING }
+constexpr DorvexAsnTempl g_templDorvexX509Crl[] = {
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509Crl, tbsRaw), kPeekWhole),
+    Row(&g_itemDorvexX509CrlInfo, offsetof(DorvexX509Crl, crlInfo)),
+    Row(&g_itemDorvexX509AlgoIdentifier, offsetof(DorvexX509Crl, signatureAlgorithm)),
+    Row(&g_itemDorvexAsnBits, offsetof(DorvexX509Crl, signature)),
+};
+
+constexpr const DorvexAsnFunc *kSeq = &g_drxAsnFuncSeq;
+constexpr const DorvexAsnFunc *kSetOf = &g_drxAsnFuncSetOf;
+constexpr const DorvexAsnFunc *kMap = &g_drxAsnFuncMap;
+
+}  // namespace
+
+// ---- items ------------------------------------------------------------------
+
+constexpr DorvexAsnItem g_itemDorvexX509AttrEntry =
+    Structured(g_templDorvexX509AttrEntry, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509AttrEntry));
+constexpr DorvexAsnItem g_itemDorvexX509AttrBundle =
+    Structured(g_templDorvexX509AttrBundle, kSetOf, DRX_ASN_SET, sizeof(DorvexX509AttrBundle));
+constexpr DorvexAsnItem g_itemDorvexX509Name =
+    Structured(g_templDorvexX509Name, kSetOf, DRX_ASN_SEQUENCE, sizeof(DorvexX509Name));
+constexpr DorvexAsnItem g_itemDorvexX509Validity =
+    Structured(g_templDorvexX509Validity, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509Validity));
+constexpr DorvexAsnItem g_itemDorvexRsaPublicKey =
+    Structured(g_templDorvexRsaPublicKey, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexRsaPublicKey));
+// A structure carried inside a BIT STRING: primitive, universal 3.
+constexpr DorvexAsnItem g_itemDorvexX509PublicKey = {
+    g_templDorvexX509PublicKey, kSeq, DRX_ASN_CLASS_UNIVERSAL,   0,
+    DRX_ASN_BIT_STRING,         1,    sizeof(DorvexRsaPublicKey)};
+constexpr DorvexAsnItem g_itemDorvexX509PubkeyInfo =
+    Structured(g_templDorvexX509PubkeyInfo, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509PubkeyInfo));
+constexpr DorvexAsnItem g_itemDorvexX509BasicConstraints = Structured(
+    g_templDorvexX509BasicConstraints, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509BasicConstraints));
+constexpr DorvexAsnItem g_itemDorvexX509CertExts =
+    Structured(g_templDorvexX509CertExts, kMap, DRX_ASN_SEQUENCE, sizeof(DorvexX509CertExts));
+constexpr DorvexAsnItem g_itemDorvexX509CertInfo =
+    Structured(g_templDorvexX509CertInfo, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509CertInfo));
+constexpr DorvexAsnItem g_itemDorvexX509Cert =
+    Structured(g_templDorvexX509Cert, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509Cert));
+
+constexpr DorvexAsnItem g_itemDorvexX509RevokeAttrs =
+    Structured(g_templDorvexX509RevokeAttrs, kMap, DRX_ASN_SEQUENCE, sizeof(DorvexX509RevokeAttrs));
+constexpr DorvexAsnItem g_itemDorvexX509RevokeEntry =
+    Structured(g_templDorvexX509RevokeEntry, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509RevokeEntry));
+constexpr DorvexAsnItem g_itemDorvexX509Revoked =
+    Structured(g_templDorvexX509Revoked, kSetOf, DRX_ASN_SEQUENCE, sizeof(DorvexX509Revoked));
+constexpr DorvexAsnItem g_itemDorvexX509IssuingDistPoint = Structured(
+    g_templDorvexX509IssuingDistPoint, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509IssuingDistPoint));
+constexpr DorvexAsnItem g_itemDorvexX509CrlAttrs =
+    Structured(g_templDorvexX509CrlAttrs, kMap, DRX_ASN_SEQUENCE, sizeof(DorvexX509CrlAttrs));
+constexpr DorvexAsnItem g_itemDorvexX509CrlInfo =
+    Structured(g_templDorvexX509CrlInfo, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509CrlInfo));
+constexpr DorvexAsnItem g_itemDorvexX509Crl =
+    Structured(g_templDorvexX509Crl, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509Crl));
+
+// The SET OF decoder stores the count in the record's first word.
+static_assert(offsetof(DorvexX509Name, count) == 0 && offsetof(DorvexX509AttrBundle, count) == 0 &&
+              offsetof(DorvexX509Revoked, count) == 0);
+// The map rows write 32-bit values into these members.
+static_assert(sizeof(DorvexX509BasicConstraints) == sizeof(DorvexAsnInt) &&
+              sizeof(DorvexX509CertExts) == 3 * sizeof(uint32_t));
+
+// ---- decode and release -----------------------------------------------------
+
+namespace {
+
+// Decodes one top-level record of type Record and gives it its first
+// reference.
+template <typename Record>
+uint32_t InternalDecodeCounted(const uint8_t *data, uint32_t size, const DorvexAsnItem &item,
+                               Record **out, uint32_t *consumed) {
+    if (data == nullptr || size == 0 || out == nullptr || consumed == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    *out = nullptr;
+    void *record = nullptr;
+    uint32_t used = 0;
+    const uint32_t ret = DorvexAsnDecode(data, size, &item, 0, &record, &used);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    auto *decoded = static_cast<Record *>(record);
+    decoded->refCount = 1;
+    *out = decoded;
+    *consumed = used;
+    return DORVEX_OK;
+}
+
+template <typename Record>
+void InternalRelease(Record *record, const DorvexAsnItem &item) {
+    if (record == nullptr) {
+        return;
+    }
+    --record->refCount;
+    if (record->refCount <= 0) {
+        DorvexAsnFree(record, &item);
+    }
+}
+
+}  // namespace
+
+uint32_t DorvexX509DecodeCert(const uint8_t *data, uint32_t size, DorvexX509Cert **cert,
+                              uint32_t *consumed) {
+    return InternalDecodeCounted(data, size, g_itemDorvexX509Cert, cert, consumed);
+}
+
+void DorvexX509FreeCert(DorvexX509Cert *cert) {
+    InternalRelease(cert, g_itemDorvexX509Cert);
+}
+
+uint32_t DorvexX509DecodeCrl(const uint8_t *data, uint32_t size, DorvexX509Crl **crl,
+                             uint32_t *consumed) {
+    return InternalDecodeCounted(data, size, g_itemDorvexX509Crl, crl, consumed);
+}
+
+void DorvexX509FreeCrl(DorvexX509Crl *crl) {
+    InternalRelease(crl, g_itemDorvexX509Crl);
+}

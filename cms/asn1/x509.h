@@ -1,0 +1,223 @@
+// X.509 certificates and CRLs (RFC 5280) as fixed records, and the name and
+// time helpers that read them.
+//
+// A decoded record is one block from DorvexAsnDecode; every DorvexAsnOcts-like
+// member in it points into the DER input, which must stay alive and
+// unchanged for as long as the record lives. Certificates and CRLs are
+// reference-counted: each holder adds 1 to refCount and releases it with
+// DorvexX509FreeCert / DorvexX509FreeCrl.
+#ifndef CMS_ASN1_X509_H
+#define CMS_ASN1_X509_H
+
+#include <stdint.h>
+
+#include "cms/adapt/adapt.h"
+#include "cms/asn1/asn1.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Most relative distinguished names in a name, and attributes in one RDN.
+#define DRX_X509_NAME_MAX_RDNS 10u
+#define DRX_X509_RDN_MAX_ATTRS 10u
+// Most revoked entries a CRL may list.
+#define DRX_X509_CRL_MAX_REVOKED 20u
+
+// Readable names: at most this many characters, in a buffer one larger.
+#define DRX_X509_NAME_STR_MAX 255u
+
+// Time value tags (universal numbers).
+#define DRX_ASN_UTC_TIME 23u
+#define DRX_ASN_GENERALIZED_TIME 24u
+
+// ---- names ----------------------------------------------------------------
+
+// AttributeTypeAndValue: the type's identifier octets and the value with
+// its string tag, bytes as encoded.
+typedef struct DorvexX509AttrEntry {
+    DorvexAsnOcts type;
+    DorvexAsnOcts value;
+} DorvexX509AttrEntry;
+
+// RelativeDistinguishedName: SET OF record of attributes.
+typedef struct DorvexX509AttrBundle {
+    uint32_t count;
+    DorvexX509AttrEntry attrs[DRX_X509_RDN_MAX_ATTRS];
+} DorvexX509AttrBundle;
+
+// Name: SET OF record of RDNs in encoded order.
+typedef struct DorvexX509Name {
+    uint32_t count;
+    DorvexX509AttrBundle rdns[DRX_X509_NAME_MAX_RDNS];
+} DorvexX509Name;
+
+// ---- certificates -----------------------------------------------------------
+
+typedef struct DorvexX509Validity {
+    DorvexAsnOcts notBefore;  // UTCTime or GeneralizedTime characters
+    DorvexAsnOcts notAfter;
+} DorvexX509Validity;
+
+// RSAPublicKey (RFC 8017 A.1.1), magnitudes without a sign octet.
+typedef struct DorvexRsaPublicKey {
+    DorvexAsnBigint modulus;
+    DorvexAsnBigint publicExponent;
+} DorvexRsaPublicKey;
+
+typedef struct DorvexX509PubkeyInfo {
+    DorvexX509AlgoIdentifier algorithm;   // not examined
+    DorvexRsaPublicKey subjectPublicKey;  // read from inside the BIT STRING
+} DorvexX509PubkeyInfo;
+
+// What basic constraints leave behind: the path length is not recorded.
+typedef struct DorvexX509BasicConstraints {
+    uint32_t isCA;
+} DorvexX509BasicConstraints;
+
+// The three certificate extensions the verifier understands; 0 when absent.
+typedef struct DorvexX509CertExts {
+    uint32_t isCA;         // basicConstraints cA
+    uint32_t keyUsage;     // first bit-string octet, or the first two big-endian
+    uint32_t extKeyUsage;  // DRX_EXKU_... of the first purpose
+} DorvexX509CertExts;
+
+typedef struct DorvexX509CertInfo {
+    DorvexAsnBigint serialNumber;
+    DorvexX509Name issuer;
+    DorvexX509Validity validity;
+    DorvexX509Name subject;
+    DorvexX509PubkeyInfo subjectPublicKeyInfo;
+    DorvexX509CertExts extensions;
+} DorvexX509CertInfo;
+
+typedef struct DorvexX509Cert {
+    DorvexAsnOcts tbsRaw;  // whole tbsCertificate DER: the signed bytes
+    DorvexX509CertInfo certInfo;
+    DorvexX509AlgoIdentifier signatureAlgorithm;
+    DorvexAsnBits signature;
+    // Outside the template, zero after decoding.
+    struct DorvexX509Cert *issuerCert;  // verified issuer (itself when self-signed)
+    int32_t refCount;
+} DorvexX509Cert;
+
+// ---- CRLs -------------------------------------------------------------------
+
+typedef struct DorvexX509RevokeAttrs {
+    DorvexAsnInt reasonCode;  // CRLReason; 0 also when absent
+} DorvexX509RevokeAttrs;
+
+typedef struct DorvexX509RevokeEntry {
+    DorvexAsnBigint userCertificate;
+    DorvexAsnOcts revocationDate;
+    DorvexX509RevokeAttrs crlEntryExtensions;
+} DorvexX509RevokeEntry;
+
+typedef struct DorvexX509Revoked {
+    uint32_t count;
+    DorvexX509RevokeEntry entries[DRX_X509_CRL_MAX_REVOKED];
+} DorvexX509Revoked;
+
+typedef struct DorvexX509IssuingDistPoint {
+    DorvexAsnOcts distributionPoint;  // the [0] element's content, any form
+    DorvexAsnInt onlyContainsUserCerts;
+    DorvexAsnInt onlyContainsCACerts;
+    DorvexAsnBits onlySomeReasons;
+    DorvexAsnInt indirectCRL;
+    DorvexAsnInt onlyContainsAttributeCerts;
+} DorvexX509IssuingDistPoint;
+
+typedef struct DorvexX509CrlAttrs {
+    DorvexX509IssuingDistPoint issuingDistPoint;
+} DorvexX509CrlAttrs;
+
+typedef struct DorvexX509CrlInfo {
+    DorvexAsnInt version;
+    DorvexX509AlgoIdentifier signature;
+    DorvexX509Name issuer;
+    DorvexAsnOcts thisUpdate;
+    DorvexAsnOcts nextUpdate;
+    DorvexX509Revoked revokedCertificates;
+    DorvexX509CrlAttrs crlExtensions;
+} DorvexX509CrlInfo;
+
+typedef struct DorvexX509Crl {
+    DorvexAsnOcts tbsRaw;  // whole tbsCertList DER: the signed bytes
+    DorvexX509CrlInfo crlInfo;
+    DorvexX509AlgoIdentifier signatureAlgorithm;
+    DorvexAsnBits signature;
+    int32_t refCount;  // outside the template
+} DorvexX509Crl;
+
+// ---- items ------------------------------------------------------------------
+
+extern const DorvexAsnItem g_itemDorvexX509Cert;
+extern const DorvexAsnItem g_itemDorvexX509CertInfo;
+extern const DorvexAsnItem g_itemDorvexX509Validity;
+extern const DorvexAsnItem g_itemDorvexX509PubkeyInfo;
+extern const DorvexAsnItem g_itemDorvexX509PublicKey;
+extern const DorvexAsnItem g_itemDorvexRsaPublicKey;
+extern const DorvexAsnItem g_itemDorvexX509Name;
+extern const DorvexAsnItem g_itemDorvexX509AttrBundle;
+extern const DorvexAsnItem g_itemDorvexX509AttrEntry;
+extern const DorvexAsnItem g_itemDorvexX509CertExts;
+extern const DorvexAsnItem g_itemDorvexX509BasicConstraints;
+extern const DorvexAsnItem g_itemDorvexX509Crl;
+extern const DorvexAsnItem g_itemDorvexX509CrlInfo;
+extern const DorvexAsnItem g_itemDorvexX509Revoked;
+extern const DorvexAsnItem g_itemDorvexX509RevokeEntry;
+extern const DorvexAsnItem g_itemDorvexX509RevokeAttrs;
+extern const DorvexAsnItem g_itemDorvexX509CrlAttrs;
+extern const DorvexAsnItem g_itemDorvexX509IssuingDistPoint;
+
+// ---- decode and release -----------------------------------------------------
+
+// DorvexX509DecodeCert: decodes the certificate at the start of
+// data[0..size). On success *cert is a new record with refCount 1 that points
+// into data, and *consumed is the certificate's DER length (bytes after it
+// are left to the caller). DORVEX_ERR_PARAM for a missing argument or an
+// empty input; otherwise the decoder's code, with *cert left none.
+uint32_t DorvexX509DecodeCert(const uint8_t *data, uint32_t size, DorvexX509Cert **cert,
+                              uint32_t *consumed);
+
+// DorvexX509FreeCert: drops one reference; the record is released when none
+// is left. A missing record is ignored.
+void DorvexX509FreeCert(DorvexX509Cert *cert);
+
+// DorvexX509DecodeCrl / DorvexX509FreeCrl: the same for a CertificateList.
+uint32_t DorvexX509DecodeCrl(const uint8_t *data, uint32_t size, DorvexX509Crl **crl,
+                             uint32_t *consumed);
+void DorvexX509FreeCrl(DorvexX509Crl *crl);
+
+// ---- names and times --------------------------------------------------------
+
+// DorvexCompareX509Name: 0 when both names have the same number of RDNs and
+// the first attribute of each RDN has the same type and value bytes (string
+// tags, case and spaces are not normalised); -1 otherwise;
+// (int32_t)DORVEX_ERR_PARAM when either name is missing.
+int32_t DorvexCompareX509Name(const DorvexX509Name *a, const DorvexX509Name *b);
+
+// DorvexConvertFromX509Name: renders a name as "C=..,O=..,CN=.." in encoded
+// order. On success *str is a zero-filled 256-byte block from DorvexMalloc
+// holding at most 255 characters (the caller frees it with DorvexFree) and
+// *len its length. Pieces that would pass 255 characters are left out, an
+// over-long attribute is cut short with a warning. DORVEX_ERR_NAME_ATTR for
+// an attribute type outside the identifier table.
+uint32_t DorvexConvertFromX509Name(const DorvexX509Name *name, char **str, uint32_t *len);
+
+// DorvexConvertFromTime: fills *out (zero it first) from a 13-character
+// UTCTime (YYMMDDHHMMSSZ; years 1950..2049) or a 15-character
+// GeneralizedTime (YYYYMMDDHHMMSSZ). Other tags and lengths, among them
+// fractional seconds and offsets, give DORVEX_ERR_TIME_FORMAT. Digits and
+// ranges are not checked here.
+uint32_t DorvexConvertFromTime(const DorvexAsnOcts *time, DorvexDatetime *out);
+
+// DorvexConvertDatetimeToTime: seconds since 1970-01-01 00:00:00 UTC of a
+// time value accepted by DorvexConvertFromTime.
+uint32_t DorvexConvertDatetimeToTime(const DorvexAsnOcts *time, int64_t *seconds);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif  // CMS_ASN1_X509_H
