@@ -40,6 +40,9 @@ build_and_test() {
 
 build_and_test build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
+log "benchmarks (figures only)"
+BENCH_MIN_TIME=0.05 scripts/bench.sh build
+
 # The product binary itself: an unknown operation code exits 255. It writes
 # /dev/shm/dbglog.cfg as on the device, so it runs in a private mount
 # namespace with its own /dev/shm where the host allows one.
