@@ -5,5 +5,6 @@
 #include <stdint.h>
 
 #include "dorvex_errno.h"
+#include "vrf_ctx.h"
 
 #endif /* DORVEX_H */
