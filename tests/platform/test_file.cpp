@@ -1,5 +1,5 @@
-// File and mapped-file helpers. Every file lives in a temporary
-// directory removed at the end of each test.
+// File and mapped-file helpers. Every file lives in a temporary directory
+// removed at the end of each test.
 #include "platform/lzeb_file.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +14,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,402 +25,200 @@ using vt_test::CapturedSyslog;
 using vt_test::CapturedSyslogTexts;
 using vt_test::ClearSyslog;
 
-class TempDir {
-  public:
-    TempDir() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "lzeb_file_XXXXXX").string();
-        char *made = mkdtemp(pattern.data());
-        if (made == nullptr) {
-            ADD_FAILURE() << "mkdtemp failed";
-            return;
-        }
-        path_ = made;
+constexpr uint64_t kPage = 4096;
+
+// Bytes that differ from their neighbours, so a misplaced byte shows.
+std::string Pattern(size_t size) {
+    std::string text;
+    for (size_t i = 0; i < size; ++i) {
+        text.push_back(static_cast<char>('A' + i % 26));
     }
-    ~TempDir() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
+    return text;
+}
+
+class FileTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/lzeb_file_XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        dir_ = pattern;
     }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-
-    std::string File(const std::string &name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
-
-void WriteFile(const std::string &path, const std::string &content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-}
-
-std::string ReadFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-off_t FileSize(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
-}
-
-// Closes a descriptor at the end of a scope.
-struct Fd {
-    explicit Fd(int value) : fd(value) {}
-    ~Fd() {
-        if (fd >= 0) {
+    void TearDown() override {
+        for (int fd : fds_) {
             close(fd);
         }
+        std::filesystem::remove_all(dir_);
     }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int fd;
+
+    std::string Path(const std::string &name) const { return dir_ + "/" + name; }
+    // Writes `content` to the file and opens it; the descriptor is closed in TearDown.
+    int Make(const std::string &name, const std::string &content, int flags = O_RDWR) {
+        std::ofstream(Path(name), std::ios::binary | std::ios::trunc) << content;
+        fds_.push_back(open(Path(name).c_str(), flags));
+        return fds_.back();
+    }
+    std::string Read(const std::string &name) const {
+        std::ifstream in(Path(name), std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+
+    std::string dir_;
+    std::vector<int> fds_;
 };
 
-// ---------------------------------------------------------------------------
-// Plain wrappers
-
-TEST(LzebFile, WrappersPassThrough) {
-    TempDir dir;
-    std::string path = dir.File("plain");
-    mode_t mask = umask(0);
-    umask(mask);
-    int fd = LZEB_open(path.c_str(), O_RDWR | O_CREAT, 0640);
-    ASSERT_GE(fd, 0);
-    EXPECT_EQ(LZEB_write(fd, "hello", 5), 5);
-    EXPECT_EQ(LZEB_sync(fd), 0);
-    EXPECT_EQ(LZEB_lseek(fd, 1, SEEK_SET), 1);
-    char buf[8] = {};
-    EXPECT_EQ(LZEB_read(fd, buf, 4), 4);
-    EXPECT_STREQ(buf, "ello");
-    LZEB_close(fd);
-    EXPECT_EQ(LZEB_access(path.c_str(), R_OK), 0);
-    EXPECT_EQ(LZEB_access(dir.File("missing").c_str(), F_OK), -1);
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0640U & ~mask);
-}
-
-// ---------------------------------------------------------------------------
-// LZEB_readline: each row reads its content with one buffer size until null.
-
-struct ReadlineRow {
-    const char *name;
-    std::string content;
-    int32_t size;
-    std::vector<std::string> lines;  // what successive calls return before null
-};
-
-const std::vector<ReadlineRow> kReadlineRows = {
-    {"carriage return dropped", "a\r\nb", 256, {"a\n", "b"}},
-    {"10-character line with size 4", "abcdefghij", 4, {"abc", "def", "ghi", "j"}},
-    {"line feed ends a piece", "abcdefghij\nk", 4, {"abc", "def", "ghi", "j\n", "k"}},
-    {"empty file", "", 256, {}},
-    {"blank lines", "\n\nx\n", 16, {"\n", "\n", "x\n"}},
-    {"carriage returns only", "\r\r\n\r", 16, {"\n"}},
-    {"size 2", "ab\n", 2, {"a", "b", "\n"}},
-    {"size 1 stores nothing", "abc", 1, {}},
-    {"line of size-1 characters", "abc\nd", 4, {"abc", "\n", "d"}},
-};
-
-TEST(LzebReadline, Table) {
-    TempDir dir;
-    for (const ReadlineRow &row : kReadlineRows) {
+TEST_F(FileTest, Readline) {
+    const struct {
+        const char *name, *content;
+        int32_t size;
+        std::vector<std::string> lines;  // what successive calls return before null
+    } rows[] = {
+        {"carriage return dropped", "a\r\nb", 256, {"a\n", "b"}},
+        {"10 characters, size 4", "abcdefghij\nk", 4, {"abc", "def", "ghi", "j\n", "k"}},
+        {"line of size-1 characters", "abc\nd", 4, {"abc", "\n", "d"}},
+        {"carriage returns only", "\r\r\n\r", 16, {"\n"}},
+        {"empty file", "", 256, {}},
+        {"size 1 stores nothing", "abc", 1, {}},
+    };
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        std::string path = dir.File("lines");
-        WriteFile(path, row.content);
-        Fd fd(open(path.c_str(), O_RDONLY));
-        ASSERT_GE(fd.fd, 0);
+        int fd = Make("lines", row.content, O_RDONLY);
         std::vector<char> buf(static_cast<size_t>(row.size), 'z');
         for (const std::string &line : row.lines) {
-            char *got = LZEB_readline(fd.fd, buf.data(), row.size);
-            ASSERT_EQ(got, buf.data());
-            EXPECT_EQ(std::string(got), line);
+            ASSERT_EQ(LZEB_readline(fd, buf.data(), row.size), buf.data());
+            EXPECT_EQ(std::string(buf.data()), line);
             EXPECT_EQ(buf.back(), '\0');  // terminated at size-1 in every case
         }
-        EXPECT_EQ(LZEB_readline(fd.fd, buf.data(), row.size), nullptr);
-        EXPECT_EQ(LZEB_readline(fd.fd, buf.data(), row.size), nullptr);
+        EXPECT_EQ(LZEB_readline(fd, buf.data(), row.size), nullptr);
     }
-}
-
-TEST(LzebReadline, InvalidArguments) {
-    TempDir dir;
-    std::string path = dir.File("lines");
-    WriteFile(path, "abc\n");
-    Fd fd(open(path.c_str(), O_RDONLY));
+    int fd = Make("refused", "abc\n", O_RDONLY);
     char buf[8] = "zzzzzzz";
-    EXPECT_EQ(LZEB_readline(fd.fd, buf, 0), nullptr);
-    EXPECT_EQ(LZEB_readline(fd.fd, buf, -1), nullptr);
-    EXPECT_STREQ(buf, "zzzzzzz");
-    EXPECT_EQ(LZEB_readline(fd.fd, nullptr, 8), nullptr);
+    EXPECT_EQ(LZEB_readline(fd, buf, 0), nullptr);
+    EXPECT_EQ(LZEB_readline(fd, nullptr, 8), nullptr);
     EXPECT_EQ(LZEB_readline(-1, buf, 8), nullptr);  // a failed read ends the text
     EXPECT_EQ(buf[0], '\0');
-    // Nothing was consumed by the refused calls.
-    EXPECT_STREQ(LZEB_readline(fd.fd, buf, 8), "abc\n");
+    EXPECT_STREQ(LZEB_readline(fd, buf, 8), "abc\n");  // the refused calls consumed nothing
 }
 
-// ---------------------------------------------------------------------------
-// LZEB_copy
-
-struct CopyRow {
-    const char *name;
-    size_t size;
-};
-
-// 256 bytes: two full pieces and a third, empty read and write.
-const std::vector<CopyRow> kCopyRows = {
-    {"empty file", 0},
-    {"one byte", 1},
-    {"one short piece", 127},
-    {"one full piece", 128},
-    {"one piece and a byte", 129},
-    {"exactly 256 bytes", 256},
-    {"300 bytes", 300},
-};
-
-TEST(LzebCopy, Table) {
-    TempDir dir;
-    for (const CopyRow &row : kCopyRows) {
-        SCOPED_TRACE(row.name);
-        std::string content;
-        for (size_t i = 0; i < row.size; ++i) {
-            content.push_back(static_cast<char>(i * 31 + 7));
-        }
-        std::string src = dir.File("src");
-        std::string dst = dir.File("dst");
-        WriteFile(src, content);
-        WriteFile(dst, std::string(1000, 'o'));  // an existing longer file is truncated
+// Pieces of 128 bytes; a file of 256 ends with a third, empty read and write.
+TEST_F(FileTest, Copy) {
+    const std::string src = Path("src"), dst = Path("dst");
+    for (size_t size : {0, 127, 128, 256, 300}) {
+        SCOPED_TRACE(size);
+        Make("src", Pattern(size));
+        Make("dst", std::string(1000, 'o'));  // an existing longer file is truncated
+        const std::string fresh = Path("new" + std::to_string(size));
         ClearSyslog();
         EXPECT_EQ(LZEB_copy(src.c_str(), dst.c_str()), 0);
-        EXPECT_EQ(ReadFile(dst), content);
+        EXPECT_EQ(LZEB_copy(src.c_str(), fresh.c_str()), 0);
+        EXPECT_EQ(Read("dst"), Pattern(size));
+        EXPECT_EQ(Read("new" + std::to_string(size)), Pattern(size));
+        struct stat st {};
+        EXPECT_EQ(stat(fresh.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, 0600U);
         EXPECT_TRUE(CapturedSyslog().empty());
     }
-}
-
-TEST(LzebCopy, NewDestinationHasMode0600) {
-    TempDir dir;
-    std::string src = dir.File("src");
-    std::string dst = dir.File("new");
-    WriteFile(src, "data");
-    ASSERT_EQ(LZEB_copy(src.c_str(), dst.c_str()), 0);
-    struct stat st;
-    ASSERT_EQ(stat(dst.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600U);
-}
-
-TEST(LzebCopy, Failures) {
-    TempDir dir;
-    std::string src = dir.File("src");
-    WriteFile(src, std::string(200, 'a'));
-    std::string missing = dir.File("missing");
-    std::string badDest = dir.File("no/such/dir");
-
-    ClearSyslog();
+    const std::string missing = Path("missing"), badDest = Path("no/dir");
     EXPECT_EQ(LZEB_copy(nullptr, src.c_str()), -1);
     EXPECT_EQ(LZEB_copy(src.c_str(), nullptr), -1);
     EXPECT_EQ(LZEB_copy(missing.c_str(), src.c_str()), -1);
     EXPECT_EQ(LZEB_copy(src.c_str(), badDest.c_str()), -1);
     EXPECT_EQ(LZEB_copy(src.c_str(), "/dev/full"), -1);
-    std::vector<std::string> expected = {
-        "Input para null.\n",
-        "Input para null.\n",
-        "Open source file (" + missing + ") error,return.\n",
-        "Open dest file (" + badDest + ") error,return.\n",
-        "Copy write data from file (" + src + ") to (/dev/full) Fail, (28).\n",
-    };
-    EXPECT_EQ(CapturedSyslogTexts(), expected);
+    EXPECT_EQ(CapturedSyslogTexts(),
+              std::vector<std::string>({
+                  "Input para null.\n",
+                  "Input para null.\n",
+                  "Open source file (" + missing + ") error,return.\n",
+                  "Open dest file (" + badDest + ") error,return.\n",
+                  "Copy write data from file (" + src + ") to (/dev/full) Fail, (28).\n",
+              }));
     for (const auto &record : CapturedSyslog()) {
         EXPECT_EQ(record.priority, LOG_INFO);
     }
 }
 
-// ---------------------------------------------------------------------------
-// LZEB_mmap / LZEB_munmap
-
-constexpr uint64_t kPage = 4096;
-
-struct GrowthRow {
-    const char *name;
-    size_t initialSize;
-    int openFlags;
-    int64_t offset;
-    uint64_t length;
-    off_t expectedSize;
-};
-
-// A read-write descriptor gets a byte written behind offset+length: where the
-// read found nothing, a zero byte at offset+length; where it found a byte, a
-// copy of that byte at offset+length+1.
-const std::vector<GrowthRow> kGrowthRows = {
-    {"empty file", 0, O_RDWR, 0, kPage, kPage + 1},
-    {"shorter file", 100, O_RDWR, 0, kPage, kPage + 1},
-    {"file of offset+length bytes", kPage, O_RDWR, 0, kPage, kPage + 1},
-    {"file of offset+length+1 bytes grows by one", kPage + 1, O_RDWR, 0, kPage, kPage + 2},
-    {"longer file keeps its size", 3 * kPage, O_RDWR, 0, kPage, 3 * kPage},
-    {"mapping at an offset", 0, O_RDWR, kPage, kPage, 2 * kPage + 1},
-    {"read-only descriptor is not grown", 100, O_RDONLY, 0, kPage, 100},
-};
-
-TEST(LzebMmap, FileGrowth) {
-    TempDir dir;
-    for (const GrowthRow &row : kGrowthRows) {
+// A read-write descriptor gets a byte written behind offset+length: a zero
+// byte at offset+length where the read found nothing, else a copy of the
+// byte found, one further on. The mapping is shared with the file.
+TEST_F(FileTest, MmapGrowsTheFile) {
+    const struct {
+        const char *name;
+        size_t initialSize, offset, expectedSize;
+        int flags;
+    } rows[] = {
+        {"empty file", 0, 0, kPage + 1, O_RDWR},
+        {"file of offset+length bytes", kPage, 0, kPage + 1, O_RDWR},
+        {"file of offset+length+1 bytes grows by one", kPage + 1, 0, kPage + 2, O_RDWR},
+        {"longer file keeps its size", 3 * kPage, 0, 3 * kPage, O_RDWR},
+        {"mapping at an offset", 0, kPage, 2 * kPage + 1, O_RDWR},
+        {"read-only descriptor is not grown", 100, 0, 100, O_RDONLY},
+    };
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        std::string path = dir.File("grow");
-        std::string content;
-        for (size_t i = 0; i < row.initialSize; ++i) {
-            content.push_back(static_cast<char>('A' + i % 26));
-        }
-        WriteFile(path, content);
-        Fd fd(open(path.c_str(), row.openFlags));
-        ASSERT_GE(fd.fd, 0);
-        int prot = row.openFlags == O_RDWR ? PROT_READ | PROT_WRITE : PROT_READ;
-        void *start = LZEB_mmap(fd.fd, prot, row.offset, row.length);
+        const std::string before = Pattern(row.initialSize);
+        int fd = Make("grow", before, row.flags);
+        const bool rw = row.flags == O_RDWR;
+        auto *start = static_cast<char *>(
+            LZEB_mmap(fd, rw ? PROT_READ | PROT_WRITE : PROT_READ, row.offset, kPage));
         ASSERT_NE(start, nullptr);
         ASSERT_NE(start, MAP_FAILED);
-        EXPECT_EQ(FileSize(path), row.expectedSize);
-        std::string after = ReadFile(path);
-        size_t end = static_cast<size_t>(row.offset) + row.length;
-        if (row.openFlags == O_RDWR && row.initialSize > end) {
-            EXPECT_EQ(after[end + 1], content[end]);  // the byte read is written behind it
+        if (rw) {
+            start[0] = '#';
+            ASSERT_EQ(msync(start, kPage, MS_SYNC), 0);
         }
-        if (row.openFlags == O_RDWR && row.initialSize <= end) {
-            EXPECT_EQ(after[end], '\0');
+        const std::string after = Read("grow");
+        EXPECT_EQ(after.size(), row.expectedSize);
+        const size_t end = row.offset + kPage;
+        if (rw) {
+            EXPECT_EQ(after[row.offset], '#');
+            EXPECT_EQ(before.size() > end ? after[end + 1] : after[end],
+                      before.size() > end ? before[end] : '\0');
         }
         EXPECT_EQ(LZEB_munmap(start), 0);
     }
-}
-
-TEST(LzebMmap, MappingIsSharedWithTheFile) {
-    TempDir dir;
-    std::string path = dir.File("shared");
-    WriteFile(path, "");
-    Fd fd(open(path.c_str(), O_RDWR));
-    auto *start = static_cast<char *>(LZEB_mmap(fd.fd, PROT_READ | PROT_WRITE, 0, kPage));
-    ASSERT_NE(start, nullptr);
-    ASSERT_NE(start, MAP_FAILED);
-    memcpy(start, "mapped", 6);
-    ASSERT_EQ(msync(start, kPage, MS_SYNC), 0);
-    EXPECT_EQ(ReadFile(path).substr(0, 6), "mapped");
-    EXPECT_EQ(LZEB_munmap(start), 0);
-}
-
-TEST(LzebMmap, UnmapTwiceGivesZeroThenMinusOne) {
-    TempDir dir;
-    std::string path = dir.File("twice");
-    WriteFile(path, "");
-    Fd fd(open(path.c_str(), O_RDWR));
-    void *start = LZEB_mmap(fd.fd, PROT_READ, 0, kPage);
-    ASSERT_NE(start, nullptr);
-    ASSERT_NE(start, MAP_FAILED);
-    EXPECT_EQ(LZEB_munmap(start), 0);
-    EXPECT_EQ(LZEB_munmap(start), -1);
-    int local = 0;
-    EXPECT_EQ(LZEB_munmap(&local), -1);
-    EXPECT_EQ(LZEB_munmap(nullptr), -1);
+    EXPECT_EQ(LZEB_mmap(-1, PROT_READ, 0, kPage), nullptr);  // failed read
+    int dirFd = open(dir_.c_str(), O_RDONLY | O_DIRECTORY);  // read() of a directory fails
+    fds_.push_back(dirFd);
+    EXPECT_EQ(LZEB_mmap(dirFd, PROT_READ, 0, kPage), nullptr);
 }
 
 int CountMappingsOf(const std::string &path) {
     std::ifstream maps("/proc/self/maps");
-    std::string line;
     int count = 0;
-    while (std::getline(maps, line)) {
-        if (line.size() >= path.size() &&
-            line.compare(line.size() - path.size(), path.size(), path) == 0) {
-            ++count;
-        }
+    for (std::string line; std::getline(maps, line);) {
+        count += line.ends_with(path);
     }
     return count;
 }
 
-// The 33rd mapping still in use is refused: unmapped again, null returned.
-TEST(LzebMmap, ThirtyThirdMappingRefused) {
-    TempDir dir;
-    std::string path = dir.File("many");
-    WriteFile(path, "");
-    Fd fd(open(path.c_str(), O_RDWR));
+// 32 mappings in use at most; MAP_FAILED takes no row. Unmapping from the
+// middle moves the last row into the freed place; every row stays findable.
+TEST_F(FileTest, MappingTable) {
+    int fd = Make("many", Pattern(100));
+    for (int i = 0; i <= LZEB_MAX_MAPPINGS; ++i) {
+        ASSERT_EQ(LZEB_mmap(fd, PROT_READ, 7, kPage), MAP_FAILED) << i;  // unaligned offset
+    }
+    EXPECT_EQ(LZEB_munmap(MAP_FAILED), -1);
     std::vector<void *> starts;
     for (int i = 0; i < LZEB_MAX_MAPPINGS; ++i) {
-        void *start = LZEB_mmap(fd.fd, PROT_READ, 0, kPage);
-        ASSERT_NE(start, nullptr) << i;
-        ASSERT_NE(start, MAP_FAILED) << i;
-        starts.push_back(start);
+        starts.push_back(LZEB_mmap(fd, PROT_READ, 0, kPage));
+        ASSERT_NE(starts.back(), nullptr) << i;
     }
+    const std::string path = Path("many");
     EXPECT_EQ(CountMappingsOf(path), LZEB_MAX_MAPPINGS);
-    EXPECT_EQ(LZEB_mmap(fd.fd, PROT_READ, 0, kPage), nullptr);
+    EXPECT_EQ(LZEB_mmap(fd, PROT_READ, 0, kPage), nullptr);
     EXPECT_EQ(CountMappingsOf(path), LZEB_MAX_MAPPINGS);  // the refused region is gone
-
     // Freeing one row makes room for one more.
     EXPECT_EQ(LZEB_munmap(starts[5]), 0);
-    starts.erase(starts.begin() + 5);
-    void *again = LZEB_mmap(fd.fd, PROT_READ, 0, kPage);
-    ASSERT_NE(again, nullptr);
-    starts.push_back(again);
+    starts[5] = LZEB_mmap(fd, PROT_READ, 0, kPage);
+    ASSERT_NE(starts[5], nullptr);
     for (void *start : starts) {
         EXPECT_EQ(LZEB_munmap(start), 0);
     }
     EXPECT_EQ(CountMappingsOf(path), 0);
-}
-
-// MAP_FAILED is handed back but not recorded (an unaligned offset).
-TEST(LzebMmap, MapFailedIsNotRecorded) {
-    TempDir dir;
-    std::string path = dir.File("unaligned");
-    WriteFile(path, std::string(100, 'u'));
-    Fd fd(open(path.c_str(), O_RDWR));
-    for (int i = 0; i < LZEB_MAX_MAPPINGS + 1; ++i) {
-        ASSERT_EQ(LZEB_mmap(fd.fd, PROT_READ, 7, kPage), MAP_FAILED) << i;
-    }
-    EXPECT_EQ(LZEB_munmap(MAP_FAILED), -1);
-    // All 32 rows are still free.
-    void *start = LZEB_mmap(fd.fd, PROT_READ, 0, kPage);
-    ASSERT_NE(start, nullptr);
-    ASSERT_NE(start, MAP_FAILED);
-    EXPECT_EQ(LZEB_munmap(start), 0);
-}
-
-TEST(LzebMmap, FailedReadGivesNull) {
-    EXPECT_EQ(LZEB_mmap(-1, PROT_READ, 0, kPage), nullptr);
-    TempDir dir;
-    Fd fd(open(dir.File("").c_str(), O_RDONLY | O_DIRECTORY));  // read() of a directory fails
-    ASSERT_GE(fd.fd, 0);
-    EXPECT_EQ(LZEB_mmap(fd.fd, PROT_READ, 0, kPage), nullptr);
-}
-
-TEST(LzebMapTable, AddAndFetchRows) {
-    MapData a = {0x1000, 11};
-    MapData b = {0x2000, 22};
-    MapData c = {0x3000, 33};
-    EXPECT_EQ(AddMapData(&a), 1);
-    EXPECT_EQ(AddMapData(&b), 1);
-    EXPECT_EQ(AddMapData(&c), 1);
-    // Fetching the first moves the last row into its place; all stay findable.
-    MapData row = {0x1000, 0};
-    EXPECT_EQ(FetchMapData(&row), 1);
-    EXPECT_EQ(row.length, 11U);
-    EXPECT_EQ(FetchMapData(&row), 0);
-    row = {0x3000, 0};
-    EXPECT_EQ(FetchMapData(&row), 1);
-    EXPECT_EQ(row.length, 33U);
-    row = {0x2000, 0};
-    EXPECT_EQ(FetchMapData(&row), 1);
-    EXPECT_EQ(row.length, 22U);
+    EXPECT_EQ(LZEB_munmap(starts[0]), -1);  // a second unmap finds no row
+    EXPECT_EQ(LZEB_munmap(nullptr), -1);
     EXPECT_EQ(AddMapData(nullptr), 0);
     EXPECT_EQ(FetchMapData(nullptr), 0);
-}
-
-TEST(LzebMapTable, FullAfterThirtyTwoRows) {
-    int added = 0;
-    for (uint64_t i = 1; i <= 40; ++i) {
-        MapData row = {i, i};
-        added += AddMapData(&row);
-    }
-    EXPECT_EQ(added, LZEB_MAX_MAPPINGS);
-    for (uint64_t i = 1; i <= static_cast<uint64_t>(added); ++i) {
-        MapData row = {i, 0};
-        EXPECT_EQ(FetchMapData(&row), 1);
-        EXPECT_EQ(row.length, i);
-    }
 }
 
 }  // namespace
