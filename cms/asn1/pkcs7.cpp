@@ -1,0 +1,309 @@
+// SignedData (RFC 5652 section 5) and TSTInfo (RFC 3161 section 2.4.2)
+// templates, and the decode/release pair of a SignedData.
+//
+// This system departs from RFC 5652 on purpose where a verifier of one
+// detached signature does not need more: at most two certificates and one
+// signer are accepted, a signer must be named by issuer and serial number,
+// and the content types, digest algorithm set, CRLs and the signer's
+// signature algorithm are not examined.
+#include "cms/asn1/pkcs7.h"
+
+#include <cstddef>
+#include <cstdint>
+
+#include "cms/adapt/adapt.h"
+#include "cms/asn1/oid.h"
+
+namespace {
+
+constexpr uint16_t kOpt = DRX_ASN_OPTIONAL;
+constexpr uint16_t kSkip = DRX_ASN_SKIP;
+constexpr uint16_t kWhole = DRX_ASN_WITH_HEADER;
+constexpr uint16_t kImplicit = DRX_ASN_TAG_IMPLICIT;
+constexpr uint16_t kExplicit = DRX_ASN_TAG_EXPLICIT;
+
+// A row carrying the item's own tag.
+constexpr DorvexAsnTempl Row(const DorvexAsnItem *item, uint32_t offset, uint16_t flags = 0) {
+    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, 0};
+}
+
+// A row under an EXPLICIT or IMPLICIT context tag [number].
+constexpr DorvexAsnTempl Tagged(const DorvexAsnItem *item, uint16_t mode, uint32_t number,
+                                uint32_t offset, uint16_t flags = 0) {
+    return DorvexAsnTempl{item, number, mode, flags, offset, 0};
+}
+
+// The single row of a SET OF / SEQUENCE OF item.
+constexpr DorvexAsnTempl Elements(const DorvexAsnItem *item, uint32_t offset, uint32_t maxCount,
+                                  uint16_t flags = 0) {
+    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, maxCount};
+}
+
+// A row of a map item, selected by the attribute's identifier; the value
+// decoded is the attribute's first value.
+constexpr DorvexAsnTempl Keyed(const DorvexAsnItem *item, DorvexAoid key, uint32_t offset,
+                               uint16_t flags = kOpt) {
+    return DorvexAsnTempl{item, static_cast<uint32_t>(key), DRX_ASN_TAG_UNIVERSAL, flags, offset,
+                          0};
+}
+
+template <size_t N>
+constexpr DorvexAsnItem Structured(const DorvexAsnTempl (&rows)[N], const DorvexAsnFunc *func,
+                                   uint32_t number, uint32_t recordSize) {
+    return DorvexAsnItem{
+        rows, func, DRX_ASN_CLASS_UNIVERSAL, 1, number, static_cast<uint32_t>(N), recordSize};
+}
+
+// ---- SignedData -------------------------------------------------------------
+
+// EncapsulatedContentInfo ::= SEQUENCE {
+//     eContentType  ContentType,                            -- not examined
+//     eContent      [0] EXPLICIT OCTET STRING OPTIONAL }    -- captured as the [0] element
+constexpr DorvexAsnTempl g_templDorvexPkcs7ContentInfo[] = {
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexPkcs7ContentInfo, contentType)),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexPkcs7ContentInfo, content), kOpt),
+};
+
+// CertificateSet ::= SET SIZE (0..2) OF Certificate   -- each kept whole, decoded later
+constexpr DorvexAsnTempl g_templDorvexX509CertRawBundle[] = {
+    Elements(&g_itemDorvexAsnOcts, offsetof(DorvexX509CertRawBundle, certs), DRX_PKCS7_MAX_CERTS,
+             kWhole),
+};
+
+// IssuerAndSerialNumber ::= SEQUENCE {
+//     issuer        Name,
+//     serialNumber  CertificateSerialNumber }
+constexpr DorvexAsnTempl g_templDorvexPkcs7IssuerAndSerial[] = {
+    Row(&g_itemDorvexX509Name, offsetof(DorvexPkcs7IssuerAndSerial, issuer)),
+    Row(&g_itemDorvexAsnBigint, offsetof(DorvexPkcs7IssuerAndSerial, serialNumber)),
+};
+
+// SignedAttributes ::= SET SIZE (1..MAX) OF Attribute, dispatched by attrType:
+//     id-messageDigest  -> messageDigest (content of the first value)
+constexpr DorvexAsnTempl g_templDorvexX509SignedAttrs[] = {
+    Keyed(&g_itemDorvexAsnOcts, AOID_PKCS9_AT_MESSAGEDIGEST,
+          offsetof(DorvexX509SignedAttrs, messageDigest)),
+};
+
+// UnsignedAttributes ::= SET SIZE (1..MAX) OF Attribute, dispatched by attrType:
+//     id-aa-timeStampToken  -> timestampToken (first value, whole: a ContentInfo)
+constexpr DorvexAsnTempl g_templDorvexX509UnsignedAttrs[] = {
+    Keyed(&g_itemDorvexAsnOcts, AOID_PKCS9_AT_TIMESTAMP_TOKEN,
+          offsetof(DorvexX509UnsignedAttrs, timestampToken), kOpt | kWhole),
+};
+
+// SignerInfo ::= SEQUENCE {
+//     version             CMSVersion,                        -- value not examined
+//     sid                 SignerIdentifier,                  -- issuerAndSerialNumber only
+//     digestAlgorithm     DigestAlgorithmIdentifier,
+//     signedAttrs         [0] IMPLICIT SignedAttributes OPTIONAL,  -- captured whole, then decoded
+//     signatureAlgorithm  SignatureAlgorithmIdentifier,      -- not examined
+//     signature           SignatureValue,
+//     unsignedAttrs       [1] IMPLICIT UnsignedAttributes OPTIONAL }
+// RFC 5652 5.4: the signature covers signedAttrs with the SET tag 0x31 in
+// place of [0]; the capture records that tag for the verifier to put back.
+constexpr DorvexAsnTempl g_templDorvexPkcs7SignedInfo[] = {
+    Row(&g_itemDorvexAsnInt, offsetof(DorvexPkcs7SignedInfo, version)),
+    Row(&g_itemDorvexPkcs7IssuerAndSerial, offsetof(DorvexPkcs7SignedInfo, issuerAndSerial)),
+    Row(&g_itemDorvexX509AlgoIdentifier, offsetof(DorvexPkcs7SignedInfo, digestAlgorithm)),
+    Tagged(&g_itemDorvexAttrBundleRaw, kImplicit, 0,
+           offsetof(DorvexPkcs7SignedInfo, signedAttrsRaw), kOpt | DRX_ASN_PEEK | kWhole),
+    Tagged(&g_itemDorvexX509SignedAttrs, kImplicit, 0, offsetof(DorvexPkcs7SignedInfo, signedAttrs),
+           kOpt),
+    Row(&g_itemDorvexAsnSeq, 0, kSkip),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexPkcs7SignedInfo, signature)),
+    Tagged(&g_itemDorvexX509UnsignedAttrs, kImplicit, 1,
+           offsetof(DorvexPkcs7SignedInfo, unsignedAttrs), kOpt),
+};
+
+// SignerInfos ::= SET SIZE (0..1) OF SignerInfo
+constexpr DorvexAsnTempl g_templDorvexPkcs7SignedInfoBundle[] = {
+    Elements(&g_itemDorvexPkcs7SignedInfo, offsetof(DorvexPkcs7SignedInfoBundle, signerInfo),
+             DRX_PKCS7_MAX_SIGNERS),
+};
+
+// SignedData ::= SEQUENCE {
+//     version           CMSVersion,
+//     digestAlgorithms  DigestAlgorithmIdentifiers,          -- stepped over
+//     encapContentInfo  EncapsulatedContentInfo,
+//     certificates      [0] IMPLICIT CertificateSet OPTIONAL,
+//     crls              [1] IMPLICIT RevocationInfoChoices OPTIONAL,   -- stepped over
+//     signerInfos       SignerInfos }
+constexpr DorvexAsnTempl g_templDorvexPkcs7SignedData[] = {
+    Row(&g_itemDorvexAsnInt, offsetof(DorvexPkcs7SignedData, version), kOpt),
+    Row(&g_itemDorvexAsnSet, 0, kSkip),
+    Row(&g_itemDorvexPkcs7ContentInfo, offsetof(DorvexPkcs7SignedData, contentInfo)),
+    Tagged(&g_itemDorvexX509CertRawBundle, kImplicit, 0,
+           offsetof(DorvexPkcs7SignedData, certificates), kOpt),
+    Tagged(&g_itemDorvexAsnSeq, kImplicit, 1, 0, kOpt | kSkip),
+    Row(&g_itemDorvexPkcs7SignedInfoBundle, offsetof(DorvexPkcs7SignedData, signerInfos)),
+};
+
+// ContentInfo ::= SEQUENCE {
+//     contentType  ContentType,                 -- not compared with id-signedData
+//     content      [0] EXPLICIT SignedData }
+constexpr DorvexAsnTempl g_templDorvexPkcs7Content[] = {
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexPkcs7Content, contentType)),
+    Tagged(&g_itemDorvexPkcs7SignedData, kExplicit, 0, offsetof(DorvexPkcs7Content, signedData)),
+};
+
+// ---- TSTInfo ----------------------------------------------------------------
+
+// MessageImprint ::= SEQUENCE {
+//     hashAlgorithm  AlgorithmIdentifier,
+//     hashedMessage  OCTET STRING }
+constexpr DorvexAsnTempl g_templDorvexTsMsgImprint[] = {
+    Row(&g_itemDorvexX509AlgoIdentifier, offsetof(DorvexTsMsgImprint, hashAlgorithm)),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexTsMsgImprint, hashedMessage)),
+};
+
+// TSTInfo ::= SEQUENCE {
+//     version         INTEGER,                              -- stepped over
+//     policy          TSAPolicyId,                          -- stepped over
+//     messageImprint  MessageImprint,
+//     serialNumber    INTEGER,                              -- stepped over
+//     genTime         GeneralizedTime,
+//     accuracy        Accuracy OPTIONAL,                    -- the rest stepped over
+//     ordering        BOOLEAN DEFAULT FALSE,
+//     nonce           INTEGER OPTIONAL,
+//     tsa             [0] GeneralName OPTIONAL,
+//     extensions      [1] IMPLICIT Extensions OPTIONAL }
+constexpr DorvexAsnTempl g_templDorvexTimestampInfo[] = {
+    Row(&g_itemDorvexAsnInt, 0, kSkip),
+    Row(&g_itemDorvexAsnOcts, 0, kSkip),
+    Row(&g_itemDorvexTsMsgImprint, offsetof(DorvexTimestampInfo, messageImprint)),
+    Row(&g_itemDorvexAsnBigint, 0, kSkip),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexTimestampInfo, genTime)),
+    Row(&g_itemDorvexAsnSeq, 0, kOpt | kSkip),
+    Row(&g_itemDorvexAsnBool, 0, kOpt | kSkip),
+    Row(&g_itemDorvexAsnBigint, 0, kOpt | kSkip),
+    Tagged(&g_itemDorvexAsnSeq, kImplicit, 0, 0, kOpt | kSkip),
+    Tagged(&g_itemDorvexAsnSeq, kImplicit, 1, 0, kOpt | kSkip),
+};
+
+constexpr const DorvexAsnFunc *kSeq = &g_drxAsnFuncSeq;
+constexpr const DorvexAsnFunc *kSetOf = &g_drxAsnFuncSetOf;
+constexpr const DorvexAsnFunc *kMap = &g_drxAsnFuncMap;
+
+}  // namespace
+
+// ---- items ------------------------------------------------------------------
+
+// The signed attributes captured as bytes: a SET, read under [0] IMPLICIT.
+constexpr DorvexAsnItem g_itemDorvexAttrBundleRaw = {
+    nullptr, &g_drxAsnFuncOct, DRX_ASN_CLASS_UNIVERSAL, 1, DRX_ASN_SET, 0, sizeof(DorvexAsnOcts)};
+
+constexpr DorvexAsnItem g_itemDorvexPkcs7ContentInfo = Structured(
+    g_templDorvexPkcs7ContentInfo, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexPkcs7ContentInfo));
+// Universal SEQUENCE as its own tag, but only ever reached under [0] IMPLICIT.
+constexpr DorvexAsnItem g_itemDorvexX509CertRawBundle = Structured(
+    g_templDorvexX509CertRawBundle, kSetOf, DRX_ASN_SEQUENCE, sizeof(DorvexX509CertRawBundle));
+constexpr DorvexAsnItem g_itemDorvexPkcs7IssuerAndSerial = Structured(
+    g_templDorvexPkcs7IssuerAndSerial, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexPkcs7IssuerAndSerial));
+constexpr DorvexAsnItem g_itemDorvexX509SignedAttrs =
+    Structured(g_templDorvexX509SignedAttrs, kMap, DRX_ASN_SET, sizeof(DorvexX509SignedAttrs));
+constexpr DorvexAsnItem g_itemDorvexX509UnsignedAttrs =
+    Structured(g_templDorvexX509UnsignedAttrs, kMap, DRX_ASN_SET, sizeof(DorvexX509UnsignedAttrs));
+constexpr DorvexAsnItem g_itemDorvexPkcs7SignedInfo =
+    Structured(g_templDorvexPkcs7SignedInfo, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexPkcs7SignedInfo));
+constexpr DorvexAsnItem g_itemDorvexPkcs7SignedInfoBundle = Structured(
+    g_templDorvexPkcs7SignedInfoBundle, kSetOf, DRX_ASN_SET, sizeof(DorvexPkcs7SignedInfoBundle));
+constexpr DorvexAsnItem g_itemDorvexPkcs7SignedData =
+    Structured(g_templDorvexPkcs7SignedData, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexPkcs7SignedData));
+constexpr DorvexAsnItem g_itemDorvexPkcs7Content =
+    Structured(g_templDorvexPkcs7Content, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexPkcs7Content));
+
+constexpr DorvexAsnItem g_itemDorvexTsMsgImprint =
+    Structured(g_templDorvexTsMsgImprint, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexTsMsgImprint));
+constexpr DorvexAsnItem g_itemDorvexTimestampInfo =
+    Structured(g_templDorvexTimestampInfo, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexTimestampInfo));
+
+// The SET OF decoder stores the count in the record's first word.
+static_assert(offsetof(DorvexX509CertRawBundle, count) == 0 &&
+              offsetof(DorvexPkcs7SignedInfoBundle, count) == 0);
+// The list is filled here through its layout (below).
+static_assert(DORVEX_LIST_CAPACITY == sizeof(DorvexList::items) / sizeof(void *));
+
+// ---- decode and release -----------------------------------------------------
+
+namespace {
+
+// cms_asn1 sits below the PKI store's library, so the certificate list is
+// filled and emptied here with the store's own rules: append while fewer
+// than DORVEX_LIST_CAPACITY items are held, release from first to last.
+bool InternalListAppend(DorvexList &list, DorvexX509Cert *cert) {
+    if (list.count < 0 || list.count >= DORVEX_LIST_CAPACITY) {
+        return false;
+    }
+    list.items[list.count] = cert;
+    ++list.count;
+    return true;
+}
+
+void InternalReleaseCerts(DorvexList &list) {
+    for (int32_t i = 0; i < list.count && i < DORVEX_LIST_CAPACITY; ++i) {
+        DorvexX509FreeCert(static_cast<DorvexX509Cert *>(list.items[i]));
+    }
+    list.count = 0;
+}
+
+constexpr bool IsSequenceTag(const DorvexAsnOcts &raw) {
+    return raw.tagClass == DRX_ASN_CLASS_UNIVERSAL && raw.constructed == 1 &&
+           raw.tagCode == DRX_ASN_SEQUENCE;
+}
+
+// InternalDecodeCert: decodes every captured certificate into certList, in
+// order. On failure the certificates already decoded stay in certList for
+// the caller to release.
+uint32_t InternalDecodeCert(DorvexPkcs7SignedData &signedData) {
+    const DorvexX509CertRawBundle &raw = signedData.certificates;
+    for (uint32_t i = 0; i < raw.count && i < DRX_PKCS7_MAX_CERTS; ++i) {
+        const DorvexAsnOcts &der = raw.certs[i];
+        DorvexX509Cert *cert = nullptr;
+        uint32_t used = 0;
+        if (!IsSequenceTag(der) ||
+            DorvexX509DecodeCert(der.data, der.len, &cert, &used) != DORVEX_OK) {
+            DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, nullptr);
+            return DORVEX_ERR_PKCS7_DECODE;
+        }
+        if (!InternalListAppend(signedData.certList, cert)) {
+            DorvexX509FreeCert(cert);
+            DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, nullptr);
+            return DORVEX_ERR_PKCS7_DECODE;
+        }
+    }
+    return DORVEX_OK;
+}
+
+}  // namespace
+
+uint32_t DorvexPkcs7DecodeSigned(const uint8_t *data, uint32_t size, DorvexPkcs7Content **content,
+                                 uint32_t *consumed) {
+    if (data == nullptr || size == 0 || content == nullptr || consumed == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    *content = nullptr;
+    void *record = nullptr;
+    uint32_t used = 0;
+    // The engine's own code says where the structure broke; callers only
+    // need to know that the signature did not decode.
+    if (DorvexAsnDecode(data, size, &g_itemDorvexPkcs7Content, 0, &record, &used) != DORVEX_OK) {
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    auto *decoded = static_cast<DorvexPkcs7Content *>(record);
+    if (InternalDecodeCert(decoded->signedData) != DORVEX_OK) {
+        DorvexPkcs7FreeSigned(decoded);
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    *content = decoded;
+    *consumed = used;
+    return DORVEX_OK;
+}
+
+void DorvexPkcs7FreeSigned(DorvexPkcs7Content *content) {
+    if (content == nullptr) {
+        return;
+    }
+    InternalReleaseCerts(content->signedData.certList);
+    DorvexAsnFree(content, &g_itemDorvexPkcs7Content);
+}
