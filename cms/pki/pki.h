@@ -1,0 +1,95 @@
+// PKI store of a verify context: the operations of the fixed-capacity list
+// (its record lives with the context in cms/vrf_ctx.h), the certificates and
+// CRLs that paths are built from, and certificate path verification with
+// CRL-based revocation checking.
+//
+// Trust comes only from path building: a path ends at a self-signed
+// certificate of the store. Every lookup walks a list from its first item
+// and takes the first that fits, so among equals the one added first wins.
+#ifndef CMS_PKI_PKI_H
+#define CMS_PKI_PKI_H
+
+#include <stdint.h>
+
+#include "cms/asn1/x509.h"
+#include "cms/vrf_ctx.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Certificates and CRLs of one verify context, in order of addition. The
+// store holds one reference on each record.
+typedef struct DorvexPkiStore {
+    DorvexList certs;  // DorvexX509Cert *
+    DorvexList crls;   // DorvexX509Crl *
+} DorvexPkiStore;
+
+// ---- list ------------------------------------------------------------------
+
+// DorvexListAdd: appends `item`. DORVEX_ERR_PARAM for a null list or item,
+// DORVEX_ERR_LIST_FULL when 16 items are held already (the list unchanged).
+uint32_t DorvexListAdd(DorvexList *list, void *item);
+
+// DorvexListFree: calls freeItem on every item from the first to the last and
+// sets the count to 0; the slots keep their old pointers and the list itself
+// is not released. Nothing happens when either argument is null.
+void DorvexListFree(DorvexList *list, void (*freeItem)(void *));
+
+// DorvexListSort: stable in-place sort; afterwards compare(item, successor)
+// is never above 0. compare(a, b) > 0 means a must come after b.
+// DORVEX_ERR_PARAM when either argument is null, else 0.
+uint32_t DorvexListSort(DorvexList *list, int32_t (*compare)(const void *a, const void *b));
+
+// ---- store -----------------------------------------------------------------
+
+// DorvexPkiInit: gives the context a new, empty store. DORVEX_ERR_PARAM for a
+// null context, the allocator's code when memory runs out.
+uint32_t DorvexPkiInit(DorvexVrfCtx *ctx);
+
+// DorvexPkiUninit: drops the store's reference on every certificate and CRL,
+// releases the store and leaves the context without one. A null context or
+// a context without a store is left alone.
+void DorvexPkiUninit(DorvexVrfCtx *ctx);
+
+// DorvexPkiStoreAddCert: the store takes a reference on `cert`.
+// DORVEX_ERR_PARAM for a null context, certificate or store;
+// DORVEX_ERR_CERT_EXISTS when a stored certificate has the same signature
+// value; DORVEX_ERR_LIST_FULL at 16 certificates. On failure neither the
+// store nor the reference count changes.
+uint32_t DorvexPkiStoreAddCert(DorvexVrfCtx *ctx, DorvexX509Cert *cert);
+
+// DorvexPkiStoreAddCrl: the same for CRLs; a duplicate gives
+// DORVEX_ERR_CRL_EXISTS.
+uint32_t DorvexPkiStoreAddCrl(DorvexVrfCtx *ctx, DorvexX509Crl *crl);
+
+// DorvexPkiFindCertByIssuerSn: the first stored certificate with this issuer
+// name and serial number (bytes compared exactly), or null. The store keeps
+// its reference; the caller takes one if it keeps the record.
+DorvexX509Cert *DorvexPkiFindCertByIssuerSn(const DorvexVrfCtx *ctx, const DorvexX509Name *issuer,
+                                            const DorvexAsnBigint *serialNumber);
+
+// DorvexPkiFindCrlIssuer: the first stored certificate whose subject is the
+// CRL's issuer, whose key usage has cRLSign and whose key verifies the CRL's
+// signature; null when none does. Not cached: signatures are checked anew.
+DorvexX509Cert *DorvexPkiFindCrlIssuer(const DorvexVrfCtx *ctx, const DorvexX509Crl *crl);
+
+// ---- path verification -----------------------------------------------------
+
+// DorvexPkiVerifyCert: decides whether `cert` is trusted at the context's
+// verifyTime: its dates cover that time, it chains through the store to a
+// self-signed certificate of the store, and the best CRL whose signer chains
+// to the same root does not revoke it. Returns 0 with *valid 1 when trusted;
+// otherwise a result code with *valid 0 (DORVEX_ERR_PARAM for a null
+// argument). Callers pass resetDepth 1; nested checks of CRL signers pass 0.
+// strictRevocation judges every revocation reason other than
+// affiliationChanged, superseded and cessationOfOperation as immediate.
+// The only change to stored records is the cached issuer (issuerCert).
+uint32_t DorvexPkiVerifyCert(DorvexVrfCtx *ctx, DorvexX509Cert *cert, uint32_t resetDepth,
+                             uint32_t strictRevocation, uint32_t *valid);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif  // CMS_PKI_PKI_H
