@@ -382,6 +382,54 @@ Bytes Integer(std::span<const uint8_t> content) {
     return Tlv(0x02, content);
 }
 
+namespace {
+
+// Header length and content length of the element at the front of `in`.
+// Single-octet tags only, as everything this generator reads back uses.
+std::pair<size_t, size_t> Header(std::span<const uint8_t> in) {
+    if (in.size() < 2 || (in[0] & 0x1F) == 0x1F) {
+        throw Error("DER: truncated element or multi-octet tag");
+    }
+    size_t headerLen = 2;
+    size_t len = in[1];
+    if (len & 0x80) {
+        size_t octets = len & 0x7F;
+        if (octets == 0 || octets > sizeof(size_t) || octets > in.size() - 2) {
+            throw Error("DER: bad length octets");
+        }
+        len = 0;
+        for (size_t i = 0; i < octets; ++i) {
+            len = (len << 8) | in[2 + i];
+        }
+        headerLen += octets;
+    }
+    if (len > in.size() - headerLen) {
+        throw Error("DER: element runs past its input");
+    }
+    return {headerLen, len};
+}
+
+}  // namespace
+
+std::vector<Bytes> Children(std::span<const uint8_t> in) {
+    auto [headerLen, len] = Header(in);
+    std::span<const uint8_t> rest = in.subspan(headerLen, len);
+    std::vector<Bytes> out;
+    while (!rest.empty()) {
+        auto [childHeader, childLen] = Header(rest);
+        out.emplace_back(rest.begin(),
+                         rest.begin() + static_cast<ptrdiff_t>(childHeader + childLen));
+        rest = rest.subspan(childHeader + childLen);
+    }
+    return out;
+}
+
+Bytes Content(std::span<const uint8_t> in) {
+    auto [headerLen, len] = Header(in);
+    auto start = in.begin() + static_cast<ptrdiff_t>(headerLen);
+    return Bytes(start, start + static_cast<ptrdiff_t>(len));
+}
+
 }  // namespace der
 
 }  // namespace testpki

@@ -1,5 +1,8 @@
-// The demo hierarchy that scripts and examples start from.
+// The demo hierarchy and packages that scripts and examples start from, and
+// the root certificate the tool carries built in.
 #include "tools/testpki/testpki.h"
+
+#include <openssl/evp.h>
 
 namespace testpki {
 
@@ -38,11 +41,69 @@ CertSpec EndEntitySpec(const Credential &issuer, Key key, std::string cn, Bytes 
     return plan;
 }
 
+// Serial octets of the demo root: a prefix of this text, as long as the
+// certificate needs to come out at its fixed size (RFC 5280 allows 20).
+constexpr std::string_view kDemoRootSerial = "Dorvex demo root CA.";
+
+CertSpec DemoRootSpec(const Key &key, size_t serialLen) {
+    CertSpec plan;
+    plan.subjectKey = key;
+    plan.subject = SimpleName({{"C", "DE"}, {"O", "Dorvex"}, {"CN", "Demo Root CA"}});
+    plan.serial.assign(kDemoRootSerial.begin(),
+                       kDemoRootSerial.begin() + static_cast<ptrdiff_t>(serialLen));
+    plan.notBefore = Utc("151015000000Z");
+    plan.notAfter = Gen("20501015000000Z");
+    // CertSpec's own extension order differs; these four go in as written.
+    const Bytes keyId = key.KeyId();
+    const uint8_t usage[] = {0x01 /* unused bits */, ku::kKeyCertSign | ku::kCrlSign};
+    plan.extraExtensions = {
+        {"authorityKeyIdentifier", false, der::Seq({der::Tlv(0x80, keyId)})},
+        {"basicConstraints", true, der::Seq({der::Boolean(true)})},
+        {"keyUsage", true, der::Tlv(0x03, usage)},
+        {"subjectKeyIdentifier", false, der::OctetString(keyId)},
+    };
+    return plan;
+}
+
+// The spoiled certificates of MakePackage: the demo ones with another purpose.
+Credential WithPurpose(const Credential &issuer, const Credential &like, std::string cn,
+                       Bytes serial, std::string purpose) {
+    return IssueCredential(
+        EndEntitySpec(issuer, like.key, std::move(cn), std::move(serial), std::move(purpose)));
+}
+
+std::string Hex(const Bytes &bytes) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string out;
+    for (uint8_t b : bytes) {
+        out += kDigits[b >> 4];
+        out += kDigits[b & 0x0F];
+    }
+    return out;
+}
+
 }  // namespace
+
+Credential MakeDemoRoot(const std::filesystem::path &keyDir) {
+    Key key = LoadTestKey("root-4096", keyDir);
+    // Everything but the serial is fixed, and while every length keeps its
+    // form one serial octet more is one certificate octet more: measure once
+    // with a one-octet serial, then take as many octets as are missing.
+    size_t probe = IssueCert(DemoRootSpec(key, 1)).Der().size();
+    if (probe > kDemoRootSize || kDemoRootSize - probe + 1 > kDemoRootSerial.size()) {
+        throw Error("the demo root's name does not fit its size");
+    }
+    Credential root = IssueCredential(DemoRootSpec(key, kDemoRootSize - probe + 1));
+    if (root.cert.Der().size() != kDemoRootSize) {
+        throw Error("the demo root came out at " + std::to_string(root.cert.Der().size()) +
+                    " bytes");
+    }
+    return root;
+}
 
 DemoPki MakeDemoPki(const std::filesystem::path &keyDir) {
     DemoPki pki;
-    pki.root = IssueCredential(CaSpec(LoadTestKey("root-4096", keyDir), "Test Root CA", {0x01}));
+    pki.root = MakeDemoRoot(keyDir);
 
     CertSpec ca = CaSpec(LoadTestKey("ca-2048", keyDir), "Test Intermediate CA", {0x02});
     ca.issuer = pki.root;
@@ -99,6 +160,142 @@ std::vector<std::string> WriteDemoPki(const DemoPki &pki, const std::filesystem:
               PemBundle({{std::string(kPemCrl), pki.rootCrl}, {std::string(kPemCrl), pki.caCrl}}));
     written.push_back("crls.der");
     written.push_back("crls.pem");
+    return written;
+}
+
+std::string DemoChecksums() {
+    // Stand-ins for a package's payload; only their digests are shipped.
+    const std::pair<std::string_view, std::string_view> files[] = {
+        {"kernel.img", "demo kernel image\n"},
+        {"rootfs.img", "demo root file system\n"},
+        {"upgrade.sh", "#!/bin/sh\necho demo upgrade\n"},
+    };
+    std::string out;
+    for (const auto &[name, body] : files) {
+        Bytes digest(EVP_MAX_MD_SIZE);
+        unsigned int len = 0;
+        if (EVP_Digest(body.data(), body.size(), digest.data(), &len, EVP_sha256(), nullptr) != 1) {
+            throw Error("EVP_Digest");
+        }
+        digest.resize(len);
+        out += Hex(digest) + "  " + std::string(name) + "\n";
+    }
+    return out;
+}
+
+std::string_view FaultName(Fault fault) {
+    switch (fault) {
+        case Fault::None:
+            return "none";
+        case Fault::NoTimestamp:
+            return "no-timestamp";
+        case Fault::ImprintOverContent:
+            return "imprint-over-content";
+        case Fault::TamperedSignedAttr:
+            return "tampered-signed-attr";
+        case Fault::SignerWithoutCodeSigning:
+            return "signer-without-code-signing";
+        case Fault::TsaWithoutTimeStamping:
+            return "tsa-without-time-stamping";
+        case Fault::ThreeCerts:
+            return "three-certs";
+        case Fault::NoSigner:
+            return "no-signer";
+        case Fault::ChangedContent:
+            return "changed-content";
+        case Fault::Garbage:
+            return "garbage";
+    }
+    throw Error("unknown fault");
+}
+
+Package MakePackage(const DemoPki &pki, Fault fault, std::span<const uint8_t> content) {
+    SignSpec plan;
+    plan.signer = pki.leaf;
+    plan.certs = {pki.leaf.cert, pki.ca.cert};
+    TimestampSpec stamp;
+    stamp.tsa = pki.tsa;
+    stamp.maker = TokenMaker::Cms;  // reproducible, unlike the TS API's tokens
+    plan.timestamp = stamp;
+    Package out{Bytes(content.begin(), content.end()), {}};
+
+    switch (fault) {
+        case Fault::None:
+        case Fault::ChangedContent:
+            break;
+        case Fault::NoTimestamp:
+            plan.timestamp.reset();
+            break;
+        case Fault::ImprintOverContent:
+            plan.timestamp->imprintOver = out.content;
+            break;
+        case Fault::TamperedSignedAttr:
+            plan.tamperSignedAttr = true;
+            break;
+        case Fault::SignerWithoutCodeSigning:
+            plan.signer =
+                WithPurpose(pki.ca, pki.leaf, "Test Code Signing", {0x10, 0x03}, "emailProtection");
+            plan.certs[0] = plan.signer.cert;
+            break;
+        case Fault::TsaWithoutTimeStamping:
+            plan.timestamp->tsa =
+                WithPurpose(pki.ca, pki.tsa, "Test Time Stamping", {0x10, 0x04}, "codeSigning");
+            break;
+        case Fault::ThreeCerts:
+            plan.certs.push_back(pki.tsa.cert);
+            break;
+        case Fault::NoSigner:
+            plan.noSigner = true;
+            plan.timestamp.reset();
+            break;
+        case Fault::Garbage:
+            // Not DER and not PEM, and long enough to get past a size check.
+            out.signature.resize(512);
+            for (size_t i = 0; i < out.signature.size(); ++i) {
+                out.signature[i] = static_cast<uint8_t>(i * 151 + 7);
+            }
+            return out;
+    }
+    out.signature = MakeSignedData(plan, out.content);
+    if (fault == Fault::ChangedContent) {
+        if (out.content.empty()) {
+            throw Error("no content to change");
+        }
+        out.content[0] ^= 0x01;
+    }
+    return out;
+}
+
+std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesystem::path &outDir) {
+    std::vector<std::string> written = WriteDemoPki(pki, outDir);
+    auto write = [&](const std::string &name, std::span<const uint8_t> data) {
+        std::filesystem::path file = outDir / name;
+        std::error_code ec;
+        std::filesystem::create_directories(file.parent_path(), ec);
+        WriteFile(file, data);
+        written.push_back(name);
+    };
+    const std::string checksums = DemoChecksums();
+    const Bytes content(checksums.begin(), checksums.end());
+    const Package valid = MakePackage(pki, Fault::None, content);
+    write("sha256sums", content);
+    write("sha256sums.p7s", valid.signature);
+    write("sha256sums.p7s.pem", Armoured(valid.signature, Armour::PemCms));
+    write("sha256sums.tampered", MakePackage(pki, Fault::ChangedContent, content).content);
+    // The trust material a package check takes beside the built-in root.
+    std::string crls = PemBundle({{std::string(kPemCrl), pki.rootCrl},
+                                  {std::string(kPemCrl), pki.caCrl},
+                                  {std::string(kPemCertificate), pki.ca.cert.Der()}});
+    write("crls+ca.pem", std::span(reinterpret_cast<const uint8_t *>(crls.data()), crls.size()));
+    for (Fault fault : kAllFaults) {
+        if (fault == Fault::None) {
+            continue;
+        }
+        const Package bad = MakePackage(pki, fault, content);
+        const std::string dir = "faults/" + std::string(FaultName(fault)) + "/";
+        write(dir + "sha256sums", bad.content);
+        write(dir + "sha256sums.p7s", bad.signature);
+    }
     return written;
 }
 

@@ -9,37 +9,43 @@ namespace {
 
 constexpr const char kUsage[] =
     "usage: testpki demo-pki [--keys DIR] OUTDIR\n"
+    "       testpki demo-package [--keys DIR] OUTDIR\n"
+    "       testpki demo-root [--keys DIR] OUT.der\n"
     "       testpki --help\n"
     "\n"
-    "demo-pki  writes a small valid hierarchy made from the committed test keys:\n"
-    "          root (RSA 4096, self-signed) -> ca (intermediate) -> leaf (code\n"
-    "          signing) and tsa (time stamping), a CRL from root and one from ca.\n"
-    "          Each as NAME.der and NAME.pem (root, ca, leaf, tsa, root-crl,\n"
-    "          ca-crl), plus crls.der and crls.pem holding both CRLs.\n"
-    "--keys    folder of the test keys (default: the source tree's tests/keys).\n"
+    "demo-pki      writes a small valid hierarchy made from the committed test keys:\n"
+    "              root (the demo root) -> ca (intermediate) -> leaf (code signing)\n"
+    "              and tsa (time stamping), a CRL from root and one from ca.\n"
+    "              Each as NAME.der and NAME.pem (root, ca, leaf, tsa, root-crl,\n"
+    "              ca-crl), plus crls.der and crls.pem holding both CRLs.\n"
+    "demo-package  the same, plus a signed package: sha256sums, its detached\n"
+    "              signature with a timestamp token sha256sums.p7s (DER) and\n"
+    "              sha256sums.p7s.pem, sha256sums.tampered, crls+ca.pem (both\n"
+    "              CRLs and the CA certificate), and faults/NAME/ with a spoiled\n"
+    "              sha256sums and sha256sums.p7s for each kind of fault.\n"
+    "demo-root     writes the tool's built-in root certificate (1363 bytes of\n"
+    "              DER, the same bytes on every run).\n"
+    "--keys        folder of the test keys (default: the source tree's tests/keys).\n"
     "\n"
     "Test material only: the keys are public.\n";
 
-int DemoPki(int argc, char **argv) {
-    std::filesystem::path keyDir = testpki::DefaultKeyDir();
-    std::filesystem::path outDir;
-    for (int i = 2; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--keys") == 0 && i + 1 < argc) {
-            keyDir = argv[++i];
-        } else if (argv[i][0] != '-' && outDir.empty()) {
-            outDir = argv[i];
-        } else {
-            std::fputs(kUsage, stderr);
-            return 2;
-        }
+int Usage() {
+    std::fputs(kUsage, stderr);
+    return 2;
+}
+
+int Run(const std::string &command, const std::filesystem::path &keyDir,
+        const std::filesystem::path &out) {
+    if (command == "demo-root") {
+        testpki::WriteFile(out, testpki::MakeDemoRoot(keyDir).cert.Der());
+        std::printf("%s\n", out.c_str());
+        return 0;
     }
-    if (outDir.empty()) {
-        std::fputs(kUsage, stderr);
-        return 2;
-    }
-    std::vector<std::string> files = testpki::WriteDemoPki(testpki::MakeDemoPki(keyDir), outDir);
+    testpki::DemoPki pki = testpki::MakeDemoPki(keyDir);
+    std::vector<std::string> files = command == "demo-pki" ? testpki::WriteDemoPki(pki, out)
+                                                           : testpki::WriteDemoPackage(pki, out);
     for (const std::string &file : files) {
-        std::printf("%s\n", (outDir / file).c_str());
+        std::printf("%s\n", (out / file).c_str());
     }
     return 0;
 }
@@ -51,12 +57,29 @@ int main(int argc, char **argv) {
         std::fputs(kUsage, stdout);
         return 0;
     }
-    if (argc < 2 || std::strcmp(argv[1], "demo-pki") != 0) {
-        std::fputs(kUsage, stderr);
-        return 2;
+    if (argc < 2) {
+        return Usage();
+    }
+    const std::string command = argv[1];
+    if (command != "demo-pki" && command != "demo-package" && command != "demo-root") {
+        return Usage();
+    }
+    std::filesystem::path keyDir = testpki::DefaultKeyDir();
+    std::filesystem::path out;
+    for (int i = 2; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--keys") == 0 && i + 1 < argc) {
+            keyDir = argv[++i];
+        } else if (argv[i][0] != '-' && out.empty()) {
+            out = argv[i];
+        } else {
+            return Usage();
+        }
+    }
+    if (out.empty()) {
+        return Usage();
     }
     try {
-        return DemoPki(argc, argv);
+        return Run(command, keyDir, out);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "testpki: %s\n", e.what());
         return 1;

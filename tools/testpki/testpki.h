@@ -276,9 +276,94 @@ Bytes Boolean(bool value);
 Bytes Integer(std::span<const uint8_t> content);  // content octets as given
 }  // namespace der
 
+// ---- DER reading ------------------------------------------------------------
+
+namespace der {
+// The children of the constructed element at the front of `in`, each whole
+// (tag, length and content). Throws on a malformed or truncated element.
+std::vector<Bytes> Children(std::span<const uint8_t> in);
+// The content octets of the element at the front of `in`.
+Bytes Content(std::span<const uint8_t> in);
+}  // namespace der
+
+// ---- CMS signatures and timestamp tokens ------------------------------------
+
+inline constexpr std::string_view kPemCms = "CMS";
+inline constexpr std::string_view kPemPkcs7 = "PKCS7";
+
+// TsApi: OpenSSL's TS_RESP_CTX answers a time-stamp request as a real
+// authority would (its PKCS#7 signer adds the current clock as signing time,
+// so two tokens differ). Cms: the TSTInfo is written here and signed through
+// the CMS API; this takes any genTime text, a TSA certificate OpenSSL would
+// refuse to stamp with, a signer without signed attributes, and is
+// reproducible. Auto: TsApi when the plan fits it, otherwise Cms.
+enum class TokenMaker { Auto, TsApi, Cms };
+
+// The token signer's signed attributes: none (the signature covers the
+// TSTInfo directly), or content type, signing time, message digest and an
+// ESS signing-certificate attribute (v1: SHA-1 ESSCertID, v2: SHA-256
+// ESSCertIDv2), as OpenSSL's TS API writes them.
+enum class TokenAttrs { None, EssCertId, EssCertIdV2 };
+
+struct TimestampSpec {
+    Credential tsa;                           // required
+    std::string genTime = "20260115120000Z";  // GeneralizedTime content, as given
+    std::string policy = "1.3.6.1.4.1.99999.3.1";
+    Bytes serial = {0x01};  // INTEGER content octets
+    Digest imprintDigest = Digest::Sha256;
+    std::optional<Bytes> imprintOver;  // default: the signer's signature value
+    Digest digest = Digest::Sha256;    // of the TSA's own signature
+    TokenAttrs attrs = TokenAttrs::EssCertIdV2;
+    bool embedTsaCert = true;
+    TokenMaker maker = TokenMaker::Auto;
+};
+
+// Whether OpenSSL's TS API can make the token `plan` asks for.
+bool FitsTsApi(const TimestampSpec &plan);
+// TSTInfo DER (RFC 3161 2.4.2) as the Cms maker writes it: version 1, policy,
+// imprint over plan.imprintOver or else `stamped`, serial, genTime.
+Bytes MakeTstInfo(const TimestampSpec &plan, std::span<const uint8_t> stamped);
+// A timestamp token: ContentInfo with a SignedData whose eContentType is
+// id-ct-TSTInfo. The imprint hashes plan.imprintOver or else `stamped`.
+Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> stamped);
+
+// A detached CMS SignedData (RFC 5652) over the content passed beside it.
+struct SignSpec {
+    Credential signer;  // required unless noSigner
+    Digest digest = Digest::Sha256;
+    bool signedAttrs = true;  // content type, signing time, message digest
+    Time signingTime = Utc("260115115900Z");
+    // Embedded in this order (OpenSSL would sort them as a DER SET OF; the
+    // order is restored afterwards so a decoder can be tried on both).
+    std::vector<Cert> certs;
+    bool noSigner = false;  // a SignedData without SignerInfo
+    // The unsigned attribute id-aa-timeStampToken; its imprint covers the
+    // signer's signature value unless the spec says otherwise.
+    std::optional<TimestampSpec> timestamp;
+    // After signing, change the last digit of the signing-time attribute: the
+    // encoding still decodes but the signature over the attributes breaks.
+    bool tamperSignedAttr = false;
+};
+
+Bytes MakeSignedData(const SignSpec &plan, std::span<const uint8_t> content);
+// The only signer's signature value; throws when there is no signer.
+Bytes SignatureValueOf(std::span<const uint8_t> signedData);
+// The signer's timestamp token (DER); empty when there is none.
+Bytes TimestampTokenOf(std::span<const uint8_t> signedData);
+
+enum class Armour { Der, PemCms, PemPkcs7 };
+Bytes Armoured(std::span<const uint8_t> der, Armour armour);
+
 // ---- the demo hierarchy -----------------------------------------------------
 
-// A small valid hierarchy from the committed keys: root (RSA 4096) ->
+// The demo root that the tool carries built in: self-signed RSA 4096 from the
+// committed root-4096 key, 1363 bytes of DER, valid 2015-10-15 to 2050-10-15,
+// extensions authority key id, basic constraints (cA), key usage (keyCertSign,
+// cRLSign), subject key id, in this order. The same bytes on every run.
+inline constexpr size_t kDemoRootSize = 1363;
+Credential MakeDemoRoot(const std::filesystem::path &keyDir = DefaultKeyDir());
+
+// A small valid hierarchy from the committed keys: the demo root ->
 // intermediate CA -> code-signing leaf and time-stamping authority, with one
 // CRL from the root and one from the intermediate CA.
 struct DemoPki {
@@ -289,5 +374,55 @@ DemoPki MakeDemoPki(const std::filesystem::path &keyDir = DefaultKeyDir());
 // Writes every item as NAME.der and NAME.pem, plus crls.der / crls.pem with
 // both CRLs, into outDir (created if missing). Returns the file names.
 std::vector<std::string> WriteDemoPki(const DemoPki &pki, const std::filesystem::path &outDir);
+
+// ---- demo packages ----------------------------------------------------------
+
+// A checksum file as a package producer ships it ("HEX  NAME" lines).
+std::string DemoChecksums();
+
+// What a package check is given: the checksum file and its detached signature.
+struct Package {
+    Bytes content;
+    Bytes signature;
+};
+
+// The one way a package is spoiled; None is the valid package.
+enum class Fault {
+    None,
+    NoTimestamp,               // signer without a timestamp token
+    ImprintOverContent,        // token imprint hashes the content, not the signature
+    TamperedSignedAttr,        // a signed attribute changed after signing
+    SignerWithoutCodeSigning,  // signer certificate's EKU lacks codeSigning
+    TsaWithoutTimeStamping,    // TSA certificate's EKU has codeSigning instead
+    ThreeCerts,                // leaf, CA and TSA certificates embedded
+    NoSigner,                  // SignedData without SignerInfo
+    ChangedContent,            // one byte of the content changed after signing
+    Garbage,                   // the signature file is not DER at all
+};
+inline constexpr Fault kAllFaults[] = {Fault::None,
+                                       Fault::NoTimestamp,
+                                       Fault::ImprintOverContent,
+                                       Fault::TamperedSignedAttr,
+                                       Fault::SignerWithoutCodeSigning,
+                                       Fault::TsaWithoutTimeStamping,
+                                       Fault::ThreeCerts,
+                                       Fault::NoSigner,
+                                       Fault::ChangedContent,
+                                       Fault::Garbage};
+std::string_view FaultName(Fault fault);  // "none", "no-timestamp", ...
+
+// The package the demo hierarchy signs: pki.leaf signs `content` (SHA-256,
+// signed attributes, leaf and CA certificates embedded), pki.tsa stamps the
+// signature (reproducible Cms maker, ESSCertIDv2, TSA certificate embedded),
+// then `fault` spoils it.
+Package MakePackage(const DemoPki &pki, Fault fault, std::span<const uint8_t> content);
+
+// Writes a complete demo package into outDir (created if missing): what
+// WriteDemoPki writes, "sha256sums" with its signature "sha256sums.p7s" (DER)
+// and "sha256sums.p7s.pem" (CMS armour), "sha256sums.tampered" (one byte
+// changed), "crls+ca.pem" (root CRL, CA CRL and the CA certificate), and
+// "faults/NAME/sha256sums" with "faults/NAME/sha256sums.p7s" for every Fault
+// but None. Returns the file names, relative to outDir.
+std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesystem::path &outDir);
 
 }  // namespace testpki
