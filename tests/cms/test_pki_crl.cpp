@@ -69,15 +69,35 @@ TEST(PkiCrl, RevocationRules) {
     }
 }
 
-// A CRL signer with subject "CA" and its own key, issued by Root, whose own
-// certificate has expired: its CRLs score like CA's, but its path fails.
-Credential ExpiredCrlSigner(const Chain &c) {
+// A CRL signer with subject "CA" and its own key, issued by Root, serial
+// 0x40, not a CA: its CRLs score like CA's.
+Credential CrlSigner(const Chain &c, int64_t notAfter = kT + kDay) {
     CertSpec s = CaSpec("CA", c.root, "other-2048");
     s.serial = {0x40};
     s.basicConstraints.reset();
     s.keyUsage = testpki::KeyUsage::Of(testpki::ku::kCrlSign);
-    s.notAfter = At(kT - 1);
+    s.notAfter = At(notAfter);
     return testpki::IssueCredential(s);
+}
+
+// One whose own certificate has expired, so its path fails.
+Credential ExpiredCrlSigner(const Chain &c) {
+    return CrlSigner(c, kT - 1);
+}
+
+// The nested check of a CRL signer that is no CA follows the caller's
+// strictness: Root lists it for keyCompromise from tomorrow on.
+TEST(PkiCrl, StrictnessReachesTheCrlSigner) {
+    for (uint32_t strict : {0u, 1u}) {
+        Store store;
+        Chain c = BuildChain(
+            store,
+            ChainPlan().Crls(true, false).RootRevokes({{{0x40}, At(kT + kDay), kKeyCompromise}}));
+        const Credential signer = CrlSigner(c);
+        store.Add(signer);
+        store.AddCrl(Crl(signer));
+        EXPECT_EQ(store.Verify(c.leafCert, strict), strict != 0 ? DORVEX_ERR_CERT_REVOKED : 0u);
+    }
 }
 
 // A CA named "CA" under another root, both in the store.

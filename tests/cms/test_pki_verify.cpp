@@ -121,6 +121,26 @@ TEST(PkiVerify, IssuerLoopHasNoRoot) {
     EXPECT_EQ(LogCount("InternalFindCertRoot", "find path too deep."), 1);
 }
 
+// A record carries its cached issuer into every store that holds it; a store
+// without that issuer gives no fresh search.
+TEST(PkiVerify, CachedIssuerTravelsWithTheRecord) {
+    Store first;
+    Chain c = BuildChain(first);
+    ASSERT_EQ(first.Verify(c.leafCert), 0u);
+    ASSERT_EQ(c.leafCert->issuerCert, c.caCert);
+
+    Store second;
+    second.Add(c.root);
+    CertSpec twin = CaSpec("CA", c.root);
+    twin.serial = {0x21};  // same name and key as CA, another record
+    second.Add(testpki::IssueCredential(twin));
+    ASSERT_EQ(DorvexPkiStoreAddCert(&second.ctx, c.leafCert), 0u);
+    second.AddCrl(c.rootCrl);
+    second.AddCrl(c.caCrl);
+    EXPECT_EQ(second.Verify(c.leafCert), DORVEX_ERR_NO_ROOT);
+    DorvexPkiUninit(&second.ctx);  // before `first` checks the leaf's count
+}
+
 TEST(PkiVerify, FirstAddedIssuerIsCached) {
     for (bool secondFirst : {false, true}) {
         Store store;
