@@ -1,0 +1,584 @@
+// Trust-material intake: certificates and CRLs from DER streams or PEM text,
+// in memory or in files, into a verify context's store.
+//
+// Decoded records point into the bytes they were decoded from, so the intake
+// always decodes from a copy that the context owns (rawBuffers) and never
+// from the caller's memory.
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "cms/adapt/adapt.h"
+#include "cms/asn1/pubkey.h"
+#include "cms/internal.h"
+#include "cms/pki/pki.h"
+
+namespace {
+
+constexpr std::string_view kPemBegin = "-----BEGIN";
+constexpr std::string_view kPemEnd = "-----END";
+constexpr std::string_view kPemDashes = "-----";
+constexpr std::string_view kPemCertHeader = "-----BEGIN CERTIFICATE-----";
+constexpr std::string_view kPemCertFooter = "-----END CERTIFICATE-----";
+constexpr std::string_view kPemCrlHeader = "-----BEGIN X509 CRL-----";
+constexpr std::string_view kPemCrlFooter = "-----END X509 CRL-----";
+
+// Trailing bytes of a DER stream that decode as nothing are ignored when
+// there are fewer than this (padding, a stray line break); more are an error.
+constexpr uint32_t kDrxIgnoredTailMax = 33;
+
+struct BufferFree {
+    void operator()(uint8_t *p) const { DorvexFree(p); }
+};
+using BufferPtr = std::unique_ptr<uint8_t, BufferFree>;
+
+struct CertFree {
+    void operator()(DorvexX509Cert *c) const { DorvexX509FreeCert(c); }
+};
+using CertPtr = std::unique_ptr<DorvexX509Cert, CertFree>;
+
+struct CrlFree {
+    void operator()(DorvexX509Crl *c) const { DorvexX509FreeCrl(c); }
+};
+using CrlPtr = std::unique_ptr<DorvexX509Crl, CrlFree>;
+
+// Local collections of the intake; whatever they still hold loses this
+// reference on every exit, so only what the store took stays alive.
+struct LocalCerts {
+    DorvexList list{};
+    ~LocalCerts() { InternalFreeCertList(&list); }
+};
+struct LocalCrls {
+    DorvexList list{};
+    ~LocalCrls() { InternalFreeCrlList(&list); }
+};
+
+void InternalFreeCertItem(void *item) {
+    DorvexX509FreeCert(static_cast<DorvexX509Cert *>(item));
+}
+
+void InternalFreeCrlItem(void *item) {
+    DorvexX509FreeCrl(static_cast<DorvexX509Crl *>(item));
+}
+
+uint32_t InternalAllocBuffer(uint64_t size, BufferPtr *out) {
+    void *block = nullptr;
+    uint32_t ret = DorvexMalloc(&block, size);
+    if (ret == DORVEX_OK) {
+        out->reset(static_cast<uint8_t *>(block));
+    }
+    return ret;
+}
+
+// Hands the buffer to the context, which frees it with the context.
+uint32_t InternalKeepBuffer(DorvexVrfCtx *ctx, BufferPtr *buffer) {
+    uint32_t ret = DorvexListAdd(&ctx->rawBuffers, buffer->get());
+    if (ret == DORVEX_OK) {
+        (void)buffer->release();
+    }
+    return ret;
+}
+
+void InternalCloseFile(FILE *file) {
+    int32_t ret = DorvexFileClose(file);
+    if (ret != 0) {
+        // The bytes are read already; a failing close loses nothing of them.
+        DORVEX_LOG_WARN(static_cast<uint32_t>(ret), "Failed to close file.");
+    }
+}
+
+struct FileClose {
+    void operator()(FILE *f) const { InternalCloseFile(f); }
+};
+using FilePtr = std::unique_ptr<FILE, FileClose>;
+
+// Finds `needle` in the zero-terminated text from `from` on.
+const char *InternalFind(const char *from, std::string_view needle) {
+    return DorvexStrStr(from, needle.data());
+}
+
+bool InternalStartsWith(const char *text, std::string_view prefix) {
+    return DorvexStrNCmp(text, prefix.data(), prefix.size()) == 0;
+}
+
+// InternalPemBlockDer: the DER of one PEM block [block, blockEnd) that
+// begins with `header`. The base64 body starts `bodySkip` characters behind
+// the header and runs to the first `footer` from the block start, which must
+// end inside the block; a footer in front of the body start leaves no body.
+uint32_t InternalPemBlockDer(const char *block, const char *blockEnd, std::string_view header,
+                             size_t bodySkip, std::string_view footer, BufferPtr *der,
+                             uint32_t *derLen) {
+    const char *bodyStart = block + header.size() + bodySkip;
+    const char *bodyEnd = InternalFind(block, footer);
+    if (bodyEnd == nullptr || bodyEnd < bodyStart || bodyEnd + footer.size() > blockEnd) {
+        return DORVEX_ERR_INPUT_FORMAT;
+    }
+    uint8_t *bytes = nullptr;
+    uint32_t ret = InternalBase64Decode(bodyStart, bodyEnd, &bytes, derLen);
+    if (ret == DORVEX_OK) {
+        der->reset(bytes);
+    }
+    return ret;
+}
+
+// InternalPemDecodeCert: one "CERTIFICATE" block. On success the certificate
+// is in `certs` and its DER in the context's rawBuffers. A failure is
+// reported here and leaves nothing behind; the caller goes on with the next
+// block.
+uint32_t InternalPemDecodeCert(DorvexVrfCtx *ctx, const char *block, const char *blockEnd,
+                               DorvexList *certs) {
+    // The body starts behind the header and one line-break character.
+    BufferPtr derGuard;
+    uint32_t derLen = 0;
+    uint32_t ret =
+        InternalPemBlockDer(block, blockEnd, kPemCertHeader, 1, kPemCertFooter, &derGuard, &derLen);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Invalid certificate block.");
+        return ret;
+    }
+    const uint8_t *der = derGuard.get();
+    DorvexX509Cert *decoded = nullptr;
+    uint32_t consumed = 0;
+    ret = DorvexX509DecodeCert(der, derLen, &decoded, &consumed);
+    CertPtr cert(decoded);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to decode certificate.");
+        return ret;
+    }
+    ret = InternalKeepBuffer(ctx, &derGuard);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to keep certificate buffer.");
+        return ret;
+    }
+    ret = DorvexListAdd(certs, cert.get());
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Too many certificates.");
+        return ret;  // its bytes stay with the context, unreferenced
+    }
+    (void)cert.release();
+    return DORVEX_OK;
+}
+
+// InternalPemDecodeCrl: one "X509 CRL" block, as InternalPemDecodeCert. When
+// the caller collects no CRLs the block is still decoded, so that a damaged
+// one is reported, and then dropped.
+uint32_t InternalPemDecodeCrl(DorvexVrfCtx *ctx, const char *block, const char *blockEnd,
+                              DorvexList *crls) {
+    // The body starts right behind the header; the base64 decoder steps over
+    // the line break.
+    BufferPtr derGuard;
+    uint32_t derLen = 0;
+    uint32_t ret =
+        InternalPemBlockDer(block, blockEnd, kPemCrlHeader, 0, kPemCrlFooter, &derGuard, &derLen);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Invalid CRL block.");
+        return ret;
+    }
+    const uint8_t *der = derGuard.get();
+    DorvexX509Crl *decoded = nullptr;
+    uint32_t consumed = 0;
+    ret = DorvexX509DecodeCrl(der, derLen, &decoded, &consumed);
+    CrlPtr crl(decoded);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to decode CRL.");
+        return ret;
+    }
+    if (crls == nullptr) {
+        // Keeping the bytes of a record that is dropped at once would only use
+        // up one of the context's 16 buffer slots.
+        return DORVEX_OK;
+    }
+    ret = InternalKeepBuffer(ctx, &derGuard);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to keep CRL buffer.");
+        return ret;
+    }
+    ret = DorvexListAdd(crls, crl.get());
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Too many CRLs.");
+        return ret;
+    }
+    (void)crl.release();
+    return DORVEX_OK;
+}
+
+// InternalDecodePemCertCrl: walks the PEM blocks of the text. Certificate and
+// CRL blocks are decoded, damaged ones reported and skipped, other labels
+// (public keys, private keys, requests) skipped silently. Only a block
+// without any end marker stops the walk.
+uint32_t InternalDecodePemCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length,
+                                  DorvexList *certs, DorvexList *crls) {
+    // A zero-terminated copy lets every search stop at the end of the input.
+    BufferPtr text;
+    uint32_t ret = InternalAllocBuffer(static_cast<uint64_t>(length) + 1, &text);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    memcpy(text.get(), data, length);
+    const char *block = InternalFind(reinterpret_cast<const char *>(text.get()), kPemBegin);
+    while (block != nullptr) {
+        // "-----BEGIN" holds no dash after its fifth character, so the end
+        // marker lies behind it and so does the label (one blank after it).
+        const char *endMarker = InternalFind(block, kPemEnd);
+        const char *closing =
+            endMarker == nullptr ? nullptr : InternalFind(endMarker + kPemEnd.size(), kPemDashes);
+        if (closing == nullptr) {
+            DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "PEM block without end marker.");
+            return DORVEX_ERR_INPUT_FORMAT;
+        }
+        const char *blockEnd = closing + kPemDashes.size();
+        // The exact header implies the label; "CERTIFICATE REQUEST" and the
+        // like do not match it and are skipped.
+        if (InternalStartsWith(block, kPemCertHeader)) {
+            (void)InternalPemDecodeCert(ctx, block, blockEnd, certs);
+        } else if (InternalStartsWith(block, kPemCrlHeader)) {
+            (void)InternalPemDecodeCrl(ctx, block, blockEnd, crls);
+        }
+        block = InternalFind(blockEnd, kPemBegin);
+    }
+    return DORVEX_OK;
+}
+
+// InternalDecodeStreamCertCrl: certificates and CRLs back to back, in any
+// order, decoded from one copy that the context keeps.
+uint32_t InternalDecodeStreamCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length,
+                                     DorvexList *certs, DorvexList *crls) {
+    BufferPtr copy;
+    uint32_t ret = InternalAllocBuffer(length, &copy);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    memcpy(copy.get(), data, length);
+    const uint8_t *bytes = copy.get();
+    ret = InternalKeepBuffer(ctx, &copy);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to keep input buffer.");
+        return ret;
+    }
+    uint32_t pos = 0;
+    while (pos < length) {
+        const uint8_t *at = bytes + pos;
+        const uint32_t left = length - pos;
+        uint32_t used = 0;
+        DorvexX509Cert *cert = nullptr;
+        // A record that claims to use nothing, or more than there is, would
+        // stall or overrun the walk; it counts as not decoded.
+        if (DorvexX509DecodeCert(at, left, &cert, &used) == DORVEX_OK && used > 0 && used <= left) {
+            ret = DorvexListAdd(certs, cert);
+            if (ret != DORVEX_OK) {
+                DORVEX_LOG_ERR(ret, "Too many certificates.");
+                DorvexX509FreeCert(cert);
+                return ret;
+            }
+            pos += used;
+            continue;
+        }
+        DorvexX509FreeCert(cert);
+        DorvexX509Crl *crl = nullptr;
+        used = 0;
+        uint32_t crlRet = DorvexX509DecodeCrl(at, left, &crl, &used);
+        if (crlRet == DORVEX_OK && used > 0 && used <= left) {
+            if (crls == nullptr) {
+                DorvexX509FreeCrl(crl);
+            } else if ((ret = DorvexListAdd(crls, crl)) != DORVEX_OK) {
+                DORVEX_LOG_ERR(ret, "Too many CRLs.");
+                DorvexX509FreeCrl(crl);
+                return ret;
+            }
+            pos += used;
+            continue;
+        }
+        DorvexX509FreeCrl(crl);
+        if (left < kDrxIgnoredTailMax) {
+            return DORVEX_OK;
+        }
+        if (crlRet != DORVEX_OK) {
+            DORVEX_LOG_ERR(crlRet, "Undecodable data at offset %u.", pos);
+        }
+        return crlRet;
+    }
+    return DORVEX_OK;
+}
+
+// Entry checks of the in-memory intake; reported under their own names.
+uint32_t InternalCheckParamVerifyAddCert(const DorvexVrfCtx *ctx, const uint8_t *data,
+                                         uint32_t length) {
+    uint32_t ret = InternalCheckCtx(ctx);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    if (data == nullptr || length == 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PARAM, "Certificate data is empty.");
+        return DORVEX_ERR_PARAM;
+    }
+    return DORVEX_OK;
+}
+
+uint32_t InternalCheckParamVerifyAddCertFile(const DorvexVrfCtx *ctx, const char *path) {
+    uint32_t ret = InternalCheckCtx(ctx);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    if (path == nullptr) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PARAM, "Certificate file path is null.");
+        return DORVEX_ERR_PARAM;
+    }
+    return DORVEX_OK;
+}
+
+uint32_t InternalCheckParamVerifyAddCrl(const DorvexVrfCtx *ctx, const uint8_t *data,
+                                        uint32_t length) {
+    uint32_t ret = InternalCheckCtx(ctx);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    if (data == nullptr || length == 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PARAM, "CRL data is empty.");
+        return DORVEX_ERR_PARAM;
+    }
+    return DORVEX_OK;
+}
+
+}  // namespace
+
+void InternalFreeCertList(DorvexList *certs) {
+    DorvexListFree(certs, InternalFreeCertItem);
+}
+
+void InternalFreeCrlList(DorvexList *crls) {
+    DorvexListFree(crls, InternalFreeCrlItem);
+}
+
+uint32_t InternalReadFile(const char *path, uint8_t **data, uint32_t *length) {
+    if (path == nullptr || data == nullptr || length == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    if (path[0] == '\0') {
+        DORVEX_LOG_ERR(DORVEX_ERR_FILE_OPEN, "Empty file path.");
+        return DORVEX_ERR_PARAM;
+    }
+    FilePtr file(DorvexFileOpen(path, "rb"));
+    if (file == nullptr) {
+        DORVEX_LOG_ERR(DORVEX_ERR_FILE_OPEN, "Can not open file '%s'.", path);
+        return DORVEX_ERR_FILE_OPEN;
+    }
+    // Checked at full width, so a size beyond 32 bits cannot wrap to a small one.
+    const uint64_t size = DorvexFileGetSize(file.get());
+    if (size == 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_FILE_EMPTY, "File '%s' is empty.", path);
+        return DORVEX_ERR_FILE_EMPTY;
+    }
+    if (size > DORVEX_MAX_FILE_SIZE) {
+        DORVEX_LOG_ERR(DORVEX_ERR_FILE_TOO_LARGE, "File '%s' is too large.", path);
+        return DORVEX_ERR_FILE_TOO_LARGE;
+    }
+    BufferPtr buffer;
+    uint32_t ret = InternalAllocBuffer(size, &buffer);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    const auto want = static_cast<uint32_t>(size);
+    if (DorvexFileRead(buffer.get(), want, file.get()) != want) {
+        DORVEX_LOG_ERR(DORVEX_ERR_FILE_READ, "Failed to read file '%s'.", path);
+        return DORVEX_ERR_FILE_READ;
+    }
+    *data = buffer.release();
+    *length = want;
+    return DORVEX_OK;
+}
+
+uint32_t InternalBase64Decode(const char *start, const char *end, uint8_t **data,
+                              uint32_t *length) {
+    if (start == nullptr || end == nullptr || data == nullptr || length == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    if (end <= start) {
+        return DORVEX_ERR_INPUT_FORMAT;
+    }
+    if (end - start > INT32_MAX) {
+        return DORVEX_ERR_BASE64;
+    }
+    const auto *src = reinterpret_cast<const uint8_t *>(start);
+    const auto srcLen = static_cast<int32_t>(end - start);
+    uint32_t needed = 0;
+    uint32_t ret = DorvexBase64Decode(src, srcLen, nullptr, &needed);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    if (needed == 0) {
+        return DORVEX_ERR_INPUT_FORMAT;
+    }
+    BufferPtr out;
+    ret = InternalAllocBuffer(needed, &out);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    uint32_t written = needed;
+    ret = DorvexBase64Decode(src, srcLen, out.get(), &written);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    *data = out.release();
+    *length = written;
+    return DORVEX_OK;
+}
+
+uint32_t InternalDecodeCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length,
+                               DorvexList *certs, DorvexList *crls) {
+    if (ctx == nullptr || data == nullptr || certs == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    if (length < kDrxMinInputLen) {
+        DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "Input of %u bytes is too short.", length);
+        return DORVEX_ERR_INPUT_FORMAT;
+    }
+    if (memcmp(data, kPemBegin.data(), kPemBegin.size()) == 0) {
+        return InternalDecodePemCertCrl(ctx, data, length, certs, crls);
+    }
+    return InternalDecodeStreamCertCrl(ctx, data, length, certs, crls);
+}
+
+uint32_t InternalAddCertToStore(DorvexVrfCtx *ctx, const DorvexList *certs, bool rootsAllowed) {
+    if (ctx == nullptr || certs == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    for (int32_t i = 0; i < certs->count && i < DORVEX_LIST_CAPACITY; ++i) {
+        auto *cert = static_cast<DorvexX509Cert *>(certs->items[i]);
+        if (cert == nullptr) {
+            continue;
+        }
+        if (!rootsAllowed) {
+            uint32_t selfSigned = 0;
+            uint32_t ret = DorvexX509IsSelfSigned(cert, &selfSigned);
+            if (ret != DORVEX_OK) {
+                DORVEX_LOG_ERR(ret, "Failed to check self sign for certificate.");
+                return ret;
+            }
+            if (selfSigned == 1) {
+                DORVEX_LOG_WARN(DORVEX_OK,
+                                "There is a root certificate, which is not allowed when add crl "
+                                "or cms.");
+                continue;
+            }
+        }
+        uint32_t ret = DorvexPkiStoreAddCert(ctx, cert);
+        if (ret == DORVEX_ERR_CERT_EXISTS) {
+            continue;
+        }
+        if (ret != DORVEX_OK) {
+            DORVEX_LOG_ERR(ret, "Failed to add certificate into PKI context.");
+            return ret;
+        }
+    }
+    return DORVEX_OK;
+}
+
+uint32_t InternalAddCrlToStore(DorvexVrfCtx *ctx, const DorvexList *crls) {
+    if (ctx == nullptr || crls == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    for (int32_t i = 0; i < crls->count && i < DORVEX_LIST_CAPACITY; ++i) {
+        auto *crl = static_cast<DorvexX509Crl *>(crls->items[i]);
+        if (crl == nullptr) {
+            continue;
+        }
+        uint32_t ret = DorvexPkiStoreAddCrl(ctx, crl);
+        if (ret != DORVEX_OK && ret != DORVEX_ERR_CRL_EXISTS) {
+            return ret;
+        }
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexVerifyAddCert(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length) {
+    uint32_t ret = InternalCheckParamVerifyAddCert(ctx, data, length);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    LocalCerts certs;
+    ret = InternalDecodeCertCrl(ctx, data, length, &certs.list, nullptr);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to decode certificate.");
+        return ret;
+    }
+    if (certs.list.count == 0) {
+        DORVEX_LOG_ERR(DORVEX_FAIL, "No certificate found.");
+        return DORVEX_FAIL;
+    }
+    // Trust anchors come in through here, so self-signed certificates are welcome.
+    ret = InternalAddCertToStore(ctx, &certs.list, true);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to add certificate into store.");
+        return ret;
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexVerifyAddCertFile(DorvexVrfCtx *ctx, const char *path) {
+    uint32_t ret = InternalCheckParamVerifyAddCertFile(ctx, path);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    uint8_t *data = nullptr;
+    uint32_t length = 0;
+    ret = InternalReadFile(path, &data, &length);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to read certificate file.");
+        return ret;
+    }
+    BufferPtr guard(data);
+    ret = DorvexVerifyAddCert(ctx, data, length);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to add certificate file.");
+    }
+    return ret;
+}
+
+extern "C" uint32_t DorvexVerifyAddCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length) {
+    uint32_t ret = InternalCheckParamVerifyAddCrl(ctx, data, length);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    LocalCerts certs;
+    LocalCrls crls;
+    ret = InternalDecodeCertCrl(ctx, data, length, &certs.list, &crls.list);
+    if (ret != DORVEX_OK || crls.list.count == 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_CRL_DECODE, "Failed to decode CRL.");
+        return DORVEX_ERR_CRL_DECODE;
+    }
+    ret = InternalAddCrlToStore(ctx, &crls.list);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to add CRL into store.");
+        return ret;
+    }
+    // CA certificates shipped with the CRLs may complete paths, but a CRL file
+    // is no source of trust: self-signed ones stay out.
+    ret = certs.list.count == 0 ? DORVEX_FAIL : InternalAddCertToStore(ctx, &certs.list, false);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_WARN(ret, "Failed to add certificate into store.");
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexVerifyAddCrlFile(DorvexVrfCtx *ctx, const char *path) {
+    if (ctx == nullptr || path == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    if (ctx->size != DORVEX_VRF_CTX_SIZE) {
+        return DORVEX_ERR_CTX_SIZE;
+    }
+    uint8_t *data = nullptr;
+    uint32_t length = 0;
+    uint32_t ret = InternalReadFile(path, &data, &length);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to read CRL file.");
+        return ret;
+    }
+    BufferPtr guard(data);
+    ret = DorvexVerifyAddCrl(ctx, data, length);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to add CRL file.");
+    }
+    return ret;
+}

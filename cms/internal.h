@@ -1,0 +1,81 @@
+// What the public-interface sources of the CMS library share with each
+// other: the trust-material intake (also used by signature verification and
+// the CRL interface), whole-file reading, and the pending-verification
+// record that a context owns.
+#ifndef CMS_INTERNAL_H
+#define CMS_INTERNAL_H
+
+#include <cstdint>
+
+#include "cms/adapt/provider.h"
+#include "cms/asn1/x509.h"
+#include "cms/dorvex.h"
+
+// Shortest input that can hold a certificate or CRL; anything shorter is
+// refused before decoding.
+inline constexpr uint32_t kDrxMinInputLen = 38;
+
+// Longest digest and signature a pending verification keeps.
+#define DORVEX_MD_MAX_LEN 64u
+#define DORVEX_SIG_MAX_LEN 516u
+
+// DorvexMdInfo: one pending verification of detached content. A digest
+// process has mdCtx (the content is hashed and compared with
+// expectedDigest); a direct-signature process has verifyCtx (the content is
+// the signed data and `signature` is checked at the end).
+typedef struct DorvexMdInfo {
+    DorvexMdCtx *mdCtx;
+    uint32_t hashAlg;
+    uint8_t expectedDigest[DORVEX_MD_MAX_LEN];
+    uint32_t expectedDigestLen;
+    DorvexCryptoVerifyCtx *verifyCtx;
+    uint8_t signature[DORVEX_SIG_MAX_LEN];
+    uint32_t signatureLen;
+} DorvexMdInfo;
+
+// InternalFreeMdInfo: destroys whichever contexts the DorvexMdInfo holds and
+// frees it; null is ignored. Typed for DorvexListFree.
+void InternalFreeMdInfo(void *info);
+
+// InternalCheckCtx: DORVEX_ERR_NULL_CTX for a null context,
+// DORVEX_ERR_CTX_SIZE for one whose size field is wrong; not logged.
+uint32_t InternalCheckCtx(const DorvexVrfCtx *ctx);
+
+// InternalReadFile: reads a whole file of 1 to DORVEX_MAX_FILE_SIZE bytes
+// into a new buffer (*data, *length), which the caller frees with
+// DorvexFree. On failure nothing is handed out: DORVEX_ERR_PARAM for an
+// empty path, DORVEX_ERR_FILE_OPEN, DORVEX_ERR_FILE_EMPTY,
+// DORVEX_ERR_FILE_TOO_LARGE, DORVEX_ERR_FILE_READ, or the allocator's code.
+uint32_t InternalReadFile(const char *path, uint8_t **data, uint32_t *length);
+
+// InternalBase64Decode: decodes the base64 text [start, end) into a new
+// buffer freed with DorvexFree. DORVEX_ERR_INPUT_FORMAT for text that decodes
+// to nothing, else the base64 decoder's or allocator's code.
+uint32_t InternalBase64Decode(const char *start, const char *end, uint8_t **data, uint32_t *length);
+
+// InternalDecodeCertCrl: decodes the certificates and CRLs of a DER stream
+// (records back to back) or of PEM text and appends them to certs and, when
+// given, crls; CRLs are dropped when crls is null. The records point into
+// buffers that the context owns (rawBuffers), never into `data`. Each
+// decoded record holds one reference, which the caller drops (see
+// InternalFreeCertList / InternalFreeCrlList), also after a failure, when
+// the lists may hold what was decoded before it.
+uint32_t InternalDecodeCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length,
+                               DorvexList *certs, DorvexList *crls);
+
+// InternalAddCertToStore: puts every certificate of the list into the
+// context's store, in order. Certificates the store holds already are
+// skipped silently; self-signed ones are skipped with a warning unless
+// rootsAllowed. Stops at the first other failure and returns its code; what
+// was stored before stays.
+uint32_t InternalAddCertToStore(DorvexVrfCtx *ctx, const DorvexList *certs, bool rootsAllowed);
+
+// InternalAddCrlToStore: the same for CRLs; duplicates are skipped silently.
+// No signature or issuer check happens here.
+uint32_t InternalAddCrlToStore(DorvexVrfCtx *ctx, const DorvexList *crls);
+
+// Drop one reference of every record of the list and empty it.
+void InternalFreeCertList(DorvexList *certs);
+void InternalFreeCrlList(DorvexList *crls);
+
+#endif  // CMS_INTERNAL_H
