@@ -45,6 +45,10 @@ int32_t UPGRADE_CmdExe(void);
 // Handler of "CHECK_PKG_INTEGRITY".
 int32_t UPGRADE_CheckPkgIntegrity(VerifyParam *param);
 
+// Joins the built-in root certificate into one new block (the caller frees it
+// with LZEB_FreeSub); 0, or DORVEX_ERR_MALLOC when memory is short.
+uint32_t GenerateRootCert(uint8_t **buffer, uint32_t *length);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,24 @@
+// The root certificate verify_tool trusts, built in as two constant arrays
+// (generated at configure time from VERIFY_TOOL_ROOT_CERT) that are joined at
+// run time: the head, and the last 131 bytes, which lie inside the signature.
+#ifndef TOOL_ROOT_CERT_H
+#define TOOL_ROOT_CERT_H
+
+#if !defined(ROOT_CERT_LEN) || !defined(ROOT_CERT_HEAD_LEN)
+#error "ROOT_CERT_LEN and ROOT_CERT_HEAD_LEN come from the build (cmake/EmbedRootCert.cmake)"
+#endif
+
+#define ROOT_CERT_TAIL_LEN 131
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+extern const unsigned char g_rootCert0[ROOT_CERT_HEAD_LEN];
+extern const unsigned char g_rootCert1[ROOT_CERT_TAIL_LEN];
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif  // TOOL_ROOT_CERT_H
