@@ -50,158 +50,65 @@ Bytes OidContent(const ASN1_OBJECT *oid) {
 }
 
 using CmsPtr = std::unique_ptr<CMS_ContentInfo, tp::Deleter<CMS_ContentInfo_free>>;
-// The stack holds borrowed certificates.
-struct StackFree {
-    void operator()(STACK_OF(X509) * stack) const { sk_X509_free(stack); }
-};
-using CertStack = std::unique_ptr<STACK_OF(X509), StackFree>;
-using BioPtr = std::unique_ptr<BIO, tp::Deleter<BIO_free>>;
+using tp::der::Children;
+using tp::der::Tlv;
 
-const char kPayload[] = "sha256sums of the package\n";
+const Bytes kContent = {'s', 'h', 'a', '2', '5', '6', 's', 'u', 'm', 's', '\n'};
+constexpr char kIdData[] = "1.2.840.113549.1.7.1";
 
-struct Pki {
-    tp::Credential ca, leaf, other, tsa, ecLeaf;
-};
-
-const Pki &TestPki() {
-    static const Pki pki = [] {
-        Pki p;
-        tp::CertSpec ca;
-        ca.subjectKey = tp::LoadTestKey("ca-2048");
-        ca.subject = tp::SimpleName({{"C", "DE"}, {"O", "Test"}, {"CN", "Signing CA"}});
-        ca.basicConstraints = tp::BasicConstraints();
-        p.ca = tp::IssueCredential(ca);
-        auto issued = [&p](const char *key, const char *cn, uint64_t serial, const char *purpose) {
-            tp::CertSpec spec;
-            spec.subjectKey = tp::LoadTestKey(key);
-            spec.issuer = p.ca;
-            spec.subject = tp::SimpleName({{"O", "Test"}, {"CN", cn}});
-            spec.serial = tp::SerialFromU64(serial);
-            spec.extKeyUsage = tp::ExtKeyUsage{{purpose}, true};
-            spec.subjectKeyId = true;
-            tp::Credential issued = tp::IssueCredential(spec);
-            // OpenSSL's own parse, so that its comparisons see what the DER says.
-            issued.cert = tp::Cert::FromDer(issued.cert.Der());
-            return issued;
-        };
-        p.leaf = issued("leaf-2048", "Code Signer", 0x8001, "codeSigning");
-        p.other = issued("other-2048", "Second Signer", 0x22, "codeSigning");
-        p.tsa = issued("tsa-2048", "Time Stamping", 0x0133, "timeStamping");
-        p.ecLeaf = issued("ec-p256", "EC Signer", 0x44, "codeSigning");
-        return p;
-    }();
+const tp::DemoPki &Pki() {
+    static const tp::DemoPki pki = tp::MakeDemoPki();
     return pki;
 }
 
-CertStack Stack(const std::vector<const tp::Credential *> &creds) {
-    CertStack stack(sk_X509_new_null());
-    for (const tp::Credential *c : creds) {
-        sk_X509_push(stack.get(), c->cert.get());
-    }
-    return stack;
+const tp::Cert &EcCert() {
+    static const tp::Cert cert = [] {
+        tp::CertSpec spec;
+        spec.subjectKey = tp::LoadTestKey("ec-p256");
+        spec.issuer = Pki().ca;
+        return tp::IssueCert(spec);
+    }();
+    return cert;
 }
 
-// Signing choices of one SignedData.
-struct SignPlan {
-    std::vector<const tp::Credential *> signers = {&TestPki().leaf};
-    std::vector<const tp::Credential *> extraCerts = {&TestPki().ca};
-    const EVP_MD *md = EVP_sha256();
-    unsigned flags = CMS_DETACHED | CMS_BINARY;
-    bool withCrl = false;
-    Bytes token;  // added as id-aa-timeStampToken to every signer when set
-};
-
-CmsPtr SignCms(const SignPlan &plan) {
-    CertStack extra = Stack(plan.extraCerts);
-    BioPtr data(BIO_new_mem_buf(kPayload, sizeof kPayload - 1));
-    CmsPtr cms(CMS_sign(nullptr, nullptr, extra.get(), nullptr, plan.flags | CMS_PARTIAL));
-    EXPECT_NE(cms, nullptr);
-    for (const tp::Credential *s : plan.signers) {
-        EXPECT_NE(CMS_add1_signer(cms.get(), s->cert.get(), s->key.get(), plan.md, plan.flags),
-                  nullptr);
-    }
-    if (plan.withCrl) {
-        tp::CrlSpec crl;
-        crl.issuer = TestPki().ca;
-        const Bytes der = tp::MakeCrl(crl);
-        const uint8_t *p = der.data();
-        X509_CRL *x = d2i_X509_CRL(nullptr, &p, static_cast<long>(der.size()));
-        EXPECT_EQ(CMS_add1_crl(cms.get(), x), 1);
-        X509_CRL_free(x);
-    }
-    if (!plan.signers.empty()) {
-        EXPECT_EQ(CMS_final(cms.get(), data.get(), nullptr, plan.flags), 1);
-    }
-    STACK_OF(CMS_SignerInfo) *infos = CMS_get0_SignerInfos(cms.get());
-    for (int i = 0; !plan.token.empty() && i < sk_CMS_SignerInfo_num(infos); ++i) {
-        EXPECT_EQ(CMS_unsigned_add1_attr_by_NID(
-                      sk_CMS_SignerInfo_value(infos, i), NID_id_smime_aa_timeStampToken,
-                      V_ASN1_SEQUENCE, plan.token.data(), static_cast<int>(plan.token.size())),
-                  1);
-    }
-    return cms;
+tp::TimestampSpec Stamp(tp::Digest imprint = tp::Digest::Sha256,
+                        tp::TokenMaker maker = tp::TokenMaker::Auto) {
+    tp::TimestampSpec spec;
+    spec.tsa = Pki().tsa;
+    spec.imprintDigest = imprint;
+    spec.maker = maker;
+    return spec;
 }
 
-Bytes Sign(const SignPlan &plan) {
-    return I2d(i2d_CMS_ContentInfo, SignCms(plan).get());
+// The package signature: leaf signer, leaf and CA certificates, a token.
+Bytes Sign(const std::function<void(tp::SignSpec &)> &edit = {}) {
+    tp::SignSpec spec;
+    spec.signer = Pki().leaf;
+    spec.certs = {Pki().leaf.cert, Pki().ca.cert};
+    spec.timestamp = Stamp();
+    if (edit) {
+        edit(spec);
+    }
+    return tp::MakeSignedData(spec, kContent);
 }
 
-// A timestamp token from OpenSSL's TSA over the payload's digest.
-ASN1_INTEGER *SerialCb(TS_RESP_CTX *, void *) {
-    ASN1_INTEGER *serial = ASN1_INTEGER_new();
-    ASN1_INTEGER_set_uint64(serial, 0x1234567890ULL);
-    return serial;
+// Rebuilds a ContentInfo after `edit` changed the SignedData's components
+// (version, digestAlgorithms, encapContentInfo, [certificates], [crls],
+// signerInfos).
+Bytes EditSignedData(const Bytes &der, const std::function<void(std::vector<Bytes> &)> &edit) {
+    const std::vector<Bytes> outer = Children(der);
+    std::vector<Bytes> parts = Children(Children(outer[1]).at(0));
+    edit(parts);
+    return tp::der::Seq({outer[0], Tlv(0xA0, tp::der::Seq(parts))});
 }
 
-struct TokenPlan {
-    const EVP_MD *md = EVP_sha256();
-    bool allOptional = false;  // accuracy, ordering, nonce, TSA name
-};
-
-Bytes MakeToken(const TokenPlan &plan) {
-    uint8_t digest[EVP_MAX_MD_SIZE];
-    unsigned digestLen = 0;
-    EXPECT_EQ(EVP_Digest(kPayload, sizeof kPayload - 1, digest, &digestLen, plan.md, nullptr), 1);
-    TS_REQ *req = TS_REQ_new();
-    TS_MSG_IMPRINT *imprint = TS_MSG_IMPRINT_new();
-    X509_ALGOR *alg = X509_ALGOR_new();
-    X509_ALGOR_set0(alg, OBJ_nid2obj(EVP_MD_get_type(plan.md)), V_ASN1_NULL, nullptr);
-    TS_MSG_IMPRINT_set_algo(imprint, alg);  // copies, as do the setters below
-    X509_ALGOR_free(alg);
-    TS_MSG_IMPRINT_set_msg(imprint, digest, static_cast<int>(digestLen));
-    TS_REQ_set_version(req, 1);
-    TS_REQ_set_msg_imprint(req, imprint);
-    TS_REQ_set_cert_req(req, 1);
-    if (plan.allOptional) {
-        ASN1_INTEGER *nonce = ASN1_INTEGER_new();
-        ASN1_INTEGER_set_uint64(nonce, 0xA1B2C3D4E5ULL);
-        TS_REQ_set_nonce(req, nonce);
-        ASN1_INTEGER_free(nonce);
-    }
-    BioPtr reqBio(BIO_new(BIO_s_mem()));
-    EXPECT_EQ(i2d_TS_REQ_bio(reqBio.get(), req), 1);
-
-    const tp::Credential &tsa = TestPki().tsa;
-    TS_RESP_CTX *ctx = TS_RESP_CTX_new();
-    EXPECT_EQ(TS_RESP_CTX_set_signer_cert(ctx, tsa.cert.get()), 1);
-    EXPECT_EQ(TS_RESP_CTX_set_signer_key(ctx, tsa.key.get()), 1);
-    ASN1_OBJECT *policy = OBJ_txt2obj("1.3.6.1.4.1.99999.1", 1);
-    TS_RESP_CTX_set_def_policy(ctx, policy);
-    ASN1_OBJECT_free(policy);
-    TS_RESP_CTX_add_md(ctx, plan.md);
-    TS_RESP_CTX_set_serial_cb(ctx, SerialCb, nullptr);
-    if (plan.allOptional) {
-        TS_RESP_CTX_set_accuracy(ctx, 1, 500, 0);
-        TS_RESP_CTX_add_flags(ctx, TS_ORDERING | TS_TSA_NAME);
-    }
-    TS_RESP *resp = TS_RESP_create_response(ctx, reqBio.get());
-    EXPECT_NE(resp, nullptr);
-    Bytes token = I2d(i2d_PKCS7, TS_RESP_get_token(resp));
-    TS_RESP_free(resp);
-    TS_RESP_CTX_free(ctx);
-    TS_MSG_IMPRINT_free(imprint);
-    TS_REQ_free(req);
-    return token;
+// The same for the components of the one SignerInfo.
+Bytes EditSigner(const Bytes &der, const std::function<void(std::vector<Bytes> &)> &edit) {
+    return EditSignedData(der, [&edit](std::vector<Bytes> &parts) {
+        std::vector<Bytes> signer = Children(Children(parts.back()).at(0));
+        edit(signer);
+        parts.back() = Tlv(0x31, tp::der::Seq(signer));
+    });
 }
 
 // RAII over a decoded SignedData.
@@ -267,18 +174,19 @@ void ExpectSigner(const DorvexPkcs7SignedInfo &ours, CMS_SignerInfo *si) {
         raw[0] = static_cast<uint8_t>(ours.signedAttrsRaw.tagClass << 6 |
                                       ours.signedAttrsRaw.constructed << 5 |
                                       ours.signedAttrsRaw.tagCode);
-        X509 *signer = nullptr;
-        const Pki &pki = TestPki();
-        for (const tp::Credential *c : {&pki.leaf, &pki.other, &pki.tsa}) {
-            if (CMS_SignerInfo_cert_cmp(si, c->cert.get()) == 0) {
-                signer = c->cert.get();
+        // OpenSSL's own parse of each candidate, for its comparison.
+        tp::Cert signer;
+        for (const tp::Credential *c : {&Pki().leaf, &Pki().tsa}) {
+            tp::Cert parsed = tp::Cert::FromDer(c->cert.Der());
+            if (CMS_SignerInfo_cert_cmp(si, parsed.get()) == 0) {
+                signer = parsed;
             }
         }
-        ASSERT_NE(signer, nullptr);
+        ASSERT_TRUE(signer);
         EVP_MD_CTX *md = EVP_MD_CTX_new();
         const Bytes sig = Content(ours.signature);
         EXPECT_EQ(EVP_DigestVerifyInit(md, nullptr, EVP_get_digestbyobj(digestOid), nullptr,
-                                       X509_get0_pubkey(signer)),
+                                       X509_get0_pubkey(signer.get())),
                   1);
         EXPECT_EQ(EVP_DigestVerify(md, sig.data(), sig.size(), raw.data(), raw.size()), 1);
         EVP_MD_CTX_free(md);
@@ -342,45 +250,70 @@ struct SignedRow {
     uint32_t expected;
 };
 
-Bytes WithPlan(const std::function<void(SignPlan &)> &edit) {
-    SignPlan plan;
-    edit(plan);
-    return Sign(plan);
-}
-
 TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
-    const Pki &pki = TestPki();
+    using Spec = tp::SignSpec;
     const SignedRow rows[] = {
-        {"detached, two certificates, SHA-256", [] { return Sign({}); }, DORVEX_OK},
-        {"SHA-384", [] { return WithPlan([](SignPlan &p) { p.md = EVP_sha384(); }); }, DORVEX_OK},
-        {"SHA-512", [] { return WithPlan([](SignPlan &p) { p.md = EVP_sha512(); }); }, DORVEX_OK},
-        {"no signed attributes",
-         [] { return WithPlan([](SignPlan &p) { p.flags |= CMS_NOATTR; }); }, DORVEX_OK},
-        {"no certificates", [] { return WithPlan([](SignPlan &p) { p.flags |= CMS_NOCERTS; }); },
+        {"two certificates, signed attributes, token, SHA-256", [] { return Sign(); }, DORVEX_OK},
+        {"SHA-384", [] { return Sign([](Spec &s) { s.digest = tp::Digest::Sha384; }); }, DORVEX_OK},
+        {"SHA-512", [] { return Sign([](Spec &s) { s.digest = tp::Digest::Sha512; }); }, DORVEX_OK},
+        {"no signed attributes", [] { return Sign([](Spec &s) { s.signedAttrs = false; }); },
          DORVEX_OK},
-        {"no signers", [] { return WithPlan([](SignPlan &p) { p.signers.clear(); }); }, DORVEX_OK},
-        {"CRLs are stepped over", [] { return WithPlan([](SignPlan &p) { p.withCrl = true; }); },
+        {"no certificates", [] { return Sign([](Spec &s) { s.certs.clear(); }); }, DORVEX_OK},
+        {"no signers",
+         [] {
+             return Sign([](Spec &s) {
+                 s.noSigner = true;
+                 s.timestamp.reset();
+             });
+         },
          DORVEX_OK},
-        {"embedded content", [] { return WithPlan([](SignPlan &p) { p.flags &= ~CMS_DETACHED; }); },
+        {"no timestamp token", [] { return Sign([](Spec &s) { s.timestamp.reset(); }); },
          DORVEX_OK},
-        {"timestamp token in the unsigned attributes",
-         [] { return WithPlan([](SignPlan &p) { p.token = MakeToken({}); }); }, DORVEX_OK},
-        {"a timestamp token on its own", [] { return MakeToken({}); }, DORVEX_OK},
+        {"a timestamp token on its own", [] { return tp::TimestampTokenOf(Sign()); }, DORVEX_OK},
+        {"CRLs are stepped over",
+         [] {
+             tp::CrlSpec crl;
+             crl.issuer = Pki().ca;
+             return EditSignedData(Sign(), [&crl](std::vector<Bytes> &parts) {
+                 parts.insert(parts.end() - 1, Tlv(0xA1, tp::MakeCrl(crl)));
+             });
+         },
+         DORVEX_OK},
+        {"embedded content",
+         [] {
+             return EditSignedData(Sign(), [](std::vector<Bytes> &parts) {
+                 parts[2] = tp::der::Seq(
+                     {tp::der::Oid(kIdData), Tlv(0xA0, tp::der::OctetString(kContent))});
+             });
+         },
+         DORVEX_OK},
         {"three certificates",
-         [&pki] { return WithPlan([&pki](SignPlan &p) { p.extraCerts.push_back(&pki.tsa); }); },
+         [] { return Sign([](Spec &s) { s.certs.push_back(Pki().tsa.cert); }); },
          DORVEX_ERR_PKCS7_DECODE},
         {"two signers",
-         [&pki] { return WithPlan([&pki](SignPlan &p) { p.signers.push_back(&pki.other); }); },
+         [] {
+             return EditSignedData(Sign(), [](std::vector<Bytes> &parts) {
+                 const Bytes signer = Children(parts.back()).at(0);
+                 parts.back() = Tlv(0x31, tp::ConcatDer({signer, signer}));
+             });
+         },
          DORVEX_ERR_PKCS7_DECODE},
         {"signer named by subject key identifier",
-         [] { return WithPlan([](SignPlan &p) { p.flags |= CMS_USE_KEYID; }); },
+         [] {
+             return EditSigner(Sign(), [](std::vector<Bytes> &signer) {
+                 signer[0] = tp::der::Integer(Bytes{3});
+                 signer[1] = Tlv(0x80, Pki().leaf.key.KeyId());
+             });
+         },
          DORVEX_ERR_PKCS7_DECODE},
         {"carried certificate with an EC key",
-         [&pki] { return WithPlan([&pki](SignPlan &p) { p.extraCerts = {&pki.ecLeaf}; }); },
+         [] { return Sign([](Spec &s) {
+                  s.certs = {Pki().leaf.cert, EcCert()};
+              }); },
          DORVEX_ERR_PKCS7_DECODE},
         {"truncated by one byte",
          [] {
-             Bytes der = Sign({});
+             Bytes der = Sign();
              der.pop_back();
              return der;
          },
@@ -389,9 +322,8 @@ TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
          DORVEX_ERR_PKCS7_DECODE},
         {"id-data content instead of SignedData",
          [] {
-             BioPtr in(BIO_new_mem_buf(kPayload, sizeof kPayload - 1));
-             CmsPtr data(CMS_data_create(in.get(), CMS_BINARY));
-             return I2d(i2d_CMS_ContentInfo, data.get());
+             return tp::der::Seq(
+                 {tp::der::Oid(kIdData), Tlv(0xA0, tp::der::OctetString(kContent))});
          },
          DORVEX_ERR_PKCS7_DECODE},
     };
@@ -409,7 +341,7 @@ TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
 }
 
 TEST(Pkcs7Signed, ArgumentsAndTrailingBytes) {
-    Bytes der = Sign({});
+    Bytes der = Sign();
     const auto size = static_cast<uint32_t>(der.size());
     DorvexPkcs7Content *out = nullptr;
     uint32_t consumed = 0;
@@ -428,7 +360,7 @@ TEST(Pkcs7Signed, ArgumentsAndTrailingBytes) {
 
 TEST(Pkcs7Signed, FailedCertificateIsLogged) {
     vt_test::ClearSyslog();
-    Decoded decoded(WithPlan([](SignPlan &p) { p.extraCerts = {&TestPki().ecLeaf}; }));
+    Decoded decoded(Sign([](tp::SignSpec &s) { s.certs = {EcCert()}; }));
     ASSERT_EQ(decoded.ret, DORVEX_ERR_PKCS7_DECODE);
     bool logged = false;
     for (const std::string &text : vt_test::CapturedSyslogTexts()) {
@@ -438,17 +370,15 @@ TEST(Pkcs7Signed, FailedCertificateIsLogged) {
 }
 
 TEST(Pkcs7Signed, FreeKeepsCertificatesOthersHold) {
-    const Bytes der = Sign({});
-    DorvexPkcs7Content *record = nullptr;
-    uint32_t consumed = 0;
-    ASSERT_EQ(
-        DorvexPkcs7DecodeSigned(der.data(), static_cast<uint32_t>(der.size()), &record, &consumed),
-        DORVEX_OK);
-    ASSERT_EQ(record->signedData.certList.count, 2);
-    auto *kept = static_cast<DorvexX509Cert *>(record->signedData.certList.items[1]);
+    const Bytes der = Sign();  // outlives every record that points into it
+    Decoded decoded(der);
+    ASSERT_EQ(decoded.ret, DORVEX_OK);
+    ASSERT_EQ(decoded.record->signedData.certList.count, 2);
+    auto *kept = static_cast<DorvexX509Cert *>(decoded.record->signedData.certList.items[1]);
     const Bytes tbs = Content(kept->tbsRaw);
     ++kept->refCount;
-    DorvexPkcs7FreeSigned(record);
+    DorvexPkcs7FreeSigned(decoded.record);
+    decoded.record = nullptr;
     // The second holder's record is still whole (the sanitizer build would
     // report a read of released memory).
     EXPECT_EQ(kept->refCount, 1);
@@ -456,20 +386,45 @@ TEST(Pkcs7Signed, FreeKeepsCertificatesOthersHold) {
     DorvexX509FreeCert(kept);
 }
 
-// TSTInfo as the timestamp check reads it: token -> eContent OCTET STRING
-// -> TSTInfo, compared with OpenSSL's TS reading of the same token.
+// Our TSTInfo record against OpenSSL's reading of the same bytes.
+void ExpectTstInfo(const Bytes &der) {
+    void *record = nullptr;
+    uint32_t used = 0;
+    ASSERT_EQ(DorvexAsnDecode(der.data(), static_cast<uint32_t>(der.size()),
+                              &g_itemDorvexTimestampInfo, 0, &record, &used),
+              DORVEX_OK);
+    EXPECT_EQ(used, der.size());
+    const auto *ours = static_cast<const DorvexTimestampInfo *>(record);
+    const uint8_t *p = der.data();
+    TS_TST_INFO *tst = d2i_TS_TST_INFO(nullptr, &p, static_cast<long>(der.size()));
+    ASSERT_NE(tst, nullptr);
+    EXPECT_EQ(Content(ours->genTime), Asn1Bytes(TS_TST_INFO_get_time(tst)));
+    EXPECT_EQ(ours->genTime.tagCode, static_cast<uint32_t>(V_ASN1_GENERALIZEDTIME));
+    TS_MSG_IMPRINT *imprint = TS_TST_INFO_get_msg_imprint(tst);
+    const ASN1_OBJECT *alg = nullptr;
+    X509_ALGOR_get0(&alg, nullptr, nullptr, TS_MSG_IMPRINT_get_algo(imprint));
+    EXPECT_EQ(Content(ours->messageImprint.hashAlgorithm.algorithm), OidContent(alg));
+    EXPECT_EQ(Content(ours->messageImprint.hashedMessage),
+              Asn1Bytes(TS_MSG_IMPRINT_get_msg(imprint)));
+    TS_TST_INFO_free(tst);
+    DorvexAsnFree(record, &g_itemDorvexTimestampInfo);
+}
+
+// TSTInfo as the timestamp check reaches it: token -> eContent OCTET STRING
+// -> TSTInfo.
 TEST(Pkcs7TstInfo, DecodesWhatOpensslReports) {
     const struct {
         const char *name;
-        TokenPlan plan;
+        tp::Digest imprint;
+        tp::TokenMaker maker;
     } rows[] = {
-        {"SHA-256, required fields only", {EVP_sha256(), false}},
-        {"SHA-384 with accuracy, ordering, nonce and TSA name", {EVP_sha384(), true}},
-        {"SHA-512", {EVP_sha512(), false}},
+        {"SHA-256 imprint, OpenSSL's TSA", tp::Digest::Sha256, tp::TokenMaker::TsApi},
+        {"SHA-384 imprint, OpenSSL's TSA", tp::Digest::Sha384, tp::TokenMaker::TsApi},
+        {"SHA-512 imprint, TSTInfo signed through CMS", tp::Digest::Sha512, tp::TokenMaker::Cms},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        const Bytes token = MakeToken(row.plan);
+        const Bytes token = tp::MakeTimestampToken(Stamp(row.imprint, row.maker), kContent);
         Decoded decoded(token);
         ASSERT_EQ(decoded.ret, DORVEX_OK);
         const DorvexAsnOcts &eContent = decoded.record->signedData.contentInfo.content;
@@ -478,34 +433,31 @@ TEST(Pkcs7TstInfo, DecodesWhatOpensslReports) {
         ASSERT_EQ(
             DorvexAsnDecode(eContent.data, eContent.len, &g_itemDorvexAsnOcts, 0, &octets, &used),
             DORVEX_OK);
-        const auto *tstDer = static_cast<const DorvexAsnOcts *>(octets);
-        void *info = nullptr;
-        ASSERT_EQ(
-            DorvexAsnDecode(tstDer->data, tstDer->len, &g_itemDorvexTimestampInfo, 0, &info, &used),
-            DORVEX_OK);
-        EXPECT_EQ(used, tstDer->len);
-        const auto *ours = static_cast<const DorvexTimestampInfo *>(info);
+        const Bytes tstDer = Content(*static_cast<const DorvexAsnOcts *>(octets));
+        DorvexAsnFree(octets, &g_itemDorvexAsnOcts);
 
         const uint8_t *p = token.data();
         PKCS7 *pkcs7 = d2i_PKCS7(nullptr, &p, static_cast<long>(token.size()));
         ASSERT_NE(pkcs7, nullptr);
         TS_TST_INFO *tst = PKCS7_to_TS_TST_INFO(pkcs7);
-        ASSERT_NE(tst, nullptr);
-        EXPECT_EQ(Content(ours->genTime), Asn1Bytes(TS_TST_INFO_get_time(tst)));
-        EXPECT_EQ(ours->genTime.tagCode, static_cast<uint32_t>(V_ASN1_GENERALIZEDTIME));
-        TS_MSG_IMPRINT *imprint = TS_TST_INFO_get_msg_imprint(tst);
-        const ASN1_OBJECT *alg = nullptr;
-        X509_ALGOR_get0(&alg, nullptr, nullptr, TS_MSG_IMPRINT_get_algo(imprint));
-        EXPECT_EQ(Content(ours->messageImprint.hashAlgorithm.algorithm), OidContent(alg));
-        EXPECT_EQ(Content(ours->messageImprint.hashedMessage),
-                  Asn1Bytes(TS_MSG_IMPRINT_get_msg(imprint)));
-        EXPECT_EQ(ours->messageImprint.hashedMessage.len,
-                  static_cast<uint32_t>(EVP_MD_get_size(row.plan.md)));
+        EXPECT_EQ(tstDer, I2d(i2d_TS_TST_INFO, tst));
         TS_TST_INFO_free(tst);
         PKCS7_free(pkcs7);
-        DorvexAsnFree(info, &g_itemDorvexTimestampInfo);
-        DorvexAsnFree(octets, &g_itemDorvexAsnOcts);
+        ExpectTstInfo(tstDer);
     }
+}
+
+TEST(Pkcs7TstInfo, OptionalFieldsAreSteppedOver) {
+    tp::TimestampSpec stamp = Stamp();
+    stamp.serial = Bytes(20, 0x7F);
+    std::vector<Bytes> fields = Children(tp::MakeTstInfo(stamp, kContent));
+    fields.push_back(tp::der::Seq({tp::der::Integer(Bytes{1})}));  // accuracy
+    fields.push_back(tp::der::Boolean(true));                      // ordering
+    fields.push_back(tp::der::Integer(Bytes{0x00, 0x9A, 0xBC}));   // nonce
+    fields.push_back(Tlv(0xA0, Tlv(0xA4, tp::der::Seq({}))));      // tsa: directoryName
+    fields.push_back(Tlv(0xA1, tp::der::Seq({tp::der::Oid("1.2.3.4"),
+                                             tp::der::OctetString(Bytes{5})})));  // extensions
+    ExpectTstInfo(tp::der::Seq(fields));
 }
 
 }  // namespace
