@@ -42,11 +42,14 @@ uint32_t InternalCheckCtx(const DorvexVrfCtx *ctx) {
 }
 
 extern "C" uint32_t DorvexVerifyCreateCtx(DorvexVrfCtx **ctx, const DorvexCtxCreateParams *params) {
-    if (ctx == nullptr || params == nullptr) {
+    if (ctx == nullptr) {
         return DORVEX_ERR_PARAM;
     }
     // Nothing stale is left in the caller's variable on any failure.
     *ctx = nullptr;
+    if (params == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
     if (params->size != DORVEX_CTX_CREATE_PARAMS_SIZE) {
         return DORVEX_ERR_CTX_SIZE;
     }
