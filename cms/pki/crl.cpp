@@ -150,10 +150,10 @@ uint32_t InternalFindBestCrlOfCert(DorvexVrfCtx *ctx, DorvexX509Cert *cert,
             *crl = candidate->crl;
             return DORVEX_OK;
         }
-        // Keep 0 meaning "nothing tried" even if a verdict came without a code.
-        lastCode = ret != DORVEX_OK ? ret : DORVEX_ERR_CRL_VERIFY;
+        lastCode = ret;
     }
     DORVEX_LOG_ERR(lastCode, "Verify CRL failed.");
+    // 0 here means no candidate's signer was found at all.
     return lastCode != 0 ? lastCode : DORVEX_ERR_CRL_VERIFY;
 }
 
