@@ -2,6 +2,7 @@
 // nesting depth, and how far the revocation walk climbs.
 #include <string>
 
+#include "cms/dorvex.h"
 #include "tests/cms/test_pki_support.h"
 
 namespace {
@@ -236,3 +237,44 @@ TEST(PkiVerify, NestingCounter) {
 }
 
 }  // namespace
+
+// The way the library uses the store: material through the context's intake,
+// the signer found by issuer and serial number, then its path.
+TEST(PkiVerify, ThroughThePublicContext) {
+    DorvexCtxCreateParams params{};
+    params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
+    DorvexVrfCtx *ctx = nullptr;
+    ASSERT_EQ(DorvexVerifyCreateCtx(&ctx, &params), 0u);
+    Store plan;  // only to build the hierarchy; its own store is not used
+    const Chain c = BuildChain(plan);
+    const Bytes certs = testpki::ConcatDer({c.root.cert.Der(), c.ca.cert.Der(), c.leaf.cert.Der()});
+    const std::string crls = testpki::PemBundle({{"X509 CRL", c.rootCrl}, {"X509 CRL", c.caCrl}});
+    for (int round = 0; round < 2; ++round) {  // the second round adds nothing new
+        EXPECT_EQ(DorvexVerifyAddCert(ctx, certs.data(), static_cast<uint32_t>(certs.size())), 0u);
+        EXPECT_EQ(DorvexVerifyAddCrl(ctx, reinterpret_cast<const uint8_t *>(crls.data()),
+                                     static_cast<uint32_t>(crls.size())),
+                  0u);
+    }
+    EXPECT_EQ(ctx->pki->certs.count, 3);
+    EXPECT_EQ(ctx->pki->crls.count, 2);
+
+    ctx->verifyTime = kT;
+    DorvexX509Cert *leaf = DorvexPkiFindCertByIssuerSn(ctx, &c.leafCert->certInfo.issuer,
+                                                       &c.leafCert->certInfo.serialNumber);
+    ASSERT_NE(leaf, nullptr);
+    ASSERT_NE(leaf, c.leafCert);
+    uint32_t valid = 0;
+    EXPECT_EQ(DorvexPkiVerifyCert(ctx, leaf, 1, 0, &valid), 0u);
+    EXPECT_EQ(valid, 1u);
+
+    // A second CRL of CA listing the leaf outranks the first one.
+    testpki::CrlSpec later;
+    later.issuer = c.ca;
+    later.crlNumber = Bytes{0x02};
+    later.revoked = {{{0x10}, At(kT - kDay), 1}};
+    const Bytes revoking = testpki::MakeCrl(later);
+    EXPECT_EQ(DorvexVerifyAddCrl(ctx, revoking.data(), static_cast<uint32_t>(revoking.size())), 0u);
+    EXPECT_EQ(DorvexPkiVerifyCert(ctx, leaf, 1, 0, &valid), DORVEX_ERR_CERT_REVOKED);
+    EXPECT_EQ(valid, 0u);
+    EXPECT_EQ(DorvexVrfCtxFree(ctx), 0u);
+}
