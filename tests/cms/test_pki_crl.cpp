@@ -12,7 +12,6 @@ using namespace pki_test;
 using testpki::CertSpec;
 using testpki::RevokedEntry;
 
-constexpr int kKeyCompromise = 1;
 constexpr int kAffiliationChanged = 3;
 constexpr int kSuperseded = 4;
 constexpr int kCessation = 5;
@@ -29,9 +28,13 @@ struct RevokeRow {
 TEST(PkiCrl, RevocationRules) {
     const uint32_t kRevoked = DORVEX_ERR_CERT_REVOKED;
     const RevokeRow rows[] = {
-        {"end entity, keyCompromise a day later", false, 0, {{{0x10}, At(kT + kDay), 1}}, 0},
+        {"end entity, keyCompromise a day later",
+         false,
+         0,
+         {{{0x10}, At(kT + kDay), kKeyCompromise}},
+         0},
         {"same, strict", false, 1, {{{0x10}, At(kT + kDay), kKeyCompromise}}, kRevoked},
-        {"end entity, dated at verifyTime", false, 0, {{{0x10}, At(kT), 1}}, kRevoked},
+        {"end entity, dated at verifyTime", false, 0, {{{0x10}, At(kT), kKeyCompromise}}, kRevoked},
         {"end entity, no reason, a day earlier", false, 0, {{{0x10}, At(kT - kDay), {}}}, kRevoked},
         {"strict, superseded a day later", false, 1, {{{0x10}, At(kT + kDay), kSuperseded}}, 0},
         {"strict, affiliationChanged a day earlier",
@@ -47,11 +50,15 @@ TEST(PkiCrl, RevocationRules) {
          {{{0x20}, At(kT), kCessation}},
          kRevoked},
         {"CA, no reason, a day later", true, 0, {{{0x20}, At(kT + kDay), {}}}, kRevoked},
-        {"CA, keyCompromise a day later", true, 0, {{{0x20}, At(kT + kDay), 1}}, kRevoked},
+        {"CA, keyCompromise a day later",
+         true,
+         0,
+         {{{0x20}, At(kT + kDay), kKeyCompromise}},
+         kRevoked},
         {"listed twice, later date first",
          false,
          0,
-         {{{0x10}, At(kT + kDay), 1}, {{0x10}, At(kT - kDay), 1}},
+         {{{0x10}, At(kT + kDay), kKeyCompromise}, {{0x10}, At(kT - kDay), kKeyCompromise}},
          kRevoked},
         {"other serial only", false, 1, {{{0x11}, At(kT - kDay), {}}}, 0},
     };
@@ -250,7 +257,8 @@ TEST(PkiCrl, VerdictsAgainstOpenssl) {
          DORVEX_ERR_CERT_NOT_YET_VALID, true},
         {"leaf revoked before the time", ChainPlan().CaRevokes(LeafRevoked()),
          DORVEX_ERR_CERT_REVOKED, true},
-        {"CA revoked before the time", ChainPlan().RootRevokes({{{0x20}, At(kT - kDay), 1}}),
+        {"CA revoked before the time",
+         ChainPlan().RootRevokes({{{0x20}, At(kT - kDay), kKeyCompromise}}),
          DORVEX_ERR_CERT_REVOKED, true},
         {"missing CRL", ChainPlan().Crls(true, false), DORVEX_ERR_NO_CRL, true},
         {"wrong root", ChainPlan().Ca([](CertSpec &s) { s.issuer = OtherRoot(); }),

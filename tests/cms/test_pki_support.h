@@ -22,6 +22,8 @@ using testpki::Credential;
 // The moment most cases are judged at, and a day in seconds.
 constexpr int64_t kT = 1748736000;  // 2025-06-01 00:00:00 UTC
 constexpr int64_t kDay = 86400;
+// CRLReason keyCompromise: revokes CAs whatever the date.
+constexpr int kKeyCompromise = 1;
 
 inline testpki::Time At(int64_t seconds) {
     return testpki::TimeAt(seconds);

@@ -189,7 +189,7 @@ TEST(PkiVerify, DirectAndIndirectCrls) {
         ChainPlan plan;
         plan.Crls(row.rootCrl, !row.indirect);
         if (row.caRevoked) {
-            plan.rootRevoked = {{{0x20}, At(kT - kDay), 1}};
+            plan.rootRevoked = {{{0x20}, At(kT - kDay), kKeyCompromise}};
         }
         Chain c = BuildChain(store, plan);
         if (row.indirect) {
@@ -271,7 +271,7 @@ TEST(PkiVerify, ThroughThePublicContext) {
     testpki::CrlSpec later;
     later.issuer = c.ca;
     later.crlNumber = Bytes{0x02};
-    later.revoked = {{{0x10}, At(kT - kDay), 1}};
+    later.revoked = {{{0x10}, At(kT - kDay), kKeyCompromise}};
     const Bytes revoking = testpki::MakeCrl(later);
     EXPECT_EQ(DorvexVerifyAddCrl(ctx, revoking.data(), static_cast<uint32_t>(revoking.size())), 0u);
     EXPECT_EQ(DorvexPkiVerifyCert(ctx, leaf, 1, 0, &valid), DORVEX_ERR_CERT_REVOKED);
