@@ -63,33 +63,33 @@ const tp::DemoPki &Pki() {
 
 const tp::Cert &EcCert() {
     static const tp::Cert cert = [] {
-        tp::CertSpec spec;
-        spec.subjectKey = tp::LoadTestKey("ec-p256");
-        spec.issuer = Pki().ca;
-        return tp::IssueCert(spec);
+        tp::CertSpec plan;
+        plan.subjectKey = tp::LoadTestKey("ec-p256");
+        plan.issuer = Pki().ca;
+        return tp::IssueCert(plan);
     }();
     return cert;
 }
 
 tp::TimestampSpec Stamp(tp::Digest imprint = tp::Digest::Sha256,
                         tp::TokenMaker maker = tp::TokenMaker::Auto) {
-    tp::TimestampSpec spec;
-    spec.tsa = Pki().tsa;
-    spec.imprintDigest = imprint;
-    spec.maker = maker;
-    return spec;
+    tp::TimestampSpec plan;
+    plan.tsa = Pki().tsa;
+    plan.imprintDigest = imprint;
+    plan.maker = maker;
+    return plan;
 }
 
 // The package signature: leaf signer, leaf and CA certificates, a token.
 Bytes Sign(const std::function<void(tp::SignSpec &)> &edit = {}) {
-    tp::SignSpec spec;
-    spec.signer = Pki().leaf;
-    spec.certs = {Pki().leaf.cert, Pki().ca.cert};
-    spec.timestamp = Stamp();
+    tp::SignSpec plan;
+    plan.signer = Pki().leaf;
+    plan.certs = {Pki().leaf.cert, Pki().ca.cert};
+    plan.timestamp = Stamp();
     if (edit) {
-        edit(spec);
+        edit(plan);
     }
-    return tp::MakeSignedData(spec, kContent);
+    return tp::MakeSignedData(plan, kContent);
 }
 
 // Rebuilds a ContentInfo after `edit` changed the SignedData's components
