@@ -251,23 +251,23 @@ struct SignedRow {
 };
 
 TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
-    using Spec = tp::SignSpec;
+    using Plan = tp::SignSpec;
     const SignedRow rows[] = {
         {"two certificates, signed attributes, token, SHA-256", [] { return Sign(); }, DORVEX_OK},
-        {"SHA-384", [] { return Sign([](Spec &s) { s.digest = tp::Digest::Sha384; }); }, DORVEX_OK},
-        {"SHA-512", [] { return Sign([](Spec &s) { s.digest = tp::Digest::Sha512; }); }, DORVEX_OK},
-        {"no signed attributes", [] { return Sign([](Spec &s) { s.signedAttrs = false; }); },
+        {"SHA-384", [] { return Sign([](Plan &s) { s.digest = tp::Digest::Sha384; }); }, DORVEX_OK},
+        {"SHA-512", [] { return Sign([](Plan &s) { s.digest = tp::Digest::Sha512; }); }, DORVEX_OK},
+        {"no signed attributes", [] { return Sign([](Plan &s) { s.signedAttrs = false; }); },
          DORVEX_OK},
-        {"no certificates", [] { return Sign([](Spec &s) { s.certs.clear(); }); }, DORVEX_OK},
+        {"no certificates", [] { return Sign([](Plan &s) { s.certs.clear(); }); }, DORVEX_OK},
         {"no signers",
          [] {
-             return Sign([](Spec &s) {
+             return Sign([](Plan &s) {
                  s.noSigner = true;
                  s.timestamp.reset();
              });
          },
          DORVEX_OK},
-        {"no timestamp token", [] { return Sign([](Spec &s) { s.timestamp.reset(); }); },
+        {"no timestamp token", [] { return Sign([](Plan &s) { s.timestamp.reset(); }); },
          DORVEX_OK},
         {"a timestamp token on its own", [] { return tp::TimestampTokenOf(Sign()); }, DORVEX_OK},
         {"CRLs are stepped over",
@@ -288,7 +288,7 @@ TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
          },
          DORVEX_OK},
         {"three certificates",
-         [] { return Sign([](Spec &s) { s.certs.push_back(Pki().tsa.cert); }); },
+         [] { return Sign([](Plan &s) { s.certs.push_back(Pki().tsa.cert); }); },
          DORVEX_ERR_PKCS7_DECODE},
         {"two signers",
          [] {
@@ -307,7 +307,7 @@ TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
          },
          DORVEX_ERR_PKCS7_DECODE},
         {"carried certificate with an EC key",
-         [] { return Sign([](Spec &s) {
+         [] { return Sign([](Plan &s) {
                   s.certs = {Pki().leaf.cert, EcCert()};
               }); },
          DORVEX_ERR_PKCS7_DECODE},
