@@ -73,11 +73,11 @@ DorvexX509Cert *BuildLongChain(Store &store, int length) {
     DorvexX509Cert *last = store.Add(issuer);
     for (int i = 1; i < length; ++i) {
         store.AddCrl(Crl(issuer));
-        CertSpec spec = CaSpec("I" + std::to_string(i), issuer);
+        CertSpec plan = CaSpec("I" + std::to_string(i), issuer);
         if (i == length - 1) {
-            spec = LeafSpec("Leaf", issuer);
+            plan = LeafSpec("Leaf", issuer);
         }
-        issuer = testpki::IssueCredential(spec);
+        issuer = testpki::IssueCredential(plan);
         last = store.Add(issuer);
     }
     return last;
@@ -146,10 +146,10 @@ TEST(PkiVerify, FirstAddedIssuerIsCached) {
     for (bool secondFirst : {false, true}) {
         Store store;
         const Credential root = StandardRoot();
-        CertSpec spec = CaSpec("CA", root);
-        const Credential first = testpki::IssueCredential(spec);
-        spec.serial = {0x21};
-        const Credential second = testpki::IssueCredential(spec);
+        CertSpec plan = CaSpec("CA", root);
+        const Credential first = testpki::IssueCredential(plan);
+        plan.serial = {0x21};
+        const Credential second = testpki::IssueCredential(plan);
         store.Add(root);
         DorvexX509Cert *a = store.Add(secondFirst ? second : first);
         store.Add(secondFirst ? first : second);

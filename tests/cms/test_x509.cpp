@@ -67,11 +67,11 @@ Bytes BnParam(EVP_PKEY *pkey, const char *param) {
 
 const tp::Credential &TestCa() {
     static const tp::Credential ca = [] {
-        tp::CertSpec spec;
-        spec.subjectKey = tp::LoadTestKey("ca-2048");
-        spec.subject = tp::SimpleName({{"C", "DE"}, {"O", "Test"}, {"CN", "Test CA"}});
-        spec.basicConstraints = tp::BasicConstraints();
-        return tp::IssueCredential(spec);
+        tp::CertSpec plan;
+        plan.subjectKey = tp::LoadTestKey("ca-2048");
+        plan.subject = tp::SimpleName({{"C", "DE"}, {"O", "Test"}, {"CN", "Test CA"}});
+        plan.basicConstraints = tp::BasicConstraints();
+        return tp::IssueCredential(plan);
     }();
     return ca;
 }
@@ -136,12 +136,12 @@ const CertCase kCertCases[] = {
 TEST(X509Cert, DecodesWhatOpensslReports) {
     for (const CertCase &c : kCertCases) {
         SCOPED_TRACE(c.name);
-        tp::CertSpec spec;
-        spec.subjectKey = tp::LoadTestKey("leaf-2048");
-        spec.issuer = TestCa();
-        spec.subject = tp::SimpleName({{"C", "DE"}, {"O", "Test"}, {"CN", "Leaf"}});
-        c.edit(spec);
-        Bytes der = tp::IssueCert(spec).Der();
+        tp::CertSpec plan;
+        plan.subjectKey = tp::LoadTestKey("leaf-2048");
+        plan.issuer = TestCa();
+        plan.subject = tp::SimpleName({{"C", "DE"}, {"O", "Test"}, {"CN", "Leaf"}});
+        c.edit(plan);
+        Bytes der = tp::IssueCert(plan).Der();
         const size_t size = der.size();
         der.insert(der.end(), {0x30, 0x00});  // the next item of a concatenation
         DorvexX509Cert *cert = nullptr;
@@ -255,10 +255,10 @@ const CrlCase kCrlCases[] = {
 TEST(X509Crl, DecodesWhatOpensslReports) {
     for (const CrlCase &c : kCrlCases) {
         SCOPED_TRACE(c.name);
-        tp::CrlSpec spec;
-        spec.issuer = TestCa();
-        c.edit(spec);
-        const Bytes der = tp::MakeCrl(spec);
+        tp::CrlSpec plan;
+        plan.issuer = TestCa();
+        c.edit(plan);
+        const Bytes der = tp::MakeCrl(plan);
         DorvexX509Crl *crl = nullptr;
         uint32_t consumed = 0;
         ASSERT_EQ(
@@ -283,17 +283,17 @@ TEST(X509Crl, DecodesWhatOpensslReports) {
         EXPECT_EQ(Seconds(info.thisUpdate), OpensslSeconds(X509_CRL_get0_lastUpdate(x.get())));
         EXPECT_EQ(Seconds(info.nextUpdate), OpensslSeconds(X509_CRL_get0_nextUpdate(x.get())));
         const STACK_OF(X509_REVOKED) *revoked = X509_CRL_get_REVOKED(x.get());
-        ASSERT_EQ(info.revokedCertificates.count, spec.revoked.size());
+        ASSERT_EQ(info.revokedCertificates.count, plan.revoked.size());
         for (uint32_t i = 0; i < info.revokedCertificates.count; ++i) {
             const DorvexX509RevokeEntry &e = info.revokedCertificates.entries[i];
             const X509_REVOKED *r = sk_X509_REVOKED_value(revoked, static_cast<int>(i));
             EXPECT_EQ(Content(e.userCertificate), Asn1Bytes(X509_REVOKED_get0_serialNumber(r)));
             EXPECT_EQ(Seconds(e.revocationDate),
                       OpensslSeconds(X509_REVOKED_get0_revocationDate(r)));
-            EXPECT_EQ(e.crlEntryExtensions.reasonCode, spec.revoked[i].reason.value_or(0));
+            EXPECT_EQ(e.crlEntryExtensions.reasonCode, plan.revoked[i].reason.value_or(0));
         }
         const DorvexX509IssuingDistPoint &idp = info.crlExtensions.issuingDistPoint;
-        const tp::IssuingDistPoint want = spec.issuingDistPoint.value_or(tp::IssuingDistPoint{});
+        const tp::IssuingDistPoint want = plan.issuingDistPoint.value_or(tp::IssuingDistPoint{});
         EXPECT_EQ(idp.distributionPoint.len != 0, want.uri.has_value());
         EXPECT_EQ(idp.onlyContainsUserCerts, want.onlyUserCerts);
         EXPECT_EQ(idp.onlyContainsCACerts, want.onlyCaCerts);
@@ -309,11 +309,11 @@ TEST(X509Crl, DecodesWhatOpensslReports) {
 // A decoded certificate with the names given; owns the DER it points into.
 struct NamedCert {
     NamedCert(const Name &subject, const Name &issuer) {
-        tp::CertSpec spec;
-        spec.subjectKey = tp::LoadTestKey("leaf-2048");
-        spec.subject = subject;
-        spec.issuerName = issuer;
-        der = tp::IssueCert(spec).Der();
+        tp::CertSpec plan;
+        plan.subjectKey = tp::LoadTestKey("leaf-2048");
+        plan.subject = subject;
+        plan.issuerName = issuer;
+        der = tp::IssueCert(plan).Der();
         uint32_t used = 0;
         EXPECT_EQ(DorvexX509DecodeCert(der.data(), static_cast<uint32_t>(der.size()), &cert, &used),
                   DORVEX_OK);

@@ -338,7 +338,7 @@ struct SignSpec {
     std::vector<Cert> certs;
     bool noSigner = false;  // a SignedData without SignerInfo
     // The unsigned attribute id-aa-timeStampToken; its imprint covers the
-    // signer's signature value unless the spec says otherwise.
+    // signer's signature value unless the plan says otherwise.
     std::optional<TimestampSpec> timestamp;
     // After signing, change the last digit of the signing-time attribute: the
     // encoding still decodes but the signature over the attributes breaks.
