@@ -75,4 +75,94 @@ static_assert(sizeof(DorvexCtxCreateParams) == DORVEX_CTX_CREATE_PARAMS_SIZE);
 static_assert(offsetof(DorvexCtxCreateParams, size) == 0);
 #endif
 
+// ---- CRL information ---------------------------------------------------------
+//
+// Decoding a CRL file into one information record per CRL, and comparing two
+// such results to decide whether one CRL set may replace another.
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Most CRLs one decode reports, and the sizes of the copied fields.
+#define DORVEX_CRL_INFO_MAX 16u
+#define DORVEX_CRL_ISSUER_NAME_LEN 256u
+#define DORVEX_CRL_SERIAL_LEN 32u
+
+// Results of DorvexCrlCompare.
+#define DORVEX_CRL_CMP_EQUAL 0u
+#define DORVEX_CRL_CMP_FIRST_NEWER 1u
+#define DORVEX_CRL_CMP_SECOND_NEWER 2u
+#define DORVEX_CRL_CMP_UNDECIDABLE 3u
+
+// One revoked serial number (content octets, no leading zero); len 0 when
+// the copy failed.
+typedef struct DorvexCrlRevokedSerial {
+    uint8_t serial[DORVEX_CRL_SERIAL_LEN];
+    uint32_t len;
+} DorvexCrlRevokedSerial;
+
+// What a decode reports about one CRL. Holds copies only, nothing points
+// into the input or the context.
+typedef struct DorvexCrlInfo {
+    uint32_t verified;                            // 1: signer found and trusted at thisUpdate
+    int64_t thisUpdate;                           // seconds since 1970-01-01 UTC
+    int64_t nextUpdate;                           // seconds since 1970-01-01 UTC
+    char issuerName[DORVEX_CRL_ISSUER_NAME_LEN];  // "C=..,O=..,CN=..", empty if unrenderable
+    uint8_t issuerSerial[DORVEX_CRL_SERIAL_LEN];  // serial of the signing certificate
+    uint32_t issuerSerialLen;                     // 0: no signer, or serial over 32 bytes
+    DorvexCrlRevokedSerial *revoked;  // only for CRLs signed by a self-signed certificate
+    uint32_t revokedCount;
+} DorvexCrlInfo;
+
+// The result of one decode: crlInfo[0..count) filled without gaps.
+typedef struct DorvexCrlInfoList {
+    uint64_t size;  // sizeof(DorvexCrlInfoList)
+    DorvexCrlInfo *crlInfo[DORVEX_CRL_INFO_MAX];
+    uint32_t count;
+} DorvexCrlInfoList;
+
+// DorvexDecodeCrl: decodes the CRLs and CA certificates of a DER stream or
+// PEM text, adds them to the context's store (self-signed certificates
+// excepted), and hands out one record per CRL in *list, freed with
+// DorvexCrlFree. Each CRL's signer is verified at the CRL's thisUpdate with
+// strict revocation, which leaves the context's verifyTime changed. A CRL
+// that cannot be reported (bad time, no memory) is logged and left out.
+// DORVEX_ERR_CRL_DECODE when the input does not decode or lacks a CRL or a
+// certificate, DORVEX_ERR_CRL_TOO_MANY above 16 CRLs; *list is null on failure.
+uint32_t DorvexDecodeCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t size,
+                         DorvexCrlInfoList **list);
+
+// DorvexDecodeCrlFile: DorvexDecodeCrl over a whole file of at most
+// DORVEX_MAX_FILE_SIZE bytes; the reading codes of DorvexVerifyAddCrlFile.
+uint32_t DorvexDecodeCrlFile(DorvexVrfCtx *ctx, const char *path, DorvexCrlInfoList **list);
+
+// DorvexCrlCompare: which of two decoded CRL sets is the newer, in *result
+// (DORVEX_CRL_CMP_...). Every CRL of both sets must be trusted
+// (DORVEX_ERR_CRL_SET_INVALID), no set may hold two CRLs of one issuer
+// (DORVEX_ERR_CRL_DUP_ISSUER), and a CRL may be missing from the newer set
+// only when the root's CRL there revokes its signer
+// (DORVEX_ERR_CRL_NOT_COMPARABLE); these three set *result to 3. An empty
+// set gives DORVEX_ERR_CRL_SET_EMPTY and leaves *result alone.
+uint32_t DorvexCrlCompare(DorvexVrfCtx *ctx, const DorvexCrlInfoList *first,
+                          const DorvexCrlInfoList *second, uint32_t *result);
+
+// DorvexCrlFree: releases a list of DorvexDecodeCrl with its records.
+// DORVEX_ERR_PARAM when the context or the list is missing, else 0.
+uint32_t DorvexCrlFree(DorvexVrfCtx *ctx, DorvexCrlInfoList *list);
+
+#ifdef __cplusplus
+}  // extern "C"
+
+static_assert(sizeof(DorvexCrlRevokedSerial) == 36);
+static_assert(offsetof(DorvexCrlInfo, thisUpdate) == 8);
+static_assert(offsetof(DorvexCrlInfo, issuerName) == 24);
+static_assert(offsetof(DorvexCrlInfo, issuerSerial) == 280);
+static_assert(offsetof(DorvexCrlInfo, revoked) == 320);
+static_assert(sizeof(DorvexCrlInfo) == 336);
+static_assert(offsetof(DorvexCrlInfoList, crlInfo) == 8);
+static_assert(offsetof(DorvexCrlInfoList, count) == 136);
+static_assert(sizeof(DorvexCrlInfoList) == 144);
+#endif
+
 #endif /* DORVEX_H */

@@ -1,0 +1,298 @@
+// CRL information and CRL-set comparison over CRL files made by testpki: the
+// demo root and its intermediate CA, each set decoded into a context of its
+// own that trusts the demo root.
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <openssl/x509.h>
+
+#include "cms/dorvex.h"
+#include "cms/pki/pki.h"
+#include "tests/support/syslog_capture.h"
+#include "tools/testpki/testpki.h"
+
+namespace {
+
+namespace tp = testpki;
+using tp::Bytes;
+
+const tp::DemoPki &Pki() {
+    static const tp::DemoPki pki = tp::MakeDemoPki();
+    return pki;
+}
+
+// A CA that the contexts never see, for CRLs whose signer is unknown.
+const tp::Credential &Stranger() {
+    static const tp::Credential c = [] {
+        tp::CertSpec s;
+        s.subjectKey = tp::LoadTestKey("other-2048");
+        s.subject = tp::SimpleName({{"CN", "Stranger CA"}});
+        s.basicConstraints = tp::BasicConstraints{};
+        s.keyUsage = tp::KeyUsage::Of(tp::ku::kKeyCertSign | tp::ku::kCrlSign);
+        return tp::IssueCredential(s);
+    }();
+    return c;
+}
+
+const Bytes kCaSerial = {0x02};
+const std::string kT0 = "240601000000Z", kT1 = "240701000000Z";
+
+Bytes Crl(const tp::Credential &issuer, const std::string &thisUpdate,
+          std::vector<Bytes> revoked = {}) {
+    tp::CrlSpec s;
+    s.issuer = issuer;
+    s.thisUpdate = tp::Utc(thisUpdate);
+    for (auto &serial : revoked) {
+        s.revoked.push_back({serial, tp::Utc("240101000000Z"), std::nullopt});
+    }
+    return tp::MakeCrl(s);
+}
+Bytes RootCrl(const std::string &at, std::vector<Bytes> revoked = {}) {
+    return Crl(Pki().root, at, std::move(revoked));
+}
+Bytes CaCrl(const std::string &at) {
+    return Crl(Pki().ca, at, {{0x10, 0x7F}});
+}
+
+// A CRL file as DER: the CRLs, then the intermediate CA's certificate.
+Bytes CrlFile(std::vector<Bytes> crls) {
+    crls.push_back(Pki().ca.cert.Der());
+    return tp::ConcatDer(crls);
+}
+
+struct CtxFree {
+    void operator()(DorvexVrfCtx *c) const { EXPECT_EQ(DorvexVrfCtxFree(c), DORVEX_OK); }
+};
+using CtxPtr = std::unique_ptr<DorvexVrfCtx, CtxFree>;
+
+CtxPtr TrustingCtx() {
+    DorvexCtxCreateParams params{};
+    params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
+    DorvexVrfCtx *ctx = nullptr;
+    EXPECT_EQ(DorvexVerifyCreateCtx(&ctx, &params), DORVEX_OK);
+    const Bytes &root = Pki().root.cert.Der();
+    EXPECT_EQ(DorvexVerifyAddCert(ctx, root.data(), root.size()), DORVEX_OK);
+    return CtxPtr(ctx);
+}
+
+// One decoded set with the context it was decoded in.
+struct Decoded {
+    CtxPtr ctx = TrustingCtx();
+    DorvexCrlInfoList *list = nullptr;
+    uint32_t ret = DORVEX_FAIL;
+    explicit Decoded(const Bytes &file) {
+        ret = DorvexDecodeCrl(ctx.get(), file.data(), file.size(), &list);
+    }
+    ~Decoded() {
+        if (list != nullptr) {
+            EXPECT_EQ(DorvexCrlFree(ctx.get(), list), DORVEX_OK);
+        }
+    }
+};
+
+Bytes SerialOf(const DorvexCrlInfo *info) {
+    return Bytes(info->issuerSerial, info->issuerSerial + info->issuerSerialLen);
+}
+
+bool Logged(const std::string &function, const std::string &text) {
+    for (const auto &line : vt_test::CapturedSyslogTexts()) {
+        if (line.find("(" + function + "):") != std::string::npos &&
+            line.find(text) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+TEST(CrlInfo, ReportsEveryCrlItCanReadAndDropsTheRest) {
+    tp::CrlSpec longTime;
+    longTime.issuer = Pki().ca;
+    longTime.thisUpdate = tp::Gen("20240601000000.5Z");  // 17 characters
+    const Bytes serial33(33, 0x11);
+    vt_test::ClearSyslog();
+    Decoded d(CrlFile({RootCrl(kT0, {kCaSerial, serial33, {0x10, 0x7F}}), tp::MakeCrl(longTime),
+                       CaCrl(kT1), Crl(Stranger(), kT1)}));
+    ASSERT_EQ(d.ret, DORVEX_OK);
+    ASSERT_EQ(d.list->count, 3u);
+    EXPECT_EQ(d.list->size, sizeof(DorvexCrlInfoList));
+    EXPECT_TRUE(Logged("InternalGetCrlInfo", "update time"));
+
+    const DorvexCrlInfo *root = d.list->crlInfo[0];
+    EXPECT_STREQ(root->issuerName, "C=DE,O=Dorvex,CN=Demo Root CA");
+    EXPECT_EQ(root->verified, 1u);
+    EXPECT_EQ(root->thisUpdate, tp::EpochOf(tp::Utc(kT0)));
+    EXPECT_EQ(root->nextUpdate, tp::EpochOf(tp::Utc("491231235959Z")));
+    const ASN1_INTEGER *rootSerial = X509_get0_serialNumber(Pki().root.cert.get());
+    EXPECT_EQ(SerialOf(root),
+              Bytes(ASN1_STRING_get0_data(rootSerial),
+                    ASN1_STRING_get0_data(rootSerial) + ASN1_STRING_length(rootSerial)));
+    // The 33-byte serial is left out and not counted.
+    ASSERT_EQ(root->revokedCount, 2u);
+    EXPECT_EQ(Bytes(root->revoked[0].serial, root->revoked[0].serial + root->revoked[0].len),
+              kCaSerial);
+    EXPECT_EQ(root->revoked[1].len, 2u);
+
+    // The intermediate is revoked by the root's CRL, so its CRL is not trusted.
+    const DorvexCrlInfo *ca = d.list->crlInfo[1];
+    EXPECT_STREQ(ca->issuerName, "C=DE,O=Dorvex Test PKI,CN=Test Intermediate CA");
+    EXPECT_EQ(ca->verified, 0u);
+    EXPECT_EQ(SerialOf(ca), kCaSerial);
+    EXPECT_EQ(ca->revoked, nullptr);
+    EXPECT_EQ(ca->revokedCount, 0u);
+
+    const DorvexCrlInfo *stranger = d.list->crlInfo[2];
+    EXPECT_STREQ(stranger->issuerName, "CN=Stranger CA");
+    EXPECT_EQ(stranger->verified, 0u);
+    EXPECT_EQ(stranger->issuerSerialLen, 0u);
+    // Left at the thisUpdate of the last CRL whose signer was found.
+    EXPECT_EQ(d.ctx->verifyTime, tp::EpochOf(tp::Utc(kT1)));
+}
+
+TEST(CrlInfo, RefusesWhatItCannotReport) {
+    const Bytes good = CrlFile({RootCrl(kT0)});
+    std::vector<Bytes> many;
+    std::vector<tp::PemBlock> manyPem;
+    for (int i = 0; i < 17; ++i) {
+        many.push_back(RootCrl("2407" + std::to_string(10 + i) + "000000Z"));
+        manyPem.push_back({std::string(tp::kPemCrl), many.back()});
+    }
+    manyPem.push_back({std::string(tp::kPemCertificate), Pki().ca.cert.Der()});
+    const std::string pem = tp::PemBundle(manyPem);
+    using Call = std::function<uint32_t(DorvexVrfCtx *, DorvexCrlInfoList **)>;
+    auto bytes = [](Bytes in) {
+        return [in](DorvexVrfCtx *c, DorvexCrlInfoList **l) {
+            return DorvexDecodeCrl(c, in.data(), in.size(), l);
+        };
+    };
+    struct Row {
+        const char *name;
+        bool nullCtx, badSize, nullOut;
+        Call call;
+        uint32_t expect;
+    } rows[] = {
+        {"null ctx", true, false, false, bytes(good), DORVEX_ERR_NULL_CTX},
+        {"ctx size", false, true, false, bytes(good), DORVEX_ERR_CTX_SIZE},
+        {"null out", false, false, true, bytes(good), DORVEX_ERR_PARAM},
+        {"zero length", false, false, false,
+         [&](auto c, auto l) { return DorvexDecodeCrl(c, good.data(), 0, l); }, DORVEX_ERR_PARAM},
+        {"garbage", false, false, false, bytes(Bytes(100, 0x5A)), DORVEX_ERR_CRL_DECODE},
+        {"certificate only", false, false, false, bytes(Pki().ca.cert.Der()),
+         DORVEX_ERR_CRL_DECODE},
+        // The signer is in the store already, yet the file must carry its CAs.
+        {"no certificate", false, false, false, bytes(RootCrl(kT0)), DORVEX_ERR_CRL_DECODE},
+        {"17 CRLs as DER", false, false, false, bytes(tp::ConcatDer(many)),
+         DORVEX_ERR_CRL_TOO_MANY},
+        {"17 CRLs as PEM", false, false, false, bytes(Bytes(pem.begin(), pem.end())),
+         DORVEX_ERR_CRL_TOO_MANY},
+        {"file: null path", false, false, false,
+         [](auto c, auto l) { return DorvexDecodeCrlFile(c, nullptr, l); }, DORVEX_ERR_PARAM},
+        {"file: missing", false, false, false,
+         [](auto c, auto l) { return DorvexDecodeCrlFile(c, "/nonexistent/crl.pem", l); },
+         DORVEX_ERR_FILE_OPEN},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.name);
+        CtxPtr ctx = TrustingCtx();
+        ctx->size = r.badSize ? 383 : DORVEX_VRF_CTX_SIZE;
+        DorvexCrlInfoList stale{};
+        DorvexCrlInfoList *list = &stale;
+        EXPECT_EQ(r.call(r.nullCtx ? nullptr : ctx.get(), r.nullOut ? nullptr : &list), r.expect);
+        // Once the arguments are accepted, a failure leaves no stale list behind.
+        const bool argsAccepted =
+            !r.nullCtx && !r.badSize && !r.nullOut && r.expect != DORVEX_ERR_PARAM;
+        EXPECT_EQ(list == nullptr, argsAccepted);
+        ctx->size = DORVEX_VRF_CTX_SIZE;
+    }
+}
+
+TEST(CrlInfo, DecodesAFile) {
+    char dir[] = "/tmp/crl_info-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::filesystem::path file = std::filesystem::path(dir) / "crls.der";
+    tp::WriteFile(file, CrlFile({RootCrl(kT0), CaCrl(kT0)}));
+    CtxPtr ctx = TrustingCtx();
+    DorvexCrlInfoList *list = nullptr;
+    EXPECT_EQ(DorvexDecodeCrlFile(ctx.get(), file.c_str(), &list), DORVEX_OK);
+    std::filesystem::remove_all(dir);
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(list->count, 2u);
+    EXPECT_EQ(list->crlInfo[0]->verified + list->crlInfo[1]->verified, 2u);
+    EXPECT_EQ(DorvexCrlFree(nullptr, list), DORVEX_ERR_PARAM);
+    EXPECT_EQ(DorvexCrlFree(ctx.get(), nullptr), DORVEX_ERR_PARAM);
+    EXPECT_EQ(DorvexCrlFree(ctx.get(), list), DORVEX_OK);
+}
+
+TEST(CrlCompare, DecidesWhichSetIsNewer) {
+    const Bytes base = CrlFile({RootCrl(kT0), CaCrl(kT0)});
+    const Bytes rootNewer = CrlFile({RootCrl(kT1), CaCrl(kT0)});
+    const Bytes caNewer = CrlFile({RootCrl(kT0), CaCrl(kT1)});
+    const Bytes rootOnly = CrlFile({RootCrl(kT0)});
+    const Bytes caRevoked = CrlFile({RootCrl(kT1, {kCaSerial})});
+    const Bytes otherRevoked = CrlFile({RootCrl(kT1, {{0x10, 0x7F}})});
+    const Bytes twoCaCrls = CrlFile({RootCrl(kT0), CaCrl(kT0), CaCrl(kT1)});
+    const Bytes untrusted = CrlFile({RootCrl(kT0), CaCrl(kT0), Crl(Stranger(), kT0)});
+    struct Row {
+        const char *name;
+        const Bytes &first, &second;
+        uint32_t expect, result;
+    } rows[] = {
+        {"itself", base, base, DORVEX_OK, 0},
+        {"root CRL later", rootNewer, base, DORVEX_OK, 1},
+        {"root CRL earlier", base, rootNewer, DORVEX_OK, 2},
+        {"newer by one, older by another", rootNewer, caNewer, DORVEX_OK, 3},
+        {"more CRLs, same times", base, rootOnly, DORVEX_OK, 1},
+        {"fewer CRLs, same times", rootOnly, base, DORVEX_OK, 2},
+        {"CA CRL gone, CA revoked", caRevoked, base, DORVEX_OK, 1},
+        {"CA CRL gone, CA not revoked", otherRevoked, base, DORVEX_ERR_CRL_NOT_COMPARABLE, 3},
+        {"two CRLs of one CA", twoCaCrls, base, DORVEX_ERR_CRL_DUP_ISSUER, 3},
+        {"untrusted CRL", base, untrusted, DORVEX_ERR_CRL_SET_INVALID, 3},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.name);
+        Decoded a(r.first), b(r.second);
+        ASSERT_EQ(a.ret, DORVEX_OK);
+        ASSERT_EQ(b.ret, DORVEX_OK);
+        uint32_t result = 99;
+        EXPECT_EQ(DorvexCrlCompare(a.ctx.get(), a.list, b.list, &result), r.expect);
+        EXPECT_EQ(result, r.result);
+    }
+}
+
+TEST(CrlCompare, RefusesMissingAndEmptySets) {
+    Decoded d(CrlFile({RootCrl(kT0)}));
+    ASSERT_EQ(d.ret, DORVEX_OK);
+    DorvexCrlInfoList empty{};
+    DorvexCrlInfoList overfull = *d.list;
+    overfull.count = DORVEX_CRL_INFO_MAX + 1;
+    DorvexVrfCtx *ctx = d.ctx.get();
+    struct Row {
+        const char *name;
+        DorvexVrfCtx *ctx;
+        const DorvexCrlInfoList *first, *second;
+        bool nullResult;
+        uint32_t expect, result;
+    } rows[] = {
+        {"null ctx", nullptr, d.list, d.list, false, DORVEX_ERR_NULL_CTX, 99},
+        {"null list", ctx, d.list, nullptr, false, DORVEX_ERR_PARAM, 99},
+        {"null result", ctx, d.list, d.list, true, DORVEX_ERR_PARAM, 99},
+        {"empty first", ctx, &empty, d.list, false, DORVEX_ERR_CRL_SET_EMPTY, 99},
+        {"empty second", ctx, d.list, &empty, false, DORVEX_ERR_CRL_SET_EMPTY, 99},
+        {"count beyond the slots", ctx, &overfull, d.list, false, DORVEX_ERR_CRL_SET_INVALID, 3},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.name);
+        uint32_t result = 99;
+        EXPECT_EQ(DorvexCrlCompare(r.ctx, r.first, r.second, r.nullResult ? nullptr : &result),
+                  r.expect);
+        EXPECT_EQ(result, r.result);
+    }
+}
+
+}  // namespace
