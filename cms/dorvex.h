@@ -66,6 +66,45 @@ uint32_t DorvexVrfCtxFree(DorvexVrfCtx *ctx);
 // characters, constant and never freed.
 const char *DorvexGetVersion(void);
 
+// ---- detached signature verification ----------------------------------------
+//
+// A detached CMS SignedData (DER, or PEM with a "CMS" or "PKCS7" armour) is
+// checked in three steps on a context that holds the trust material: Begin
+// checks every signer (its RFC 3161 timestamp token, which is mandatory and
+// sets the time at which certificates and CRLs are judged; its certificate
+// path for code signing; its signature over the signed attributes) and
+// leaves pending verifications in the context; Update feeds them the
+// content in pieces of any size; Final reports whether the content matches.
+
+// Pieces in which DorvexVerifyDetachSignatureQuick reads the content file.
+#define DORVEX_CONTENT_PIECE_SIZE 4096u
+
+// DorvexVerifyDetachSignatureBegin: decodes and checks the signature and adds
+// one pending verification per signer (signers that agree on algorithm and
+// digest share one). The certificates the signature carries join the store
+// for the rest of the context's life; the context keeps its own copy of the
+// bytes they need, so the caller may release `data` at once. A SignedData
+// without signers adds nothing and succeeds. Pending verifications of an
+// earlier Begin without Final stay and are finished together.
+uint32_t DorvexVerifyDetachSignatureBegin(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length);
+
+// DorvexVerifyDetachSignatureUpdate: feeds the next piece of the content to
+// every pending verification. DORVEX_ERR_NO_PROCESS when none is pending.
+uint32_t DorvexVerifyDetachSignatureUpdate(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length);
+
+// DorvexVerifyDetachSignatureFinal: finishes the pending verifications and
+// removes them. Returns 0 with *result 1 when all match (also when none was
+// pending) and 0 when one does not; a failing check returns its code with
+// *result 0.
+uint32_t DorvexVerifyDetachSignatureFinal(DorvexVrfCtx *ctx, uint32_t *result);
+
+// DorvexVerifyDetachSignatureQuick: Begin over the signature file (at most
+// DORVEX_MAX_FILE_SIZE bytes), Update over the content file in pieces of
+// DORVEX_CONTENT_PIECE_SIZE bytes (any size, read in constant memory), then
+// Final. *result is 1 only when every step succeeded and the content matches.
+uint32_t DorvexVerifyDetachSignatureQuick(DorvexVrfCtx *ctx, const char *contentPath,
+                                          const char *signaturePath, uint32_t *result);
+
 #ifdef __cplusplus
 }  // extern "C"
 

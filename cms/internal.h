@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "cms/adapt/provider.h"
+#include "cms/asn1/pkcs7.h"
 #include "cms/asn1/x509.h"
 #include "cms/dorvex.h"
 
@@ -77,5 +78,39 @@ uint32_t InternalAddCrlToStore(DorvexVrfCtx *ctx, const DorvexList *crls);
 // Drop one reference of every record of the list and empty it.
 void InternalFreeCertList(DorvexList *certs);
 void InternalFreeCrlList(DorvexList *crls);
+
+// ---- detached-signature verification (detached.cpp, timestamp.cpp) ----------
+
+// InternalVerifyIssuerCert: the certificate must have the digitalSignature
+// key usage and `requiredUsage` (DRX_EXKU_CODE_SIGNING or
+// DRX_EXKU_TIME_STAMPING) in its extended key usage, and its path must
+// verify at the context's verifyTime; time stamping is judged with strict
+// revocation. DORVEX_ERR_CERT_USAGE, path verification's own code, or
+// DORVEX_ERR_CERT_UNTRUSTED.
+uint32_t InternalVerifyIssuerCert(DorvexVrfCtx *ctx, DorvexX509Cert *cert, uint32_t requiredUsage);
+
+// DorvexPkcs7DetachedSignatureVerify: checks the signer's signature over its
+// signed attributes (0x31, then the captured encoding after its first
+// octet) with the certificate's key. 0 with *verified 1 or 0 when the check
+// ran; DORVEX_ERR_SIGN_ALG for an unsupported digest, else the key
+// extraction's or the provider's code.
+uint32_t DorvexPkcs7DetachedSignatureVerify(const DorvexPkcs7SignedInfo *signerInfo,
+                                            const DorvexX509Cert *cert, uint32_t *verified);
+
+// InternalGetDigestFromSignerInfo: fills info->hashAlg and the expected
+// digest from the signer's digest algorithm and message-digest attribute.
+// DORVEX_ERR_DIGEST_ALG, or DORVEX_ERR_BUF_TOO_SMALL for a digest over 64 bytes.
+uint32_t InternalGetDigestFromSignerInfo(const DorvexPkcs7SignedInfo *signerInfo,
+                                         DorvexMdInfo *info);
+
+// InternalHashContent: digest of data[0..length) with AOID_SHA256/384/512
+// into digest (DORVEX_MD_MAX_LEN bytes) and *digestLen.
+uint32_t InternalHashContent(const uint8_t *data, uint32_t length, uint32_t hashAlg,
+                             uint8_t *digest, uint32_t *digestLen);
+
+// InternalVerifyTimeStamp: verifies the signer's timestamp token and sets
+// the context's verifyTime to its generation time. The token's certificates
+// join the store. A signer without a token fails with DORVEX_ERR_PARAM.
+uint32_t InternalVerifyTimeStamp(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signerInfo);
 
 #endif  // CMS_INTERNAL_H

@@ -1,0 +1,704 @@
+// Detached CMS signature verification (RFC 5652 5.4, 5.6): Begin decodes the
+// signature and checks every signer, leaving pending verifications in the
+// context; Update feeds them the content; Final finishes them. Quick runs
+// the three over a signature file and a content file.
+//
+// The content is never held whole: digests and verifiers take it in the
+// pieces the caller passes, so memory does not grow with its size.
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "cms/adapt/adapt.h"
+#include "cms/asn1/oid.h"
+#include "cms/asn1/pkcs7.h"
+#include "cms/asn1/pubkey.h"
+#include "cms/internal.h"
+#include "cms/pki/pki.h"
+
+namespace {
+
+constexpr std::string_view kPemBegin = "-----BEGIN";
+constexpr std::string_view kPemCmsHeader = "-----BEGIN CMS-----";
+constexpr std::string_view kPemCmsFooter = "-----END CMS-----";
+constexpr std::string_view kPemPkcs7Header = "-----BEGIN PKCS7-----";
+constexpr std::string_view kPemPkcs7Footer = "-----END PKCS7-----";
+
+// First key-usage octet: digitalSignature.
+constexpr uint32_t kDrxKuDigitalSignature = 0x80;
+
+struct BufferFree {
+    void operator()(uint8_t *p) const { DorvexFree(p); }
+};
+using BufferPtr = std::unique_ptr<uint8_t, BufferFree>;
+
+struct SignedFree {
+    void operator()(DorvexPkcs7Content *c) const { DorvexPkcs7FreeSigned(c); }
+};
+using SignedPtr = std::unique_ptr<DorvexPkcs7Content, SignedFree>;
+
+struct MdInfoFree {
+    void operator()(DorvexMdInfo *m) const { InternalFreeMdInfo(m); }
+};
+using MdInfoPtr = std::unique_ptr<DorvexMdInfo, MdInfoFree>;
+
+struct MdCtxFree {
+    void operator()(DorvexMdCtx *c) const { DorvexMdDestoryCtx(c); }
+};
+using MdCtxPtr = std::unique_ptr<DorvexMdCtx, MdCtxFree>;
+
+struct VerifyCtxFree {
+    void operator()(DorvexCryptoVerifyCtx *c) const { DorvexCryptoVerifyDestroyCtx(c); }
+};
+using VerifyCtxPtr = std::unique_ptr<DorvexCryptoVerifyCtx, VerifyCtxFree>;
+
+struct FileClose {
+    void operator()(FILE *f) const { (void)DorvexFileClose(f); }
+};
+using FilePtr = std::unique_ptr<FILE, FileClose>;
+
+uint32_t InternalAllocBuffer(uint64_t size, BufferPtr *out) {
+    void *block = nullptr;
+    uint32_t ret = DorvexMalloc(&block, size);
+    if (ret == DORVEX_OK) {
+        out->reset(static_cast<uint8_t *>(block));
+    }
+    return ret;
+}
+
+uint32_t InternalNewMdInfo(MdInfoPtr *out) {
+    void *block = nullptr;
+    uint32_t ret = DorvexMallocWith0(&block, sizeof(DorvexMdInfo));
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to allocate verify process.");
+        return ret;
+    }
+    out->reset(static_cast<DorvexMdInfo *>(block));
+    return DORVEX_OK;
+}
+
+// The signature's DER, copied into a buffer that the context owns for as
+// long as the store may refer to it.
+//
+// Certificates that Begin takes from a signature into the store point into
+// the signature's bytes, and so does everything else decoded from them. The
+// caller's bytes may be gone right after Begin (Quick frees its file buffer),
+// so Begin always decodes from its own copy and parks it in rawBuffers.
+// When Begin ends without the store having taken anything new (the usual
+// case when a context verifies the same signer again), nothing refers to the
+// copy any more and it is released, so repeated verifications on one
+// context do not use up its 16 buffer slots.
+class SignatureBuffer {
+  public:
+    explicit SignatureBuffer(DorvexVrfCtx *ctx) : ctx_(ctx), storedBefore_(ctx->pki->certs.count) {}
+    SignatureBuffer(const SignatureBuffer &) = delete;
+    SignatureBuffer &operator=(const SignatureBuffer &) = delete;
+
+    // Hands `buffer` to the context; on failure the caller keeps it.
+    uint32_t Keep(BufferPtr *buffer) {
+        uint32_t ret = DorvexListAdd(&ctx_->rawBuffers, buffer->get());
+        if (ret == DORVEX_OK) {
+            kept_ = buffer->release();
+        }
+        return ret;
+    }
+
+    // Runs after every record decoded from the buffer has been released.
+    ~SignatureBuffer() {
+        DorvexList &buffers = ctx_->rawBuffers;
+        if (kept_ == nullptr || ctx_->pki->certs.count != storedBefore_ || buffers.count <= 0 ||
+            buffers.items[buffers.count - 1] != kept_) {
+            return;
+        }
+        --buffers.count;
+        DorvexFree(kept_);
+    }
+
+  private:
+    DorvexVrfCtx *ctx_;
+    int32_t storedBefore_;
+    uint8_t *kept_ = nullptr;
+};
+
+// Decodes a SignedData from a buffer that `keeper` has taken over.
+uint32_t InternalDecodeKeptDer(SignatureBuffer *keeper, BufferPtr der, uint32_t length,
+                               SignedPtr *content) {
+    const uint8_t *bytes = der.get();
+    uint32_t ret = keeper->Keep(&der);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to keep signature buffer.");
+        return DORVEX_ERR_CMS_DECODE;
+    }
+    DorvexPkcs7Content *decoded = nullptr;
+    uint32_t used = 0;
+    ret = DorvexPkcs7DecodeSigned(bytes, length, &decoded, &used);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to decode SignedData.");
+        return DORVEX_ERR_CMS_DECODE;
+    }
+    content->reset(decoded);
+    return DORVEX_OK;
+}
+
+// InternalPemDecodeCms: a signature in "CMS" or "PKCS7" armour. The body
+// runs from behind the header to the first matching end marker.
+uint32_t InternalPemDecodeCms(SignatureBuffer *keeper, const uint8_t *data, uint32_t length,
+                              SignedPtr *content) {
+    BufferPtr text;
+    uint32_t ret = InternalAllocBuffer(static_cast<uint64_t>(length) + 1, &text);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_WARN(ret, "Failed to allocate PEM buffer.");
+        return ret;
+    }
+    memcpy(text.get(), data, length);  // the terminator is already there: zero-filled
+    const char *start = reinterpret_cast<const char *>(text.get());
+    std::string_view footer;
+    const char *body = nullptr;
+    if (DorvexStrNCmp(start, kPemCmsHeader.data(), kPemCmsHeader.size()) == 0) {
+        body = start + kPemCmsHeader.size();
+        footer = kPemCmsFooter;
+    } else if (DorvexStrNCmp(start, kPemPkcs7Header.data(), kPemPkcs7Header.size()) == 0) {
+        body = start + kPemPkcs7Header.size();
+        footer = kPemPkcs7Footer;
+    } else {
+        DORVEX_LOG_ERR(DORVEX_ERR_CMS_DECODE, "Unknown PEM header of signature.");
+        return DORVEX_ERR_CMS_DECODE;
+    }
+    const char *bodyEnd = DorvexStrStr(body, footer.data());
+    if (bodyEnd == nullptr) {
+        DORVEX_LOG_ERR(DORVEX_ERR_CMS_DECODE, "PEM signature without end marker.");
+        return DORVEX_ERR_CMS_DECODE;
+    }
+    uint8_t *der = nullptr;
+    uint32_t derLen = 0;
+    ret = InternalBase64Decode(body, bodyEnd, &der, &derLen);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to decode base64 of signature.");
+        return DORVEX_ERR_CMS_DECODE;
+    }
+    return InternalDecodeKeptDer(keeper, BufferPtr(der), derLen, content);
+}
+
+// DER input is decoded from a copy as well; see SignatureBuffer.
+uint32_t InternalDerDecodeCms(SignatureBuffer *keeper, const uint8_t *data, uint32_t length,
+                              SignedPtr *content) {
+    BufferPtr copy;
+    uint32_t ret = InternalAllocBuffer(length, &copy);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to allocate signature buffer.");
+        return ret;
+    }
+    memcpy(copy.get(), data, length);
+    return InternalDecodeKeptDer(keeper, std::move(copy), length, content);
+}
+
+// InternalCreateVerifyHandle: a signer without signed attributes signed the
+// content itself; its signature is checked over the content at Final.
+uint32_t InternalCreateVerifyHandle(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signerInfo,
+                                    const DorvexX509Cert *cert) {
+    MdInfoPtr info;
+    uint32_t ret = InternalNewMdInfo(&info);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    const int32_t hashAlg = DorvexGetHashAoidFromSign(&signerInfo->digestAlgorithm);
+    if (hashAlg == AOID_UNKNOWN) {
+        DORVEX_LOG_ERR(DORVEX_ERR_SIGN_ALG, "Unsupported digest algorithm of signer.");
+        return DORVEX_ERR_SIGN_ALG;
+    }
+    DorvexBigInt exponent{};
+    DorvexBigInt modulus{};
+    ret = DorvexX509ExtractPublicKey(cert, &exponent, &modulus);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to extract public key of signer.");
+        return ret;
+    }
+    // Owned by the record from here on, so every failure below releases it.
+    ret = DorvexCryptoVerifyCreateCtx(&info->verifyCtx);
+    if (ret == DORVEX_OK) {
+        ret = DorvexCryptoVerifyInit(info->verifyCtx, &exponent, &modulus,
+                                     static_cast<uint32_t>(hashAlg));
+    }
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to init verify context.");
+        return ret;
+    }
+    const DorvexAsnOcts &signature = signerInfo->signature;
+    if (signature.len > DORVEX_SIG_MAX_LEN) {
+        DORVEX_LOG_ERR(DORVEX_ERR_SIG_TOO_LONG, "Signature of %u bytes is too long.",
+                       signature.len);
+        return DORVEX_ERR_SIG_TOO_LONG;
+    }
+    if (signature.len > 0) {
+        memcpy(info->signature, signature.data, signature.len);
+    }
+    info->signatureLen = signature.len;
+    ret = DorvexListAdd(&ctx->processes, info.get());
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Too many verify processes.");
+        return ret;
+    }
+    (void)info.release();
+    return DORVEX_OK;
+}
+
+// InternalAddSignerInfoToVerifyProcess: signers that agree on the algorithm
+// share one digest process, so the content is hashed once per algorithm.
+// The same algorithm with another digest cannot both match one content.
+uint32_t InternalAddSignerInfoToVerifyProcess(DorvexVrfCtx *ctx, MdInfoPtr info) {
+    DorvexList &processes = ctx->processes;
+    for (int32_t i = 0; i < processes.count && i < DORVEX_LIST_CAPACITY; ++i) {
+        const auto *pending = static_cast<const DorvexMdInfo *>(processes.items[i]);
+        if (pending == nullptr || pending->mdCtx == nullptr || pending->hashAlg != info->hashAlg) {
+            continue;
+        }
+        if (pending->expectedDigestLen != info->expectedDigestLen ||
+            memcmp(pending->expectedDigest, info->expectedDigest, info->expectedDigestLen) != 0) {
+            DORVEX_LOG_ERR(DORVEX_ERR_DIGEST_CONFLICT,
+                           "Message digest differs from a pending one of the same algorithm.");
+            return DORVEX_ERR_DIGEST_CONFLICT;
+        }
+        return DORVEX_OK;
+    }
+    uint32_t ret = DorvexMdCreateCtx(&info->mdCtx);
+    if (ret == DORVEX_OK) {
+        ret = DorvexMdInit(info->mdCtx, info->hashAlg);
+    }
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to init digest context.");
+        return ret;
+    }
+    ret = DorvexListAdd(&processes, info.get());
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Too many verify processes.");
+        return ret;
+    }
+    (void)info.release();
+    return DORVEX_OK;
+}
+
+// InternalVerifyCms: one signer info. The timestamp comes first: its time is
+// the one at which the signer's certificate path is judged.
+uint32_t InternalVerifyCms(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signerInfo) {
+    uint32_t ret = InternalVerifyTimeStamp(ctx, signerInfo);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to verify timestamp of signer.");
+        return ret;
+    }
+    DorvexX509Cert *cert = DorvexPkiFindCertByIssuerSn(ctx, &signerInfo->issuerAndSerial.issuer,
+                                                       &signerInfo->issuerAndSerial.serialNumber);
+    if (cert == nullptr) {
+        DORVEX_LOG_ERR(DORVEX_ERR_SIGNER_CERT_NOT_FOUND, "Can't find certificate of signer.");
+        return DORVEX_ERR_SIGNER_CERT_NOT_FOUND;
+    }
+    ret = InternalVerifyIssuerCert(ctx, cert, DRX_EXKU_CODE_SIGNING);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to verify certificate of signer.");
+        return ret;
+    }
+    if (signerInfo->signedAttrs.messageDigest.len == 0) {
+        ret = InternalCreateVerifyHandle(ctx, signerInfo, cert);
+        if (ret != DORVEX_OK) {
+            DORVEX_LOG_ERR(ret, "Failed to create signature verify process.");
+        }
+        return ret;
+    }
+    if (signerInfo->signedAttrsRaw.data == nullptr || signerInfo->signedAttrsRaw.len == 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, "Message digest without signed attributes.");
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    uint32_t verified = 0;
+    ret = DorvexPkcs7DetachedSignatureVerify(signerInfo, cert, &verified);
+    if (ret != DORVEX_OK || verified != 1) {
+        DORVEX_LOG_ERR(DORVEX_ERR_SIGNATURE, "Signature over signed attributes does not verify.");
+        return DORVEX_ERR_SIGNATURE;
+    }
+    MdInfoPtr info;
+    ret = InternalNewMdInfo(&info);
+    if (ret == DORVEX_OK) {
+        ret = InternalGetDigestFromSignerInfo(signerInfo, info.get());
+    }
+    if (ret == DORVEX_OK) {
+        ret = InternalAddSignerInfoToVerifyProcess(ctx, std::move(info));
+    }
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to add digest verify process.");
+    }
+    return ret;
+}
+
+// InternalUpdateContent: the content file in pieces of
+// DORVEX_CONTENT_PIECE_SIZE bytes; an empty file passes nothing.
+uint32_t InternalUpdateContent(DorvexVrfCtx *ctx, const char *path) {
+    if (path[0] == '\0') {
+        DORVEX_LOG_ERR(DORVEX_ERR_FILE_OPEN, "Empty file path.");
+        return DORVEX_ERR_PARAM;
+    }
+    FilePtr file(DorvexFileOpen(path, "rb"));
+    if (file == nullptr) {
+        DORVEX_LOG_ERR(DORVEX_ERR_FILE_OPEN, "Can't open file '%s'.", path);
+        return DORVEX_ERR_FILE_OPEN;
+    }
+    BufferPtr piece;
+    uint32_t ret = InternalAllocBuffer(DORVEX_CONTENT_PIECE_SIZE, &piece);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    uint32_t got = 0;
+    while ((got = DorvexFileRead(piece.get(), DORVEX_CONTENT_PIECE_SIZE, file.get())) > 0) {
+        ret = DorvexVerifyDetachSignatureUpdate(ctx, piece.get(), got);
+        if (ret != DORVEX_OK) {
+            return ret;
+        }
+    }
+    // A read error also ends the loop; it must not pass for the end of a
+    // shorter content (a directory, for one, opens but cannot be read).
+    if (ferror(file.get()) != 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_FILE_READ, "Failed to read file '%s'.", path);
+        return DORVEX_ERR_FILE_READ;
+    }
+    return DORVEX_OK;
+}
+
+uint32_t InternalCheckParamVerifyDetachSignatureBegin(const DorvexVrfCtx *ctx, const uint8_t *data,
+                                                      uint32_t length) {
+    uint32_t ret = InternalCheckCtx(ctx);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    if (data == nullptr || length == 0 || ctx->pki == nullptr) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PARAM, "Signature data is empty.");
+        return DORVEX_ERR_PARAM;
+    }
+    if (length < kDrxMinInputLen) {
+        DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "Signature of %u bytes is too short.", length);
+        return DORVEX_ERR_INPUT_FORMAT;
+    }
+    return DORVEX_OK;
+}
+
+uint32_t InternalCheckParmVerifyDetachSignatureUpdate(const DorvexVrfCtx *ctx, const uint8_t *data,
+                                                      uint32_t length) {
+    uint32_t ret = InternalCheckCtx(ctx);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    if (data == nullptr || length == 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PARAM, "Content data is empty.");
+        return DORVEX_ERR_PARAM;
+    }
+    return DORVEX_OK;
+}
+
+uint32_t InternalCheckParamVerifyDetachSignatureFinal(const DorvexVrfCtx *ctx,
+                                                      const uint32_t *result) {
+    uint32_t ret = InternalCheckCtx(ctx);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    if (result == nullptr) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PARAM, "Result pointer is null.");
+        return DORVEX_ERR_PARAM;
+    }
+    return DORVEX_OK;
+}
+
+uint32_t InternalCheckParamVerifyDetachSignatureQuick(const DorvexVrfCtx *ctx,
+                                                      const char *contentPath,
+                                                      const char *signaturePath,
+                                                      const uint32_t *result) {
+    uint32_t ret = InternalCheckCtx(ctx);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    if (signaturePath == nullptr || result == nullptr || contentPath == nullptr) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PARAM, "Path or result pointer is null.");
+        return DORVEX_ERR_PARAM;
+    }
+    return DORVEX_OK;
+}
+
+// Final empties the pending list on every way out.
+struct ProcessesRelease {
+    DorvexList *processes;
+    ~ProcessesRelease() { DorvexListFree(processes, InternalFreeMdInfo); }
+};
+
+}  // namespace
+
+uint32_t InternalVerifyIssuerCert(DorvexVrfCtx *ctx, DorvexX509Cert *cert, uint32_t requiredUsage) {
+    if (ctx == nullptr || cert == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    const DorvexX509CertExts &ext = cert->certInfo.extensions;
+    if ((ext.keyUsage & kDrxKuDigitalSignature) == 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_CERT_USAGE, "Certificate is not for digital signature.");
+        return DORVEX_ERR_CERT_USAGE;
+    }
+    if ((ext.extKeyUsage & requiredUsage) == 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_CERT_USAGE, "Certificate lacks extended key usage 0x%x.",
+                       requiredUsage);
+        return DORVEX_ERR_CERT_USAGE;
+    }
+    // A time-stamping authority vouches for the time every other check uses,
+    // so its revocation counts whatever the date says.
+    const uint32_t strict = requiredUsage == DRX_EXKU_TIME_STAMPING ? 1 : 0;
+    uint32_t valid = 0;
+    uint32_t ret = DorvexPkiVerifyCert(ctx, cert, 1, strict, &valid);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to verify certificate path.");
+        return ret;
+    }
+    if (valid != 1) {
+        DORVEX_LOG_ERR(DORVEX_ERR_CERT_UNTRUSTED, "Certificate is not trusted.");
+        return DORVEX_ERR_CERT_UNTRUSTED;
+    }
+    return DORVEX_OK;
+}
+
+uint32_t DorvexPkcs7DetachedSignatureVerify(const DorvexPkcs7SignedInfo *signerInfo,
+                                            const DorvexX509Cert *cert, uint32_t *verified) {
+    if (signerInfo == nullptr || cert == nullptr || verified == nullptr) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PARAM, "Certificate is null.");
+        return DORVEX_ERR_PARAM;
+    }
+    *verified = 0;
+    const int32_t hashAlg = DorvexGetHashAoidFromSign(&signerInfo->digestAlgorithm);
+    if (hashAlg == AOID_UNKNOWN) {
+        DORVEX_LOG_ERR(DORVEX_ERR_SIGN_ALG, "Unsupported digest algorithm of signer.");
+        return DORVEX_ERR_SIGN_ALG;
+    }
+    const DorvexAsnOcts &attrs = signerInfo->signedAttrsRaw;
+    // At least the tag octet that is replaced and one octet after it.
+    if (attrs.data == nullptr || attrs.len < 2) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, "No signed attributes.");
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    DorvexBigInt exponent{};
+    DorvexBigInt modulus{};
+    uint32_t ret = DorvexX509ExtractPublicKey(cert, &exponent, &modulus);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to extract public key.");
+        return ret;
+    }
+    DorvexCryptoVerifyCtx *created = nullptr;
+    ret = DorvexCryptoVerifyCreateCtx(&created);
+    VerifyCtxPtr vctx(created);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to create verify context.");
+        return ret;
+    }
+    // RFC 5652 5.4: the signature covers the attributes with the SET tag
+    // (0x31) in place of the [0] tag they are carried under.
+    const auto tag = static_cast<uint8_t>((attrs.tagClass << 6) | (attrs.constructed << 5) |
+                                          (attrs.tagCode & 0x1F));
+    uint32_t valid = 0;
+    ret = DorvexCryptoVerifyInit(vctx.get(), &exponent, &modulus, static_cast<uint32_t>(hashAlg));
+    if (ret == DORVEX_OK) {
+        ret = DorvexCryptoVerifyUpdate(vctx.get(), &tag, 1);
+    }
+    if (ret == DORVEX_OK) {
+        ret = DorvexCryptoVerifyUpdate(vctx.get(), attrs.data + 1, attrs.len - 1);
+    }
+    if (ret == DORVEX_OK) {
+        ret = DorvexCryptoVerifyFinal(vctx.get(), signerInfo->signature.data,
+                                      signerInfo->signature.len, &valid);
+    }
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to init verify context.");
+        return ret;
+    }
+    *verified = valid == 1 ? 1 : 0;
+    return DORVEX_OK;
+}
+
+uint32_t InternalGetDigestFromSignerInfo(const DorvexPkcs7SignedInfo *signerInfo,
+                                         DorvexMdInfo *info) {
+    if (signerInfo == nullptr || info == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    const int32_t hashAlg = DorvexGetHashAoidFromSign(&signerInfo->digestAlgorithm);
+    if (hashAlg == AOID_UNKNOWN) {
+        DORVEX_LOG_ERR(DORVEX_ERR_DIGEST_ALG, "Unsupported digest algorithm of signer.");
+        return DORVEX_ERR_DIGEST_ALG;
+    }
+    const DorvexAsnOcts &digest = signerInfo->signedAttrs.messageDigest;
+    if (digest.len > DORVEX_MD_MAX_LEN) {
+        DORVEX_LOG_ERR(DORVEX_ERR_BUF_TOO_SMALL, "Message digest of %u bytes is too long.",
+                       digest.len);
+        return DORVEX_ERR_BUF_TOO_SMALL;
+    }
+    if (digest.len > 0) {
+        memcpy(info->expectedDigest, digest.data, digest.len);
+    }
+    info->expectedDigestLen = digest.len;
+    info->hashAlg = static_cast<uint32_t>(hashAlg);
+    return DORVEX_OK;
+}
+
+uint32_t InternalHashContent(const uint8_t *data, uint32_t length, uint32_t hashAlg,
+                             uint8_t *digest, uint32_t *digestLen) {
+    if (digest == nullptr || digestLen == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    DorvexMdCtx *created = nullptr;
+    uint32_t ret = DorvexMdCreateCtx(&created);
+    MdCtxPtr md(created);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to create digest context.");
+        return ret;
+    }
+    if ((ret = DorvexMdInit(md.get(), hashAlg)) != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to init digest context.");
+        return ret;
+    }
+    if ((ret = DorvexMdUpdate(md.get(), data, length)) != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to update digest.");
+        return ret;
+    }
+    uint32_t capacity = DORVEX_MD_MAX_LEN;
+    if ((ret = DorvexMdFinal(md.get(), digest, digestLen, &capacity)) != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to finish digest.");
+        return ret;
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexVerifyDetachSignatureBegin(DorvexVrfCtx *ctx, const uint8_t *data,
+                                                     uint32_t length) {
+    uint32_t ret = InternalCheckParamVerifyDetachSignatureBegin(ctx, data, length);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    // Declared before the record, so it is released after the record is.
+    SignatureBuffer keeper(ctx);
+    SignedPtr content;
+    ret = memcmp(data, kPemBegin.data(), kPemBegin.size()) == 0
+              ? InternalPemDecodeCms(&keeper, data, length, &content)
+              : InternalDerDecodeCms(&keeper, data, length, &content);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to decode signature.");
+        return ret;
+    }
+    DorvexPkcs7SignedData &signedData = content->signedData;
+    if (signedData.certList.count > 0) {
+        // A signature is no source of trust: self-signed certificates stay out.
+        ret = InternalAddCertToStore(ctx, &signedData.certList, false);
+        if (ret != DORVEX_OK) {
+            DORVEX_LOG_ERR(ret, "Failed to add certificates of signature.");
+            return ret;
+        }
+    }
+    const DorvexPkcs7SignedInfoBundle &signers = signedData.signerInfos;
+    for (uint32_t i = 0; i < signers.count && i < DRX_PKCS7_MAX_SIGNERS; ++i) {
+        ret = InternalVerifyCms(ctx, &signers.signerInfo[i]);
+        if (ret != DORVEX_OK) {
+            DORVEX_LOG_ERR(ret, "Failed to verify signer info.");
+            return ret;
+        }
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexVerifyDetachSignatureUpdate(DorvexVrfCtx *ctx, const uint8_t *data,
+                                                      uint32_t length) {
+    uint32_t ret = InternalCheckParmVerifyDetachSignatureUpdate(ctx, data, length);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    const DorvexList &processes = ctx->processes;
+    if (processes.count <= 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_NO_PROCESS, "No pending verify process.");
+        return DORVEX_ERR_NO_PROCESS;
+    }
+    for (int32_t i = 0; i < processes.count && i < DORVEX_LIST_CAPACITY; ++i) {
+        auto *info = static_cast<DorvexMdInfo *>(processes.items[i]);
+        if (info != nullptr && info->mdCtx != nullptr) {
+            ret = DorvexMdUpdate(info->mdCtx, data, length);
+        } else if (info != nullptr && info->verifyCtx != nullptr) {
+            ret = DorvexCryptoVerifyUpdate(info->verifyCtx, data, length);
+        } else {
+            ret = DORVEX_ERR_NO_PROCESS;
+        }
+        if (ret != DORVEX_OK) {
+            DORVEX_LOG_ERR(ret, "Failed to update verify process %d.", i);
+            return ret;
+        }
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexVerifyDetachSignatureFinal(DorvexVrfCtx *ctx, uint32_t *result) {
+    uint32_t ret = InternalCheckParamVerifyDetachSignatureFinal(ctx, result);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    *result = 1;
+    if (ctx->processes.count <= 0) {
+        return DORVEX_OK;
+    }
+    ProcessesRelease release{&ctx->processes};
+    const DorvexList &processes = ctx->processes;
+    for (int32_t i = 0; i < processes.count && i < DORVEX_LIST_CAPACITY; ++i) {
+        auto *info = static_cast<DorvexMdInfo *>(processes.items[i]);
+        uint32_t matches = 0;
+        if (info != nullptr && info->mdCtx != nullptr) {
+            uint8_t digest[DORVEX_MD_MAX_LEN] = {};
+            uint32_t digestLen = 0;
+            uint32_t capacity = sizeof(digest);
+            ret = DorvexMdFinal(info->mdCtx, digest, &digestLen, &capacity);
+            matches = digestLen == info->expectedDigestLen &&
+                      memcmp(digest, info->expectedDigest, digestLen) == 0;
+        } else if (info != nullptr && info->verifyCtx != nullptr) {
+            ret = DorvexCryptoVerifyFinal(info->verifyCtx, info->signature, info->signatureLen,
+                                          &matches);
+        } else {
+            ret = DORVEX_ERR_SIGNATURE;
+        }
+        if (ret != DORVEX_OK) {
+            *result = 0;
+            DORVEX_LOG_ERR(ret, "Verify Signature Content failed.");
+            return ret;
+        }
+        if (matches != 1) {
+            *result = 0;
+            return DORVEX_OK;
+        }
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexVerifyDetachSignatureQuick(DorvexVrfCtx *ctx, const char *contentPath,
+                                                     const char *signaturePath, uint32_t *result) {
+    uint32_t ret =
+        InternalCheckParamVerifyDetachSignatureQuick(ctx, contentPath, signaturePath, result);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    *result = 0;
+    uint8_t *bytes = nullptr;
+    uint32_t length = 0;
+    ret = InternalReadFile(signaturePath, &bytes, &length);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to read signature file.");
+        return ret;
+    }
+    // Begin keeps its own copy of what the context needs.
+    BufferPtr signature(bytes);
+    if ((ret = DorvexVerifyDetachSignatureBegin(ctx, signature.get(), length)) != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to begin signature verification.");
+        return ret;
+    }
+    if ((ret = InternalUpdateContent(ctx, contentPath)) != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to verify content file.");
+        return ret;
+    }
+    uint32_t verdict = 0;
+    if ((ret = DorvexVerifyDetachSignatureFinal(ctx, &verdict)) != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to finish signature verification.");
+        return ret;
+    }
+    *result = verdict;
+    return DORVEX_OK;
+}

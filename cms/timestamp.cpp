@@ -1,0 +1,198 @@
+// The RFC 3161 timestamp token that every signer must carry: it has to stamp
+// this signer's signature value, its authority has to be a trusted
+// time-stamping certificate, and its generation time becomes the instant at
+// which the signer's certificates and CRLs are judged. So a signature stays
+// verifiable after its certificate expired, as long as it was stamped while
+// the certificate was valid; the system clock is never read.
+#include <cstring>
+#include <memory>
+
+#include "cms/adapt/adapt.h"
+#include "cms/asn1/oid.h"
+#include "cms/asn1/pkcs7.h"
+#include "cms/asn1/pubkey.h"
+#include "cms/internal.h"
+#include "cms/pki/pki.h"
+
+namespace {
+
+struct SignedFree {
+    void operator()(DorvexPkcs7Content *c) const { DorvexPkcs7FreeSigned(c); }
+};
+using SignedPtr = std::unique_ptr<DorvexPkcs7Content, SignedFree>;
+
+// A record of DorvexAsnDecode, released against its item.
+template <const DorvexAsnItem *Item>
+struct AsnFree {
+    void operator()(void *record) const { DorvexAsnFree(record, Item); }
+};
+using OctsPtr = std::unique_ptr<DorvexAsnOcts, AsnFree<&g_itemDorvexAsnOcts>>;
+using TstInfoPtr = std::unique_ptr<DorvexTimestampInfo, AsnFree<&g_itemDorvexTimestampInfo>>;
+
+bool InternalSameBytes(const uint8_t *a, uint32_t aLen, const uint8_t *b, uint32_t bLen) {
+    return aLen == bLen && (aLen == 0 || (a != nullptr && b != nullptr && memcmp(a, b, aLen) == 0));
+}
+
+// InternalVerifyTstInfo: the imprint must hash the signer's signature value
+// (RFC 3161 2.4.2, appendix A); on success verifyTime is the
+// token's genTime.
+uint32_t InternalVerifyTstInfo(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signerInfo,
+                               const uint8_t *tst, uint32_t tstLen) {
+    void *record = nullptr;
+    uint32_t used = 0;
+    uint32_t ret = DorvexAsnDecode(tst, tstLen, &g_itemDorvexTimestampInfo, 0, &record, &used);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to decode TSTInfo.");
+        return ret;
+    }
+    TstInfoPtr info(static_cast<DorvexTimestampInfo *>(record));
+    const int32_t hashAlg = DorvexGetHashAoidFromSign(&info->messageImprint.hashAlgorithm);
+    if (hashAlg == AOID_UNKNOWN) {
+        DORVEX_LOG_ERR(DORVEX_ERR_TS_HASH_ALG, "Unsupported hash algorithm of timestamp imprint.");
+        return DORVEX_ERR_TS_HASH_ALG;
+    }
+    uint8_t digest[DORVEX_MD_MAX_LEN] = {};
+    uint32_t digestLen = 0;
+    const DorvexAsnOcts &signature = signerInfo->signature;
+    ret = InternalHashContent(signature.data, signature.len, static_cast<uint32_t>(hashAlg), digest,
+                              &digestLen);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    const DorvexAsnOcts &imprint = info->messageImprint.hashedMessage;
+    if (!InternalSameBytes(digest, digestLen, imprint.data, imprint.len)) {
+        DORVEX_LOG_ERR(DORVEX_ERR_TS_MISMATCH, "the timestamp not match with target cms.");
+        return DORVEX_ERR_TS_MISMATCH;
+    }
+    DorvexDatetime genTime{};
+    ret = DorvexConvertFromTime(&info->genTime, &genTime);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Invalid generation time of timestamp.");
+        return ret;
+    }
+    ctx->verifyTime = DorvexMktime(&genTime);
+    return DORVEX_OK;
+}
+
+// InternalVerifyAttributeSign: the token's signer signed its attributes,
+// whose message digest must be that of the TSTInfo (RFC 5652 5.4).
+uint32_t InternalVerifyAttributeSign(const DorvexPkcs7SignedInfo *tsSigner,
+                                     const DorvexX509Cert *cert, const uint8_t *tst,
+                                     uint32_t tstLen) {
+    if (tsSigner->signedAttrsRaw.data == nullptr || tsSigner->signedAttrsRaw.len == 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, "Message digest without signed attributes.");
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    uint32_t verified = 0;
+    uint32_t ret = DorvexPkcs7DetachedSignatureVerify(tsSigner, cert, &verified);
+    if (ret != DORVEX_OK || verified != 1) {
+        DORVEX_LOG_ERR(DORVEX_ERR_SIGNATURE,
+                       "Signature over timestamp attributes does not verify.");
+        return DORVEX_ERR_SIGNATURE;
+    }
+    DorvexMdInfo expected{};
+    ret = InternalGetDigestFromSignerInfo(tsSigner, &expected);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    uint8_t digest[DORVEX_MD_MAX_LEN] = {};
+    uint32_t digestLen = 0;
+    ret = InternalHashContent(tst, tstLen, expected.hashAlg, digest, &digestLen);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "verify timestamp digest failed.");
+        return ret;
+    }
+    if (!InternalSameBytes(digest, digestLen, expected.expectedDigest,
+                           expected.expectedDigestLen)) {
+        DORVEX_LOG_ERR(DORVEX_ERR_TS_SIGNATURE, "verify timestamp signature failed.");
+        return DORVEX_ERR_TS_SIGNATURE;
+    }
+    return DORVEX_OK;
+}
+
+// InternalVerifyTsSignerInfo: the authority's certificate, judged at the
+// generation time just set, and its signature over the TSTInfo.
+uint32_t InternalVerifyTsSignerInfo(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *tsSigner,
+                                    const uint8_t *tst, uint32_t tstLen) {
+    DorvexX509Cert *cert = DorvexPkiFindCertByIssuerSn(ctx, &tsSigner->issuerAndSerial.issuer,
+                                                       &tsSigner->issuerAndSerial.serialNumber);
+    if (cert == nullptr) {
+        DORVEX_LOG_ERR(DORVEX_ERR_TS_CERT_NOT_FOUND, "Can't find certificate of timestamp signer.");
+        return DORVEX_ERR_TS_CERT_NOT_FOUND;
+    }
+    uint32_t ret = InternalVerifyIssuerCert(ctx, cert, DRX_EXKU_TIME_STAMPING);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to verify certificate of timestamp signer.");
+        return ret;
+    }
+    if (tsSigner->signedAttrs.messageDigest.len != 0) {
+        ret = InternalVerifyAttributeSign(tsSigner, cert, tst, tstLen);
+        if (ret != DORVEX_OK) {
+            DORVEX_LOG_ERR(ret, "Failed to verify timestamp attributes.");
+        }
+        return ret;
+    }
+    uint32_t verified = 0;
+    ret = DorvexX509PubKeyVerify(tst, tstLen, tsSigner->signature.data, tsSigner->signature.len,
+                                 &cert->certInfo.subjectPublicKeyInfo.subjectPublicKey,
+                                 &tsSigner->digestAlgorithm, &verified);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to check timestamp signature.");
+        return ret;
+    }
+    if (verified != 1) {
+        DORVEX_LOG_ERR(DORVEX_ERR_TS_SIGNATURE, "verify timestamp signature failed.");
+        return DORVEX_ERR_TS_SIGNATURE;
+    }
+    return DORVEX_OK;
+}
+
+}  // namespace
+
+uint32_t InternalVerifyTimeStamp(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signerInfo) {
+    if (ctx == nullptr || signerInfo == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    // No presence test of its own: an absent token is an empty input, which
+    // the decoder refuses with DORVEX_ERR_PARAM.
+    const DorvexAsnOcts &token = signerInfo->unsignedAttrs.timestampToken;
+    DorvexPkcs7Content *decoded = nullptr;
+    uint32_t used = 0;
+    uint32_t ret = DorvexPkcs7DecodeSigned(token.data, token.len, &decoded, &used);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to decode timestamp token.");
+        return ret;
+    }
+    SignedPtr tsContent(decoded);
+    // eContent [0] holds an OCTET STRING whose content is the TSTInfo DER.
+    const DorvexAsnOcts &econtent = tsContent->signedData.contentInfo.content;
+    void *record = nullptr;
+    ret = DorvexAsnDecode(econtent.data, econtent.len, &g_itemDorvexAsnOcts, 0, &record, &used);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to decode content of timestamp token.");
+        return ret;
+    }
+    OctsPtr tstInfo(static_cast<DorvexAsnOcts *>(record));
+    ret = InternalVerifyTstInfo(ctx, signerInfo, tstInfo->data, tstInfo->len);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to verify TSTInfo.");
+        return ret;
+    }
+    ret = InternalAddCertToStore(ctx, &tsContent->signedData.certList, false);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Failed to add certificates of timestamp token.");
+        return ret;
+    }
+    // A token without signer info is taken on its imprint alone, as the
+    // structure allows; its time still has to fit every certificate checked
+    // later.
+    const DorvexPkcs7SignedInfoBundle &signers = tsContent->signedData.signerInfos;
+    for (uint32_t i = 0; i < signers.count && i < DRX_PKCS7_MAX_SIGNERS; ++i) {
+        ret = InternalVerifyTsSignerInfo(ctx, &signers.signerInfo[i], tstInfo->data, tstInfo->len);
+        if (ret != DORVEX_OK) {
+            DORVEX_LOG_ERR(ret, "Failed to verify timestamp signer.");
+            return ret;
+        }
+    }
+    return DORVEX_OK;
+}
