@@ -87,6 +87,24 @@ CNF
     quiet openssl cms -cmsout -in cms.pem -inform PEM -outform DER -out pool/cms.der
 )
 
+# fuzz_verify works on a demo package from the test-PKI generator, which
+# this fuzzing build does not have: make it in a plain build of its own.
+log "making the demo package in $material/demo"
+gen=$build/testpki
+cmake -S "$root" -B "$gen" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$gen" --target testpki_cli -j "$jobs" >/dev/null
+"$gen/tools/testpki/testpki" demo-package "$material/demo" >/dev/null
+export VT_FUZZ_VERIFY_DIR=$material/demo
+
+# The valid package signature (DER and PEM) and every spoiled one.
+seeds_fuzz_verify() {
+    local dir=$1 f
+    cp "$material/demo/sha256sums.p7s" "$material/demo/sha256sums.p7s.pem" "$dir/"
+    for f in "$material"/demo/faults/*/sha256sums.p7s; do
+        cp "$f" "$dir/$(basename "$(dirname "$f")").p7s"
+    done
+}
+
 # Base64 text: PEM files, bare bodies with LF and CR LF, and small shapes.
 seeds_fuzz_base64() {
     local dir=$1 f
