@@ -16,3 +16,7 @@ echo "$out" | awk -F, '
         if (ns["BM_DorvexPubKeyVerify"] > 0)
             printf "signature check: %.2fx the speed of X509_verify with a parsed key\n", ns["BM_OpensslX509Verify"] / ns["BM_DorvexPubKeyVerify"]
     }'
+
+# Detached verification by content size: throughput, and the peak memory of
+# one verification, which stays flat as the content grows.
+"$build/bench/bench_verify" --benchmark_min_time="$min_time" 2>/dev/null
