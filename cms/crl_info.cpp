@@ -14,6 +14,7 @@
 
 namespace {
 
+constexpr std::string_view kPemBegin = "-----BEGIN";
 constexpr std::string_view kPemCrlHeader = "-----BEGIN X509 CRL-----";
 
 // Decoded records of one input; this reference is dropped on every exit, so
@@ -62,9 +63,14 @@ using CrlInfoListPtr = std::unique_ptr<DorvexCrlInfoList, CrlInfoListFree>;
 
 // The PEM walk of the intake logs and skips a block that does not fit the
 // 16-slot lists, so a PEM file with too many CRLs would come back cut
-// short; counting the CRL headers tells such a file apart.
+// short; counting the CRL headers tells such a file apart. Like the walk,
+// the count looks at PEM text only and stops at a NUL.
 uint32_t InternalCountPemCrlBlocks(const uint8_t *data, uint32_t size) {
-    const std::string_view text(reinterpret_cast<const char *>(data), size);
+    std::string_view text(reinterpret_cast<const char *>(data), size);
+    if (!text.starts_with(kPemBegin)) {
+        return 0;
+    }
+    text = text.substr(0, text.find('\0'));
     uint32_t count = 0;
     for (size_t at = text.find(kPemCrlHeader); at != std::string_view::npos;
          at = text.find(kPemCrlHeader, at + kPemCrlHeader.size())) {

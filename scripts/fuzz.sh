@@ -105,6 +105,14 @@ seeds_fuzz_verify() {
     done
 }
 
+# CRL files of the demo hierarchy, whose root the harness trusts: PEM with the
+# CA certificate, the bare CRLs, and both CRLs with the CA certificate as DER.
+seeds_fuzz_crl_info() {
+    local dir=$1 demo=$material/demo
+    cp "$demo/crls+ca.pem" "$demo/crls.der" "$demo/root-crl.der" "$dir/"
+    cat "$demo/root-crl.der" "$demo/ca-crl.der" "$demo/ca.der" >"$dir/crls+ca.der"
+}
+
 # Base64 text: PEM files, bare bodies with LF and CR LF, and small shapes.
 seeds_fuzz_base64() {
     local dir=$1 f

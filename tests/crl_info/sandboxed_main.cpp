@@ -1,0 +1,18 @@
+// crl_info as the product builds it, but with the logging library's stand-in
+// installed: configuration paths under $VT_TEST_ROOT, no kernel module, and
+// syslog records appended to $VT_SYSLOG_FILE.
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "tests/support/kmod_standin.h"
+#include "tools/crl_info/crl_info.h"
+
+int main(int argc, char *argv[]) {
+    const char *root = getenv("VT_TEST_ROOT");
+    if (root == nullptr || *root == '\0') {
+        fprintf(stderr, "VT_TEST_ROOT is not set\n");
+        return 99;
+    }
+    vt_test::InstallLoggingStandin(root, false);
+    return CrlInfoMain(argc, argv);
+}

@@ -1,0 +1,5 @@
+#include "tools/crl_info/crl_info.h"
+
+int main(int argc, char *argv[]) {
+    return CrlInfoMain(argc, argv);
+}
