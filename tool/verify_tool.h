@@ -45,6 +45,15 @@ int32_t UPGRADE_CmdExe(void);
 // Handler of "CHECK_PKG_INTEGRITY".
 int32_t UPGRADE_CheckPkgIntegrity(VerifyParam *param);
 
+struct DorvexVrfCtx;
+
+// The package check: 0 when the checksum file is authentic, 0xFFFFFFFF when
+// the signature does not match it, else the failing call's result code.
+uint32_t VerifyCmsFile(const char *cmsPath, const char *checksumPath, const char *crlPath);
+// Frees whichever of the two exists and hands `result` back unchanged.
+uint32_t VerifyProcessPostHandle(uint32_t result, struct DorvexVrfCtx *context,
+                                 uint8_t *rootBuffer);
+
 // Joins the built-in root certificate into one new block (the caller frees it
 // with LZEB_FreeSub); 0, or DORVEX_ERR_MALLOC when memory is short.
 uint32_t GenerateRootCert(uint8_t **buffer, uint32_t *length);

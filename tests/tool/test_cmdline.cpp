@@ -130,17 +130,19 @@ TEST_P(CmdLineTest, ExitStatusAndRecords) {
 INSTANTIATE_TEST_SUITE_P(Tool, CmdLineTest, testing::ValuesIn(kCases),
                          [](const auto &info) { return std::string(info.param.name); });
 
-// The handler row is reached and its result becomes the exit status.
+// The handler row is reached and its result, printed signed, becomes the exit
+// status: a CRL file that cannot be opened fails with 0x88000101.
 TEST(CmdLine, KnownOpcodeRunsItsHandler) {
-    ToolRun run = RunTool({"-f", "CHECK_PKG_INTEGRITY", "-h", "s", "-e", "e", "-c", "c"});
+    ToolRun run =
+        RunTool({"-f", "CHECK_PKG_INTEGRITY", "-h", "s", "-e", "e", "-c", "/nonexistent"});
     ASSERT_GE(run.records.size(), 6u);
     EXPECT_EQ(run.records[4].message, "VERIFY_TOOL: Execute function (CHECK_PKG_INTEGRITY).");
     EXPECT_EQ(run.records[4].function, "UPGRADE_CmdExe");
     const auto &last = run.records.back();
     const auto &beforeLast = run.records[run.records.size() - 2];
-    EXPECT_EQ(beforeLast.message, "VERIFY_TOOL: Execute ret(-1).");
+    EXPECT_EQ(beforeLast.message, "VERIFY_TOOL: Execute ret(-2013265663).");
     EXPECT_EQ(last.message, "Verify KTR Command exec fail!");
-    EXPECT_EQ(run.exitStatus, 255);
+    EXPECT_EQ(run.exitStatus, 1);
 }
 
 }  // namespace
