@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# The main job: builds verify_tool and runs it once. Until the package check
-# is built in, this shows the dispatch refusing an unknown operation code.
+# The main job: builds verify_tool, makes a demo package signed under the demo
+# root that this build trusts (checksum file, detached CMS signature with an
+# RFC 3161 timestamp, CRL file) in examples/demo-package, and checks it.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
 
-need=(cmake ninja-build g++ libssl-dev libgtest-dev)
+need=(cmake ninja-build g++ libssl-dev libgtest-dev libbenchmark-dev)
 missing=()
 for p in "${need[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -16,20 +17,41 @@ if ((${#missing[@]})); then
     apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
 
+echo "building verify_tool and the test-PKI generator..."
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build --target verify_tool verify_tool_sandboxed >/dev/null
+cmake --build build --target verify_tool testpki_cli verify_tool_sandboxed >/dev/null
 
-echo "\$ build/tool/verify_tool -f nope"
-status=0
-build/tool/verify_tool -f nope || status=$?
-echo "exit status: $status (255: the operation code is unknown)"
+pkg=examples/demo-package
+rm -rf "$pkg"
+build/tools/testpki/testpki demo-package "$pkg" >/dev/null
+echo "demo package written to $pkg"
 
-# The tool writes its records to syslog. The test build of the same code
-# keeps its configuration in a scratch directory and prints its records here.
-scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
-echo
-echo "Records the tool writes for that run:"
-VT_TEST_ROOT="$scratch/root" VT_SYSLOG_FILE="$scratch/syslog" \
-    build/tests/tool/verify_tool_sandboxed -f nope || true
-sed 's/^<[0-9]*>/  /' "$scratch/syslog"
+check() {
+    local checksum=$1
+    echo
+    echo "\$ build/tool/verify_tool -f CHECK_PKG_INTEGRITY -h $pkg/sha256sums.p7s -e $checksum -c $pkg/crls+ca.pem"
+    local status=0
+    build/tool/verify_tool -f CHECK_PKG_INTEGRITY -h "$pkg/sha256sums.p7s" -e "$checksum" \
+        -c "$pkg/crls+ca.pem" || status=$?
+    if ((status == 0)); then
+        echo "exit status 0: $checksum is authentic"
+    else
+        echo "exit status $status: $checksum is NOT authentic"
+    fi
+    # The tool writes its records to syslog; the sandboxed build of the same
+    # code prints them here instead.
+    local scratch
+    scratch=$(mktemp -d)
+    VT_TEST_ROOT="$scratch/root" VT_SYSLOG_FILE="$scratch/syslog" \
+        build/tests/tool/verify_tool_sandboxed -f CHECK_PKG_INTEGRITY -h "$pkg/sha256sums.p7s" \
+        -e "$checksum" -c "$pkg/crls+ca.pem" >/dev/null 2>&1 || true
+    echo "its log records:"
+    grep -v '/proc/zeb' "$scratch/syslog" | sed 's/^<[0-9]*>/  /'
+    rm -rf "$scratch"
+    return "$status"
+}
+
+check "$pkg/sha256sums"
+if [[ ${1:-} == --tampered ]]; then
+    check "$pkg/sha256sums.tampered" || true
+fi
