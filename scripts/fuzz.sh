@@ -1,11 +1,17 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer harnesses (fuzz/fuzz_*.cpp) with clang into build-fuzz,
-# makes seed corpora from real DER and PEM that the openssl command produces,
-# and runs every harness for the given number of seconds (default 60).
-# Fails on any crash, leak, timeout, out-of-memory or sanitizer report.
+# Builds the libFuzzer harnesses (fuzz/fuzz_*.cpp) with clang, makes seed
+# corpora from real DER and PEM (the openssl command and the project's test-PKI
+# generator: the demo package with every valid and spoiled case), and runs
+# every harness for the given number of seconds (default 60), two at a time,
+# with the dictionary fuzz/dorvex.dict. Fails on any crash, leak, timeout,
+# out-of-memory or sanitizer report.
 #
 # Seeds: a harness gets the DER files of the material pool below, unless a
 # function seeds_<harness> exists, which then fills its seed folder ($1).
+# VT_FUZZ_BUILD names the build folder (default build-fuzz in the tree);
+# VT_FUZZ_ONLY a space-separated list of harnesses to run instead of all.
+# Corpora grow across runs in $build/corpus; each harness's figures end up in
+# $build/<harness>.log.
 set -euo pipefail
 
 seconds=${1:-60}
@@ -16,7 +22,7 @@ fi
 
 cd "$(dirname "$0")/.."
 root=$(pwd)
-build=$root/build-fuzz
+build=${VT_FUZZ_BUILD:-$root/build-fuzz}
 jobs=$(nproc)
 ((jobs > 2)) && jobs=2
 
@@ -35,7 +41,11 @@ CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Re
     -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DVT_FUZZ=ON -DVT_BUILD_TESTS=OFF
 cmake --build "$build" --target fuzz_all -j "$jobs"
 
-mapfile -t harnesses < <(cd "$root/fuzz" && ls fuzz_*.cpp | sed 's/\.cpp$//' | sort)
+if [[ -n ${VT_FUZZ_ONLY:-} ]]; then
+    read -r -a harnesses <<<"$VT_FUZZ_ONLY"
+else
+    mapfile -t harnesses < <(cd "$root/fuzz" && ls fuzz_*.cpp | sed 's/\.cpp$//' | sort)
+fi
 if ((${#harnesses[@]} == 0)); then
     echo "fuzz: no harness in fuzz/" >&2
     exit 1
@@ -87,39 +97,96 @@ CNF
     quiet openssl cms -cmsout -in cms.pem -inform PEM -outform DER -out pool/cms.der
 )
 
-# fuzz_verify works on a demo package from the test-PKI generator, which
-# this fuzzing build does not have: make it in a plain build of its own.
+# The verifying harnesses work on a demo package from the test-PKI generator,
+# which this fuzzing build does not have: make it in a plain build of its own.
 log "making the demo package in $material/demo"
 gen=$build/testpki
 cmake -S "$root" -B "$gen" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$gen" --target testpki_cli -j "$jobs" >/dev/null
 "$gen/tools/testpki/testpki" demo-package "$material/demo" >/dev/null
 export VT_FUZZ_VERIFY_DIR=$material/demo
+demo=$material/demo
+
+# Every DER item of the demo package joins the pool: its certificates, CRLs,
+# the valid signature and every spoiled one.
+cp "$demo"/*.der "$material/pool/"
+cp "$demo/sha256sums.p7s" "$material/pool/demo.p7s"
+for f in "$demo"/faults/*/sha256sums.p7s; do
+    cp "$f" "$material/pool/$(basename "$(dirname "$f")").p7s"
+done
+
+# The timestamp token of a signature file (DER): the element after the
+# id-aa-timeStampToken attribute's SET header. Nothing for a signature
+# without one.
+token_of() {
+    local sig=$1 out=$2 line offset header length
+    line=$(openssl asn1parse -inform DER -in "$sig" 2>/dev/null |
+        awk '/:id-smime-aa-timeStampToken/ { getline; getline; print; exit }') || true
+    [[ $line =~ ^\ *([0-9]+):d=[0-9]+\ +hl=([0-9]+)\ +l=\ *([0-9]+)\ +cons:\ +SEQUENCE ]] || return 0
+    offset=${BASH_REMATCH[1]} header=${BASH_REMATCH[2]} length=${BASH_REMATCH[3]}
+    tail -c "+$((offset + 1))" "$sig" | head -c "$((header + length))" >"$out"
+}
+mkdir -p "$material/tokens"
+token_of "$demo/sha256sums.p7s" "$material/tokens/demo.tst"
+for f in "$demo"/faults/*/sha256sums.p7s; do
+    token_of "$f" "$material/tokens/$(basename "$(dirname "$f")").tst"
+done
+if [[ ! -s $material/tokens/demo.tst ]]; then
+    echo "fuzz: no timestamp token found in the demo signature" >&2
+    exit 1
+fi
+cp "$material"/tokens/*.tst "$material/pool/"
 
 # The valid package signature (DER and PEM) and every spoiled one.
 seeds_fuzz_verify() {
     local dir=$1 f
-    cp "$material/demo/sha256sums.p7s" "$material/demo/sha256sums.p7s.pem" "$dir/"
-    for f in "$material"/demo/faults/*/sha256sums.p7s; do
+    cp "$demo/sha256sums.p7s" "$demo/sha256sums.p7s.pem" "$dir/"
+    for f in "$demo"/faults/*/sha256sums.p7s; do
         cp "$f" "$dir/$(basename "$(dirname "$f")").p7s"
     done
+}
+
+# Tokens of the valid and the spoiled signatures, and a bare TSA certificate
+# and CRL as shapes that are not tokens at all.
+seeds_fuzz_timestamp() {
+    local dir=$1
+    cp "$material"/tokens/*.tst "$demo/tsa.der" "$demo/ca-crl.der" "$dir/"
+}
+
+# Certificates and CRLs only: the two decoders under comparison.
+seeds_fuzz_diff_x509() {
+    local dir=$1
+    cp "$material/pool/cert.der" "$material/pool/crl.der" "$dir/"
+    cp "$demo"/{root,ca,leaf,tsa,root-crl,ca-crl}.der "$dir/"
+}
+
+# DER and PEM trust material as the intake sees it: every item, the CRL
+# files of the demo package, and the pool's signatures as foreign input.
+seeds_fuzz_intake() {
+    local dir=$1
+    cp "$material"/pool/* "$dir/"
+    cp "$demo"/*.pem "$dir/"
+    cp "$demo/crls.der" "$dir/"
 }
 
 # CRL files of the demo hierarchy, whose root the harness trusts: PEM with the
 # CA certificate, the bare CRLs, and both CRLs with the CA certificate as DER.
 seeds_fuzz_crl_info() {
-    local dir=$1 demo=$material/demo
-    cp "$demo/crls+ca.pem" "$demo/crls.der" "$demo/root-crl.der" "$dir/"
+    local dir=$1
+    cp "$demo/crls+ca.pem" "$demo/crls.pem" "$demo/crls.der" "$demo/root-crl.der" \
+        "$demo/ca-crl.der" "$demo/ca-crl.pem" "$dir/"
     cat "$demo/root-crl.der" "$demo/ca-crl.der" "$demo/ca.der" >"$dir/crls+ca.der"
 }
 
 # Base64 text: PEM files, bare bodies with LF and CR LF, and small shapes.
 seeds_fuzz_base64() {
     local dir=$1 f
-    for f in cert crl cms; do
-        cp "$material/$f.pem" "$dir/$f.pem"
-        grep -v -- '-----' "$material/$f.pem" >"$dir/$f.b64"
-        sed 's/$/\r/' "$dir/$f.b64" >"$dir/$f.crlf.b64"
+    for f in "$material"/{cert,crl,cms}.pem "$demo"/*.pem "$demo/sha256sums.p7s.pem"; do
+        local name
+        name=$(basename "$f")
+        cp "$f" "$dir/$name"
+        grep -v -- '-----' "$f" >"$dir/$name.b64"
+        sed 's/$/\r/' "$dir/$name.b64" >"$dir/$name.crlf.b64"
     done
     printf 'QUJD' >"$dir/full"
     printf 'QQ==' >"$dir/pad2"
@@ -131,32 +198,75 @@ seeds_fuzz_base64() {
 # ---- run ------------------------------------------------------------------
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
-failed=()
-for h in "${harnesses[@]}"; do
-    seeds=$build/seeds/$h
-    corpus=$build/corpus/$h
-    artifacts=$build/artifacts/$h
-    rm -rf "$seeds" "$artifacts"
+
+# One harness: seeds, a run of $seconds, and a verdict file. Standard output
+# is closed in the target: the library prints a line for every rejected
+# input. A leak makes libFuzzer exit non-zero; -timeout turns a slow input
+# into a failure, -rss_limit_mb a runaway allocation.
+fuzz_one() {
+    local h=$1 status=0
+    local seeds=$build/seeds/$h corpus=$build/corpus/$h artifacts=$build/artifacts/$h
+    local out=$build/$h.log
+    rm -rf "$seeds" "$artifacts" "$out" "$build/$h.failed" "$build/$h.ok"
     mkdir -p "$seeds" "$corpus" "$artifacts"
     if declare -F "seeds_$h" >/dev/null; then
         "seeds_$h" "$seeds"
     else
         cp "$material"/pool/* "$seeds/"
     fi
-    log "fuzz $h for ${seconds}s ($(ls "$seeds" | wc -l) seeds)"
-    out=$build/$h.log
-    # Standard output is closed in the target: the library prints a line
-    # for every rejected input.
-    status=0
+    echo "fuzz: $h for ${seconds}s ($(ls "$seeds" | wc -l) seeds, $(ls "$corpus" | wc -l) in corpus)"
     "$build/fuzz/$h" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+        -dict="$root/fuzz/dorvex.dict" -detect_leaks=1 \
         -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$artifacts/" \
         "$corpus" "$seeds" >"$out" 2>&1 || status=$?
-    tail -n 15 "$out"
-    # Any sanitizer report counts, even one that did not stop the run.
-    if ((status != 0)) || grep -qE 'ERROR: (AddressSanitizer|LeakSanitizer|libFuzzer)|runtime error:|WARNING: .*Sanitizer' "$out"; then
-        echo "fuzz: $h FAILED (status $status); log $out, inputs in $artifacts" >&2
+    # Any sanitizer report counts, even one that did not stop the run; a run
+    # that never reached its final statistics did not fuzz.
+    if ((status != 0)) ||
+        grep -qE 'ERROR: (AddressSanitizer|LeakSanitizer|libFuzzer)|runtime error:|WARNING: .*Sanitizer' "$out" ||
+        ! grep -q '^stat::number_of_executed_units' "$out"; then
+        echo "$status" >"$build/$h.failed"
+    else
+        touch "$build/$h.ok"
+    fi
+}
+
+# The figures of one finished run: executions, coverage, corpus, verdict.
+report() {
+    local h=$1 out=$build/$h.log
+    local execs cov ft corpus
+    execs=$(awk '/^stat::number_of_executed_units/ { print $2 }' "$out" 2>/dev/null || true)
+    cov=$(grep -oE 'cov: [0-9]+' "$out" 2>/dev/null | tail -n 1 | awk '{ print $2 }' || true)
+    ft=$(grep -oE 'ft: [0-9]+' "$out" 2>/dev/null | tail -n 1 | awk '{ print $2 }' || true)
+    corpus=$(ls "$build/corpus/$h" 2>/dev/null | wc -l || true)
+    printf '%-18s execs %-10s cov %-6s ft %-7s corpus %-6s %s\n' "$h" "${execs:-?}" "${cov:-?}" \
+        "${ft:-?}" "$corpus" "$([[ -f $build/$h.ok ]] && echo ok || echo FAILED)"
+}
+
+log "fuzz ${#harnesses[@]} harness(es) for ${seconds}s each, $jobs at a time"
+running=0
+for h in "${harnesses[@]}"; do
+    if ((running >= jobs)); then
+        wait -n || true
+        running=$((running - 1))
+    fi
+    fuzz_one "$h" &
+    running=$((running + 1))
+done
+wait || true
+
+log "results"
+failed=()
+for h in "${harnesses[@]}"; do
+    report "$h"
+    if [[ ! -f $build/$h.ok ]]; then
         failed+=("$h")
     fi
+done
+for h in "${failed[@]}"; do
+    echo
+    echo "fuzz: $h FAILED (status $(cat "$build/$h.failed" 2>/dev/null || echo none)); log $build/$h.log, inputs in $build/artifacts/$h" >&2
+    grep -E 'ERROR|runtime error|WARNING|SUMMARY|Test unit written' "$build/$h.log" 2>/dev/null |
+        head -n 20 >&2 || true
 done
 
 if ((${#failed[@]})); then
