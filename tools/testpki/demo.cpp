@@ -2,7 +2,15 @@
 // the root certificate the tool carries built in.
 #include "tools/testpki/testpki.h"
 
+#include <fcntl.h>
 #include <openssl/evp.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
 
 namespace testpki {
 
@@ -81,6 +89,84 @@ std::string Hex(const Bytes &bytes) {
     }
     return out;
 }
+
+// How the demo hierarchy signs a valid package.
+SignSpec DemoSignSpec(const DemoPki &pki) {
+    SignSpec plan;
+    plan.signer = pki.leaf;
+    plan.certs = {pki.leaf.cert, pki.ca.cert};
+    TimestampSpec stamp;
+    stamp.tsa = pki.tsa;
+    stamp.maker = TokenMaker::Cms;  // reproducible, unlike the TS API's tokens
+    plan.timestamp = stamp;
+    return plan;
+}
+
+// The trust material a package check takes beside the built-in root.
+std::string DemoCrlFile(const DemoPki &pki) {
+    return PemBundle({{std::string(kPemCrl), pki.rootCrl},
+                      {std::string(kPemCrl), pki.caCrl},
+                      {std::string(kPemCertificate), pki.ca.cert.Der()}});
+}
+
+// A read-only mapping of a whole file, so that content of a gigabyte is
+// signed straight from the page cache instead of a copy on the heap.
+class MappedFile {
+  public:
+    explicit MappedFile(const std::filesystem::path &file) {
+        fd_ = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat st;
+        if (fd_ < 0 || ::fstat(fd_, &st) != 0) {
+            Close();
+            throw Error("cannot read " + file.string() + ": " + std::strerror(errno));
+        }
+        if (!S_ISREG(st.st_mode)) {
+            Close();
+            throw Error(file.string() + " is not a regular file");
+        }
+        // The signing path hands the content to OpenSSL as one memory BIO,
+        // whose length is an int.
+        if (st.st_size > INT_MAX) {
+            Close();
+            throw Error(file.string() + " is larger than " + std::to_string(INT_MAX) + " bytes");
+        }
+        size_ = static_cast<size_t>(st.st_size);
+        if (size_ == 0) {
+            return;
+        }
+        void *map = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd_, 0);
+        if (map == MAP_FAILED) {
+            Close();
+            throw Error("cannot map " + file.string() + ": " + std::strerror(errno));
+        }
+        data_ = static_cast<const uint8_t *>(map);
+        ::madvise(map, size_, MADV_SEQUENTIAL);
+    }
+    ~MappedFile() { Close(); }
+    MappedFile(const MappedFile &) = delete;
+    MappedFile &operator=(const MappedFile &) = delete;
+
+    std::span<const uint8_t> Content() const {
+        // A memory BIO refuses a null pointer even for no bytes.
+        static constexpr uint8_t kNothing[1] = {};
+        return data_ != nullptr ? std::span(data_, size_) : std::span(kNothing, 0);
+    }
+
+  private:
+    void Close() {
+        if (data_ != nullptr) {
+            ::munmap(const_cast<uint8_t *>(data_), size_);
+            data_ = nullptr;
+        }
+        if (fd_ >= 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+    }
+    int fd_ = -1;
+    const uint8_t *data_ = nullptr;
+    size_t size_ = 0;
+};
 
 }  // namespace
 
@@ -210,13 +296,7 @@ std::string_view FaultName(Fault fault) {
 }
 
 Package MakePackage(const DemoPki &pki, Fault fault, std::span<const uint8_t> content) {
-    SignSpec plan;
-    plan.signer = pki.leaf;
-    plan.certs = {pki.leaf.cert, pki.ca.cert};
-    TimestampSpec stamp;
-    stamp.tsa = pki.tsa;
-    stamp.maker = TokenMaker::Cms;  // reproducible, unlike the TS API's tokens
-    plan.timestamp = stamp;
+    SignSpec plan = DemoSignSpec(pki);
     Package out{Bytes(content.begin(), content.end()), {}};
 
     switch (fault) {
@@ -282,10 +362,7 @@ std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesys
     write("sha256sums.p7s", valid.signature);
     write("sha256sums.p7s.pem", Armoured(valid.signature, Armour::PemCms));
     write("sha256sums.tampered", MakePackage(pki, Fault::ChangedContent, content).content);
-    // The trust material a package check takes beside the built-in root.
-    std::string crls = PemBundle({{std::string(kPemCrl), pki.rootCrl},
-                                  {std::string(kPemCrl), pki.caCrl},
-                                  {std::string(kPemCertificate), pki.ca.cert.Der()}});
+    const std::string crls = DemoCrlFile(pki);
     write("crls+ca.pem", std::span(reinterpret_cast<const uint8_t *>(crls.data()), crls.size()));
     for (Fault fault : kAllFaults) {
         if (fault == Fault::None) {
@@ -295,6 +372,42 @@ std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesys
         const std::string dir = "faults/" + std::string(FaultName(fault)) + "/";
         write(dir + "sha256sums", bad.content);
         write(dir + "sha256sums.p7s", bad.signature);
+    }
+    return written;
+}
+
+std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
+                                            const std::filesystem::path &content,
+                                            const std::filesystem::path &outDir) {
+    Bytes signature;
+    {
+        const MappedFile file(content);
+        signature = MakeSignedData(DemoSignSpec(pki), file.Content());
+    }
+    std::error_code ec;
+    std::filesystem::create_directories(outDir, ec);
+    if (ec) {
+        throw Error("cannot create " + outDir.string() + ": " + ec.message());
+    }
+    const std::pair<std::string, Bytes> files[] = {
+        {"content.p7s", signature},
+        {"token.der", TimestampTokenOf(signature)},
+        {"sigvalue.bin", SignatureValueOf(signature)},
+    };
+    const std::pair<std::string, std::string> texts[] = {
+        {"crls+ca.pem", DemoCrlFile(pki)},
+        {"root.pem", ToPem(kPemCertificate, pki.root.cert.Der())},
+        {"ca.pem", ToPem(kPemCertificate, pki.ca.cert.Der())},
+        {"tsa.pem", ToPem(kPemCertificate, pki.tsa.cert.Der())},
+    };
+    std::vector<std::string> written;
+    for (const auto &[name, der] : files) {
+        WriteFile(outDir / name, der);
+        written.push_back(name);
+    }
+    for (const auto &[name, text] : texts) {
+        WriteFile(outDir / name, text);
+        written.push_back(name);
     }
     return written;
 }

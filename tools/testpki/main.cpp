@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -11,6 +12,7 @@ constexpr const char kUsage[] =
     "usage: testpki demo-pki [--keys DIR] OUTDIR\n"
     "       testpki demo-package [--keys DIR] OUTDIR\n"
     "       testpki demo-root [--keys DIR] OUT.der\n"
+    "       testpki sign-demo [--keys DIR] CONTENT OUTDIR\n"
     "       testpki --help\n"
     "\n"
     "demo-pki      writes a small valid hierarchy made from the committed test keys:\n"
@@ -25,6 +27,11 @@ constexpr const char kUsage[] =
     "              sha256sums and sha256sums.p7s for each kind of fault.\n"
     "demo-root     writes the tool's built-in root certificate (1363 bytes of\n"
     "              DER, the same bytes on every run).\n"
+    "sign-demo     signs the file CONTENT (at most 2 GiB - 1 bytes) as demo-package\n"
+    "              signs sha256sums: content.p7s (DER), crls+ca.pem, and for the\n"
+    "              same checks with the openssl command line root.pem, ca.pem,\n"
+    "              tsa.pem, the bare timestamp token token.der and the signer's\n"
+    "              signature value sigvalue.bin, which the token's imprint covers.\n"
     "--keys        folder of the test keys (default: the source tree's tests/keys).\n"
     "\n"
     "Test material only: the keys are public.\n";
@@ -35,15 +42,22 @@ int Usage() {
 }
 
 int Run(const std::string &command, const std::filesystem::path &keyDir,
-        const std::filesystem::path &out) {
+        const std::vector<std::filesystem::path> &args) {
+    const std::filesystem::path &out = args.back();
     if (command == "demo-root") {
         testpki::WriteFile(out, testpki::MakeDemoRoot(keyDir).cert.Der());
         std::printf("%s\n", out.c_str());
         return 0;
     }
     testpki::DemoPki pki = testpki::MakeDemoPki(keyDir);
-    std::vector<std::string> files = command == "demo-pki" ? testpki::WriteDemoPki(pki, out)
-                                                           : testpki::WriteDemoPackage(pki, out);
+    std::vector<std::string> files;
+    if (command == "sign-demo") {
+        files = testpki::WriteDemoSignature(pki, args.front(), out);
+    } else if (command == "demo-pki") {
+        files = testpki::WriteDemoPki(pki, out);
+    } else {
+        files = testpki::WriteDemoPackage(pki, out);
+    }
     for (const std::string &file : files) {
         std::printf("%s\n", (out / file).c_str());
     }
@@ -61,25 +75,28 @@ int main(int argc, char **argv) {
         return Usage();
     }
     const std::string command = argv[1];
-    if (command != "demo-pki" && command != "demo-package" && command != "demo-root") {
+    size_t wanted = 1;
+    if (command == "sign-demo") {
+        wanted = 2;
+    } else if (command != "demo-pki" && command != "demo-package" && command != "demo-root") {
         return Usage();
     }
     std::filesystem::path keyDir = testpki::DefaultKeyDir();
-    std::filesystem::path out;
+    std::vector<std::filesystem::path> args;
     for (int i = 2; i < argc; ++i) {
         if (std::strcmp(argv[i], "--keys") == 0 && i + 1 < argc) {
             keyDir = argv[++i];
-        } else if (argv[i][0] != '-' && out.empty()) {
-            out = argv[i];
+        } else if (argv[i][0] != '-' && args.size() < wanted) {
+            args.emplace_back(argv[i]);
         } else {
             return Usage();
         }
     }
-    if (out.empty()) {
+    if (args.size() != wanted) {
         return Usage();
     }
     try {
-        return Run(command, keyDir, out);
+        return Run(command, keyDir, args);
     } catch (const std::exception &e) {
         std::fprintf(stderr, "testpki: %s\n", e.what());
         return 1;

@@ -425,4 +425,15 @@ Package MakePackage(const DemoPki &pki, Fault fault, std::span<const uint8_t> co
 // but None. Returns the file names, relative to outDir.
 std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesystem::path &outDir);
 
+// Signs an existing file the way MakePackage(Fault::None) signs its content
+// (the file is mapped, not copied; at most INT_MAX bytes) and writes into
+// outDir (created if missing) "content.p7s" (DER), "crls+ca.pem" as
+// WriteDemoPackage writes it, and what OpenSSL's command line needs for the
+// same checks: "root.pem", "ca.pem", "tsa.pem", the bare timestamp token
+// "token.der" and the signer's signature value "sigvalue.bin", whose digest
+// the token's imprint holds. Returns the file names, relative to outDir.
+std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
+                                            const std::filesystem::path &content,
+                                            const std::filesystem::path &outDir);
+
 }  // namespace testpki
