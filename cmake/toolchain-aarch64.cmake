@@ -1,0 +1,27 @@
+# Cross-build for 64-bit ARM Linux (glibc) with Debian's cross compiler and
+# the arm64 multiarch packages (libssl-dev:arm64, libgtest-dev:arm64, ...).
+# Test programs run under qemu user-mode emulation, so gtest_discover_tests
+# and ctest work on an x86-64 host without binfmt_misc.
+#
+#   cmake -S . -B build-aarch64 -G Ninja \
+#       -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-aarch64.cmake
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+
+set(VT_CROSS_TRIPLE aarch64-linux-gnu)
+set(CMAKE_C_COMPILER ${VT_CROSS_TRIPLE}-gcc)
+set(CMAKE_CXX_COMPILER ${VT_CROSS_TRIPLE}-g++)
+# Multiarch: the arm64 libraries and their CMake packages live in
+# /usr/lib/aarch64-linux-gnu beside the host's, not in a separate sysroot.
+set(CMAKE_LIBRARY_ARCHITECTURE ${VT_CROSS_TRIPLE})
+
+# The C library of the cross toolchain; qemu looks up the program's dynamic
+# loader and the libraries it opens there first, then on the host.
+set(VT_CROSS_SYSROOT /usr/${VT_CROSS_TRIPLE})
+find_program(VT_QEMU_AARCH64 qemu-aarch64 REQUIRED)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${VT_QEMU_AARCH64} -L ${VT_CROSS_SYSROOT})
+
+# pkg-config is the host's program, but must describe the arm64 libraries:
+# FindOpenSSL takes its library directory from it.
+set(VT_CROSS_PKG_CONFIG_LIBDIR /usr/lib/${VT_CROSS_TRIPLE}/pkgconfig:/usr/share/pkgconfig)
+set(ENV{PKG_CONFIG_LIBDIR} ${VT_CROSS_PKG_CONFIG_LIBDIR})
