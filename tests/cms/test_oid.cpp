@@ -8,30 +8,20 @@
 
 namespace {
 
-std::vector<uint8_t> Hex(const std::string &text) {
-    std::vector<uint8_t> out;
-    for (size_t i = 0; i + 1 < text.size(); i += 2) {
-        out.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-    }
-    return out;
-}
-
 DorvexAsnOcts Oid(const std::vector<uint8_t> &octets) {
     return DorvexAsnOcts{static_cast<uint32_t>(octets.size()), 0, 0, 6,
                          octets.empty() ? nullptr : octets.data()};
 }
 
-TEST(OidTable, EntriesInOrder) {
+TEST(OidTable, EntriesFindThemselves) {
     const int32_t aoids[] = {0,   43,  44,  45,  63,  64,  65,  161, 162, 163, 164, 165,
                              168, 172, 176, 184, 188, 192, 193, 202, 204, 264, 271, 307};
     ASSERT_EQ(g_drxOidCount, std::size(aoids));
     for (uint32_t i = 0; i < g_drxOidCount; ++i) {
         const DorvexOidInfo &e = g_drxOIDTable[i];
         EXPECT_EQ(e.aoid, aoids[i]) << i;
-        EXPECT_EQ(e.oid.tagCode, 6u) << e.name;
-        EXPECT_EQ(e.oid.tagClass + e.oid.constructed, 0u) << e.name;
-        // A copy of each identifier's octets finds its own entry (the
-        // placeholder of entry 0 finds AOID_UNKNOWN like any unknown one).
+        EXPECT_EQ(e.oid.tagCode + e.oid.tagClass + e.oid.constructed, 6u) << e.name;
+        // A copy finds its entry (the placeholder of entry 0 finds AOID_UNKNOWN).
         const std::vector<uint8_t> copy(e.oid.data, e.oid.data + e.oid.len);
         const DorvexAsnOcts probe = Oid(copy);
         EXPECT_EQ(DorvexFindAoid(&probe), e.aoid) << e.name;
@@ -41,49 +31,39 @@ TEST(OidTable, EntriesInOrder) {
     EXPECT_EQ(DorvexFindOid(999), nullptr);
 }
 
-TEST(OidTable, LookupAndHashChoice) {
-    struct Case {
+TEST(OidTable, LookupHashChoiceAndCompare) {
+    const struct {
         const char *name;
-        const char *octets;
-        int32_t aoid;
-        int32_t hash;
+        std::vector<uint8_t> octets;
+        int32_t aoid, hash;
+    } cases[] = {
+        {"sha256WithRSA", {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 1, 1, 0x0b}, 63, 43},
+        {"sha384WithRSA", {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 1, 1, 0x0c}, 64, 44},
+        {"sha512WithRSA", {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 1, 1, 0x0d}, 65, 45},
+        {"sha256", {0x60, 0x86, 0x48, 1, 0x65, 3, 4, 2, 1}, AOID_SHA256, 43},
+        {"sha384", {0x60, 0x86, 0x48, 1, 0x65, 3, 4, 2, 2}, AOID_SHA384, 44},
+        {"sha512", {0x60, 0x86, 0x48, 1, 0x65, 3, 4, 2, 3}, AOID_SHA512, 45},
+        {"rsaEncryption", {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 1, 1, 1}, 0, 0},
+        {"sha1WithRSA", {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 1, 1, 5}, 0, 0},
+        {"sha1", {0x2b, 0x0e, 3, 2, 0x1a}, 0, 0},
+        {"empty identifier", {}, 0, 0},
+        {"placeholder octet", {0xff}, 0, 0},
+        {"prefix of sha256", {0x60, 0x86, 0x48, 1, 0x65, 3, 4, 2}, 0, 0},
+        {"non-minimal arc", {0x2a, 0x86, 0x48, 0x80, 0x86, 0xf7, 0x0d, 1, 1, 0x0b}, 0, 0},
+        {"code signing", {0x2b, 6, 1, 5, 5, 7, 3, 3}, AOID_KP_CODESIGNING, 0},
     };
-    const Case cases[] = {
-        {"sha256WithRSAEncryption", "2a864886f70d01010b", AOID_SHA256WITHRSAENCRYPTION, 43},
-        {"sha384WithRSAEncryption", "2a864886f70d01010c", AOID_SHA384WITHRSAENCRYPTION, 44},
-        {"sha512WithRSAEncryption", "2a864886f70d01010d", AOID_SHA512WITHRSAENCRYPTION, 45},
-        {"sha256", "608648016503040201", AOID_SHA256, 43},
-        {"sha384", "608648016503040202", AOID_SHA384, 44},
-        {"sha512", "608648016503040203", AOID_SHA512, 45},
-        {"rsaEncryption", "2a864886f70d010101", AOID_UNKNOWN, 0},
-        {"sha1", "2b0e03021a", AOID_UNKNOWN, 0},
-        {"sha1WithRSAEncryption", "2a864886f70d010105", AOID_UNKNOWN, 0},
-        {"empty identifier", "", AOID_UNKNOWN, 0},
-        {"placeholder octet", "ff", AOID_UNKNOWN, 0},
-        {"prefix of sha256", "6086480165030402", AOID_UNKNOWN, 0},
-        {"non-minimal arc encoding", "2a86488086f70d01010b", AOID_UNKNOWN, 0},
-        {"code signing", "2b06010505070303", AOID_KP_CODESIGNING, 0},
-        {"timestamp token", "2a864886f70d010910020e", AOID_PKCS9_AT_TIMESTAMP_TOKEN, 0},
-    };
-    for (const Case &c : cases) {
-        const std::vector<uint8_t> octets = Hex(c.octets);
-        const DorvexX509AlgoIdentifier alg{Oid(octets), {}};
+    for (const auto &c : cases) {
+        const DorvexX509AlgoIdentifier alg{Oid(c.octets), {}};
         EXPECT_EQ(DorvexFindAoid(&alg.algorithm), c.aoid) << c.name;
         EXPECT_EQ(DorvexGetHashAoidFromSign(&alg), c.hash) << c.name;
     }
     EXPECT_EQ(DorvexFindAoid(nullptr), AOID_UNKNOWN);
     EXPECT_EQ(DorvexGetHashAoidFromSign(nullptr), AOID_UNKNOWN);
-}
 
-TEST(OidCompare, Octets) {
-    const std::vector<uint8_t> abc = Hex("616263"), abc2 = Hex("616263"), abd = Hex("616264");
-    const std::vector<uint8_t> ab = Hex("6162");
-    const DorvexAsnOcts a = Oid(abc);
+    const std::vector<uint8_t> abc = {1, 2, 3}, abc2 = {1, 2, 3}, abd = {1, 2, 4}, ab = {1, 2};
+    const DorvexAsnOcts a = Oid(abc), other = Oid(abd), shorter = Oid(ab);
     DorvexAsnOcts sameBytesOtherTag = Oid(abc2);
     sameBytesOtherTag.tagCode = 4;
-    const DorvexAsnOcts other = Oid(abd);
-    const DorvexAsnOcts shorter = Oid(ab);
-    EXPECT_EQ(DorvexCompareAsnOcts(&a, &a), 0);
     EXPECT_EQ(DorvexCompareAsnOcts(&a, &sameBytesOtherTag), 0);
     EXPECT_NE(DorvexCompareAsnOcts(&a, &other), 0);
     EXPECT_EQ(DorvexCompareAsnOcts(&a, &shorter), -1);

@@ -1,11 +1,12 @@
-// Shared by the PKI store and path tests: a verify context with a store,
-// certificates and CRLs made by the test-PKI generator, and log look-ups.
+// Shared by the PKI store and path tests: a verify context with a store, the
+// one hierarchy builder, and log look-ups.
 #ifndef TESTS_CMS_TEST_PKI_SUPPORT_H
 #define TESTS_CMS_TEST_PKI_SUPPORT_H
 
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,20 +18,25 @@
 namespace pki_test {
 
 using testpki::Bytes;
+using testpki::CertSpec;
 using testpki::Credential;
+using Entries = std::vector<testpki::RevokedEntry>;
 
-// The moment most cases are judged at, and a day in seconds.
-constexpr int64_t kT = 1748736000;  // 2025-06-01 00:00:00 UTC
+constexpr int64_t kT = 1748736000;  // 2025-06-01 00:00:00 UTC, the usual verifyTime
 constexpr int64_t kDay = 86400;
-// CRLReason keyCompromise: revokes CAs whatever the date.
-constexpr int kKeyCompromise = 1;
+constexpr int kKeyCompromise = 1, kAffiliationChanged = 3, kSuperseded = 4, kCessation = 5;
 
 inline testpki::Time At(int64_t seconds) {
     return testpki::TimeAt(seconds);
 }
 
-inline testpki::CertSpec RootSpec(const std::string &cn, const char *key = "root-4096") {
-    testpki::CertSpec s;
+// One entry revoking `serial` (Leaf 0x10, CA 0x20) `days` after kT.
+inline Entries Revokes(uint8_t serial, int64_t days, std::optional<int> reason = kKeyCompromise) {
+    return {{{serial}, At(kT + days * kDay), reason}};
+}
+
+inline CertSpec RootSpec(const std::string &cn, const char *key = "root-4096") {
+    CertSpec s;
     s.subjectKey = testpki::LoadTestKey(key);
     s.subject = testpki::SimpleName({{"CN", cn}});
     s.basicConstraints = testpki::BasicConstraints{};
@@ -38,16 +44,16 @@ inline testpki::CertSpec RootSpec(const std::string &cn, const char *key = "root
     return s;
 }
 
-inline testpki::CertSpec CaSpec(const std::string &cn, const Credential &issuer,
-                                const char *key = "ca-2048") {
-    testpki::CertSpec s = RootSpec(cn, key);
+inline CertSpec CaSpec(const std::string &cn, const Credential &issuer,
+                       const char *key = "ca-2048") {
+    CertSpec s = RootSpec(cn, key);
     s.issuer = issuer;
     s.serial = {0x20};
     return s;
 }
 
-inline testpki::CertSpec LeafSpec(const std::string &cn, const Credential &issuer) {
-    testpki::CertSpec s;
+inline CertSpec LeafSpec(const std::string &cn, const Credential &issuer) {
+    CertSpec s;
     s.subjectKey = testpki::LoadTestKey("leaf-2048");
     s.subject = testpki::SimpleName({{"CN", cn}});
     s.issuer = issuer;
@@ -56,15 +62,14 @@ inline testpki::CertSpec LeafSpec(const std::string &cn, const Credential &issue
     return s;
 }
 
-inline Bytes Crl(const Credential &issuer, std::vector<testpki::RevokedEntry> revoked = {},
+inline Bytes Crl(const Credential &issuer, Entries revoked = {},
                  testpki::Time nextUpdate = testpki::Utc("491231235959Z"), bool indirect = false) {
     testpki::CrlSpec s;
     s.issuer = issuer;
     s.nextUpdate = nextUpdate;
     s.revoked = std::move(revoked);
     if (indirect) {
-        s.issuingDistPoint.emplace();
-        s.issuingDistPoint->indirectCrl = true;
+        s.issuingDistPoint.emplace().indirectCrl = true;
     }
     return testpki::MakeCrl(s);
 }
@@ -81,41 +86,19 @@ class Store {
     }
     ~Store() {
         DorvexPkiUninit(&ctx);
-        for (DorvexX509Cert *c : certs_) {
+        for (auto *c : certs_) {
             EXPECT_EQ(c->refCount, 1);
             DorvexX509FreeCert(c);
         }
-        for (DorvexX509Crl *c : crls_) {
+        for (auto *c : crls_) {
             EXPECT_EQ(c->refCount, 1);
             DorvexX509FreeCrl(c);
         }
     }
     Store(const Store &) = delete;
-    Store &operator=(const Store &) = delete;
 
-    DorvexX509Cert *Decode(const Bytes &der) {
-        const Bytes &kept = der_.emplace_back(der);
-        DorvexX509Cert *cert = nullptr;
-        uint32_t used = 0;
-        EXPECT_EQ(
-            DorvexX509DecodeCert(kept.data(), static_cast<uint32_t>(kept.size()), &cert, &used),
-            0u);
-        if (cert != nullptr) {
-            certs_.push_back(cert);
-        }
-        return cert;
-    }
-    DorvexX509Crl *DecodeCrl(const Bytes &der) {
-        const Bytes &kept = der_.emplace_back(der);
-        DorvexX509Crl *crl = nullptr;
-        uint32_t used = 0;
-        EXPECT_EQ(DorvexX509DecodeCrl(kept.data(), static_cast<uint32_t>(kept.size()), &crl, &used),
-                  0u);
-        if (crl != nullptr) {
-            crls_.push_back(crl);
-        }
-        return crl;
-    }
+    DorvexX509Cert *Decode(const Bytes &der) { return Keep(der, DorvexX509DecodeCert, certs_); }
+    DorvexX509Crl *DecodeCrl(const Bytes &der) { return Keep(der, DorvexX509DecodeCrl, crls_); }
     DorvexX509Cert *Add(const Credential &cred) { return Add(cred.cert.Der()); }
     DorvexX509Cert *Add(const Bytes &der) {
         DorvexX509Cert *cert = Decode(der);
@@ -132,7 +115,7 @@ class Store {
     // and that the nesting counter is back at rest.
     uint32_t Verify(DorvexX509Cert *cert, uint32_t strict = 0) {
         uint32_t valid = 7;
-        uint32_t ret = DorvexPkiVerifyCert(&ctx, cert, 1, strict, &valid);
+        const uint32_t ret = DorvexPkiVerifyCert(&ctx, cert, 1, strict, &valid);
         EXPECT_EQ(valid, ret == 0 ? 1u : 0u);
         EXPECT_EQ(ctx.pathDepth, 0);
         return ret;
@@ -141,43 +124,31 @@ class Store {
     DorvexVrfCtx ctx{};
 
   private:
+    template <typename T>
+    T *Keep(const Bytes &der, uint32_t (*decode)(const uint8_t *, uint32_t, T **, uint32_t *),
+            std::vector<T *> &kept) {
+        const Bytes &bytes = der_.emplace_back(der);
+        T *record = nullptr;
+        uint32_t used = 0;
+        EXPECT_EQ(decode(bytes.data(), bytes.size(), &record, &used), 0u);
+        if (record != nullptr) {
+            kept.push_back(record);
+        }
+        return record;
+    }
     std::deque<Bytes> der_;
     std::vector<DorvexX509Cert *> certs_;
     std::vector<DorvexX509Crl *> crls_;
 };
 
-// The standard hierarchy: Root -> CA -> Leaf, a CRL from Root and one from
-// CA; a plan changes the certificates before they are signed.
-using SpecEdit = void (*)(testpki::CertSpec &);
+// The standard hierarchy: Root -> CA (serial 0x20) -> Leaf (serial 0x10),
+// a CRL from Root and one from CA; a plan changes the certificates before
+// they are signed.
 struct ChainPlan {
-    SpecEdit ca = nullptr;
-    SpecEdit leaf = nullptr;
-    bool rootCrl = true;
-    bool caCrl = true;
-    std::vector<testpki::RevokedEntry> rootRevoked;  // CA's serial is 0x20
-    std::vector<testpki::RevokedEntry> caRevoked;    // Leaf's serial is 0x10
-
-    ChainPlan &Ca(SpecEdit edit) {
-        ca = edit;
-        return *this;
-    }
-    ChainPlan &Leaf(SpecEdit edit) {
-        leaf = edit;
-        return *this;
-    }
-    ChainPlan &Crls(bool fromRoot, bool fromCa) {
-        rootCrl = fromRoot;
-        caCrl = fromCa;
-        return *this;
-    }
-    ChainPlan &RootRevokes(std::vector<testpki::RevokedEntry> entries) {
-        rootRevoked = std::move(entries);
-        return *this;
-    }
-    ChainPlan &CaRevokes(std::vector<testpki::RevokedEntry> entries) {
-        caRevoked = std::move(entries);
-        return *this;
-    }
+    void (*ca)(CertSpec &) = nullptr;
+    void (*leaf)(CertSpec &) = nullptr;
+    bool rootCrl = true, caCrl = true;
+    Entries rootRevoked = {}, caRevoked = {};
 };
 
 struct Chain {
@@ -196,12 +167,12 @@ inline const Credential &StandardRoot() {
 inline Chain BuildChain(Store &store, const ChainPlan &plan = {}) {
     Chain c;
     c.root = StandardRoot();
-    testpki::CertSpec ca = CaSpec("CA", c.root);
+    CertSpec ca = CaSpec("CA", c.root);
     if (plan.ca != nullptr) {
         plan.ca(ca);
     }
     c.ca = testpki::IssueCredential(ca);
-    testpki::CertSpec leaf = LeafSpec("Leaf", c.ca);
+    CertSpec leaf = LeafSpec("Leaf", c.ca);
     if (plan.leaf != nullptr) {
         plan.leaf(leaf);
     }
@@ -210,12 +181,10 @@ inline Chain BuildChain(Store &store, const ChainPlan &plan = {}) {
     c.caCert = store.Add(c.ca);
     c.leafCert = store.Add(c.leaf);
     if (plan.rootCrl) {
-        c.rootCrl = Crl(c.root, plan.rootRevoked);
-        store.AddCrl(c.rootCrl);
+        store.AddCrl(c.rootCrl = Crl(c.root, plan.rootRevoked));
     }
     if (plan.caCrl) {
-        c.caCrl = Crl(c.ca, plan.caRevoked);
-        store.AddCrl(c.caCrl);
+        store.AddCrl(c.caCrl = Crl(c.ca, plan.caRevoked));
     }
     return c;
 }

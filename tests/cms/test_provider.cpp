@@ -5,11 +5,8 @@
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 
-#include <stdint.h>
-
 #include <algorithm>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -27,19 +24,6 @@ const EVP_MD *OpensslMd(uint32_t aoid) {
     return aoid == kSha256 ? EVP_sha256() : aoid == kSha384 ? EVP_sha384() : EVP_sha512();
 }
 
-Bytes Text(const std::string &s) {
-    return Bytes(s.begin(), s.end());
-}
-
-std::string Hex(const Bytes &b) {
-    std::string out;
-    for (uint8_t v : b) {
-        out += "0123456789abcdef"[v >> 4];
-        out += "0123456789abcdef"[v & 15];
-    }
-    return out;
-}
-
 // Whether a DBG_Log record of `function` at error level carries `message`.
 bool Logged(const char *function, const std::string &message) {
     for (const auto &text : vt_test::CapturedSyslogTexts()) {
@@ -53,16 +37,15 @@ bool Logged(const char *function, const std::string &message) {
 
 // The provider's digest of `data` fed in pieces, with empty and null
 // updates in between (which must change nothing).
-Bytes MdDigest(uint32_t aoid, const std::string_view data, size_t piece) {
+Bytes MdDigest(uint32_t aoid, const Bytes &data, size_t piece) {
     DorvexMdCtx *ctx = nullptr;
     EXPECT_EQ(DorvexMdCreateCtx(&ctx), DORVEX_OK);
     EXPECT_EQ(DorvexMdInit(ctx, aoid), DORVEX_OK);
-    const auto *bytes = reinterpret_cast<const uint8_t *>(data.data());
     for (size_t at = 0; at < data.size(); at += piece) {
-        uint32_t n = static_cast<uint32_t>(std::min(piece, data.size() - at));
-        EXPECT_EQ(DorvexMdUpdate(ctx, bytes + at, n), DORVEX_OK);
+        const auto n = static_cast<uint32_t>(std::min(piece, data.size() - at));
+        EXPECT_EQ(DorvexMdUpdate(ctx, data.data() + at, n), DORVEX_OK);
         EXPECT_EQ(DorvexMdUpdate(ctx, nullptr, 5), DORVEX_OK);
-        EXPECT_EQ(DorvexMdUpdate(ctx, bytes, 0), DORVEX_OK);
+        EXPECT_EQ(DorvexMdUpdate(ctx, data.data(), 0), DORVEX_OK);
     }
     Bytes digest(64);
     uint32_t length = 0, capacity = 64;
@@ -73,57 +56,33 @@ Bytes MdDigest(uint32_t aoid, const std::string_view data, size_t piece) {
 }
 
 TEST(ProviderDigest, KnownAnswersAndOpenssl) {
-    const std::string abc448 = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
-    const std::string abc896 =
-        "abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmnhijklmnoijklmnopjklmnopqklmnopqr"
-        "lmnopqrsmnopqrstnopqrstu";
-    struct Row {
-        const char *name;
+    // FIPS 180 "abc": the first and last digest bytes of each.
+    const struct {
         uint32_t aoid;
-        const std::string &input;
-        const char *hex;
-    };
-    const std::string abc = "abc";
-    const Row rows[] = {
-        // FIPS 180 examples
-        {"SHA-256 abc", kSha256, abc,
-         "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
-        {"SHA-256 two blocks", kSha256, abc448,
-         "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
-        {"SHA-384 abc", kSha384, abc,
-         "cb00753f45a35e8bb5a03d699ac65007272c32ab0eded1631a8b605a43ff5bed8086072ba1e7cc2358baeca1"
-         "34c825a7"},
-        {"SHA-384 two blocks", kSha384, abc896,
-         "09330c33f71147e83d192fc782cd1b4753111b173b3b05d22fa08086e3b0f712fcc7c71a557e2db966c3e9fa"
-         "91746039"},
-        {"SHA-512 abc", kSha512, abc,
-         "ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a2192992a274fc1a836ba3c23"
-         "a3feebbd454d4423643ce80e2a9ac94fa54ca49f"},
-        {"SHA-512 two blocks", kSha512, abc896,
-         "8e959b75dae313da8cf4f72814fc143f8f7779c6eb9f7fa17299aeadb6889018501d289e4900f7e4331b99de"
-         "c4b5433ac7d329eeb6dd26545e96e55b874be909"},
-    };
-    for (const auto &r : rows) {
-        EXPECT_EQ(Hex(MdDigest(r.aoid, r.input, 4096)), r.hex) << r.name;
-    }
-    // Against OpenSSL's one-shot digest, over bytes of every value in odd pieces.
-    std::string mixed(1000, '\0');
+        uint8_t first, last;
+        size_t size;
+    } rows[] = {{kSha256, 0xba, 0xad, 32}, {kSha384, 0xcb, 0xa7, 48}, {kSha512, 0xdd, 0x9f, 64}};
+    Bytes mixed(1000);  // bytes of every value, fed in odd pieces
     for (size_t i = 0; i < mixed.size(); ++i) {
-        mixed[i] = static_cast<char>(i * 31 + 7);
+        mixed[i] = static_cast<uint8_t>(i * 31 + 7);
     }
-    for (uint32_t aoid : {kSha256, kSha384, kSha512}) {
-        ASSERT_EQ(DrxGetOpensslEvpmd(aoid), OpensslMd(aoid));
-        Bytes expected(EVP_MD_get_size(OpensslMd(aoid)));
-        ASSERT_EQ(EVP_Digest(mixed.data(), mixed.size(), expected.data(), nullptr, OpensslMd(aoid),
-                             nullptr),
+    for (const auto &r : rows) {
+        const Bytes abc = MdDigest(r.aoid, {'a', 'b', 'c'}, 4096);
+        ASSERT_EQ(abc.size(), r.size);
+        EXPECT_EQ(abc.front() << 8 | abc.back(), r.first << 8 | r.last) << r.aoid;
+        ASSERT_EQ(DrxGetOpensslEvpmd(r.aoid), OpensslMd(r.aoid));
+        Bytes expected(r.size);
+        ASSERT_EQ(EVP_Digest(mixed.data(), mixed.size(), expected.data(), nullptr,
+                             OpensslMd(r.aoid), nullptr),
                   1);
-        EXPECT_EQ(MdDigest(aoid, mixed, 13), expected) << aoid;
+        EXPECT_EQ(MdDigest(r.aoid, mixed, 13), expected) << r.aoid;
+        EXPECT_EQ(MdDigest(r.aoid, {'a', 'b', 'c'}, 1), abc);
     }
 }
 
 TEST(ProviderDigest, Refusals) {
-    // Only the three digests: SHA-1 has no id here, and the RSA-with-SHA-2
-    // ids (63..65) are converted to digest ids by the caller.
+    // Only the three digests: the RSA-with-SHA-2 ids (63..65) are converted
+    // to digest ids by the caller.
     for (uint32_t aoid : {0u, 42u, 46u, 63u, 0xFFFFFFFFu}) {
         vt_test::ClearSyslog();
         DorvexMdCtx *ctx = nullptr;
@@ -154,31 +113,27 @@ TEST(ProviderDigest, Refusals) {
     EXPECT_EQ(DorvexMdFinal(ctx, digest, &length, &small), DORVEX_FAIL);
     EXPECT_EQ(DorvexMdFinal(ctx, digest, &length, &capacity), DORVEX_OK);
     EXPECT_EQ(length, 64u);
-    // Final ends the digest: the context is not reusable.
-    EXPECT_EQ(DorvexMdFinal(ctx, digest, &length, &capacity), DORVEX_FAIL);
+    EXPECT_EQ(DorvexMdFinal(ctx, digest, &length, &capacity), DORVEX_FAIL);  // not reusable
     DorvexMdDestoryCtx(ctx);
 }
 
 // Public half of a key as the provider takes it.
 struct PublicKey {
-    DorvexBigInt exponent{};
-    DorvexBigInt modulus{};
+    DorvexBigInt exponent{}, modulus{};
 };
-
-void ToBigInt(EVP_PKEY *pkey, const char *name, DorvexBigInt &out) {
-    BIGNUM *bn = nullptr;
-    ASSERT_EQ(EVP_PKEY_get_bn_param(pkey, name, &bn), 1);
-    out.len = static_cast<uint32_t>(BN_num_bytes(bn));
-    if (out.len <= sizeof(out.data)) {  // else left for the provider to refuse
-        BN_bn2bin(bn, out.data);
-    }
-    BN_free(bn);
-}
 
 PublicKey PublicOf(const testpki::Key &key) {
     PublicKey pub;
-    ToBigInt(key.get(), OSSL_PKEY_PARAM_RSA_E, pub.exponent);
-    ToBigInt(key.get(), OSSL_PKEY_PARAM_RSA_N, pub.modulus);
+    for (auto [name, out] : {std::pair{OSSL_PKEY_PARAM_RSA_E, &pub.exponent},
+                             std::pair{OSSL_PKEY_PARAM_RSA_N, &pub.modulus}}) {
+        BIGNUM *bn = nullptr;
+        EXPECT_EQ(EVP_PKEY_get_bn_param(key.get(), name, &bn), 1);
+        out->len = static_cast<uint32_t>(BN_num_bytes(bn));
+        if (out->len <= sizeof(out->data)) {  // else left for the provider to refuse
+            BN_bn2bin(bn, out->data);
+        }
+        BN_free(bn);
+    }
     return pub;
 }
 
@@ -193,153 +148,113 @@ Bytes Sign(const testpki::Key &key, uint32_t aoid, const Bytes &message) {
     return sig;
 }
 
-// Runs the whole verification sequence; the return code of the first step
-// that fails, else of Final, with the verdict in *valid.
-uint32_t Verify(const PublicKey &key, uint32_t aoid, const Bytes &message, const Bytes &sig,
-                uint32_t *valid) {
+// The whole sequence, the message fed in two pieces; the verdict, or -1 when
+// a step failed.
+int Verify(const PublicKey &key, uint32_t aoid, const Bytes &message, const Bytes &sig) {
     DorvexCryptoVerifyCtx *ctx = nullptr;
-    uint32_t rc = DorvexCryptoVerifyCreateCtx(&ctx);
-    if (rc == DORVEX_OK) {
-        rc = DorvexCryptoVerifyInit(ctx, &key.exponent, &key.modulus, aoid);
-    }
-    // In two pieces, to see that Update accumulates.
-    size_t half = message.size() / 2;
-    if (rc == DORVEX_OK) {
-        rc = DorvexCryptoVerifyUpdate(ctx, message.data(), static_cast<uint32_t>(half));
-    }
-    if (rc == DORVEX_OK) {
-        rc = DorvexCryptoVerifyUpdate(ctx, message.data() + half,
-                                      static_cast<uint32_t>(message.size() - half));
-    }
-    if (rc == DORVEX_OK) {
-        rc = DorvexCryptoVerifyFinal(ctx, sig.data(), static_cast<uint32_t>(sig.size()), valid);
-    }
+    const auto half = static_cast<uint32_t>(message.size() / 2);
+    uint32_t valid = 7;
+    const bool ok =
+        DorvexCryptoVerifyCreateCtx(&ctx) == DORVEX_OK &&
+        DorvexCryptoVerifyInit(ctx, &key.exponent, &key.modulus, aoid) == DORVEX_OK &&
+        DorvexCryptoVerifyUpdate(ctx, message.data(), half) == DORVEX_OK &&
+        DorvexCryptoVerifyUpdate(ctx, message.data() + half,
+                                 static_cast<uint32_t>(message.size() - half)) == DORVEX_OK &&
+        DorvexCryptoVerifyFinal(ctx, sig.data(), static_cast<uint32_t>(sig.size()), &valid) ==
+            DORVEX_OK;
     DorvexCryptoVerifyDestroyCtx(ctx);
-    return rc;
+    EXPECT_EQ(valid, ok ? valid % 2 : 7u);
+    return ok ? static_cast<int>(valid) : -1;
 }
 
 TEST(ProviderVerify, SignaturesByKeyAndDigest) {
     const testpki::Key leaf = testpki::LoadTestKey("leaf-2048");
     const testpki::Key root = testpki::LoadTestKey("root-4096");
-    const PublicKey leafPub = PublicOf(leaf), rootPub = PublicOf(root);
-    const PublicKey otherPub = PublicOf(testpki::LoadTestKey("other-2048"));
-    ASSERT_EQ(leafPub.modulus.len, 256u);
-    ASSERT_EQ(rootPub.modulus.len, 512u);
-    // Each row changes the signature, the message or the key before checking.
-    using Change = void (*)(Bytes & sig, Bytes & msg, bool &otherKey);
-    struct Row {
-        const char *name;
-        Change change;
-        uint32_t valid;
-    };
-    const Row rows[] = {
-        {"as signed", [](Bytes &, Bytes &, bool &) {}, 1},
-        {"first byte flipped", [](Bytes &sig, Bytes &, bool &) { sig.front() ^= 0x01; }, 0},
-        {"last byte flipped", [](Bytes &sig, Bytes &, bool &) { sig.back() ^= 0x80; }, 0},
-        {"a byte too many", [](Bytes &sig, Bytes &, bool &) { sig.push_back(0); }, 0},
-        {"another message", [](Bytes &, Bytes &msg, bool &) { msg.back() ^= 0x20; }, 0},
-        {"another key", [](Bytes &, Bytes &, bool &otherKey) { otherKey = true; }, 0},
-    };
-    const Bytes message = Text("checksum file contents\n");
-    for (const auto *signer : {&leaf, &root}) {
-        const PublicKey &pub = signer == &leaf ? leafPub : rootPub;
+    const PublicKey other = PublicOf(testpki::LoadTestKey("other-2048"));
+    const Bytes message = {'s', 'u', 'm', 's', '\n'};
+    for (const testpki::Key *signer : {&leaf, &root}) {
+        const PublicKey pub = PublicOf(*signer);
+        ASSERT_EQ(pub.modulus.len, signer == &leaf ? 256u : 512u);
         for (uint32_t aoid : {kSha256, kSha384, kSha512}) {
             const Bytes good = Sign(*signer, aoid, message);
-            for (const auto &r : rows) {
-                Bytes sig = good, msg = message;
-                bool otherKey = false;
-                r.change(sig, msg, otherKey);
-                const PublicKey *key = otherKey ? &otherPub : &pub;
-                uint32_t valid = 7;
-                EXPECT_EQ(Verify(*key, aoid, msg, sig, &valid), DORVEX_OK) << r.name;
-                EXPECT_EQ(valid, r.valid)
-                    << r.name << ", " << pub.modulus.len << " bytes, " << aoid;
-            }
+            Bytes first = good, last = good, longer = good, otherMsg = message;
+            first.front() ^= 0x01;
+            last.back() ^= 0x80;
+            longer.push_back(0);
+            otherMsg.back() ^= 0x20;
+            const std::string where = std::to_string(pub.modulus.len) + "/" + std::to_string(aoid);
+            EXPECT_EQ(Verify(pub, aoid, message, good), 1) << where;
+            EXPECT_EQ(Verify(pub, aoid, message, first), 0) << where;
+            EXPECT_EQ(Verify(pub, aoid, message, last), 0) << where;
+            EXPECT_EQ(Verify(pub, aoid, message, longer), 0) << where;
+            EXPECT_EQ(Verify(pub, aoid, otherMsg, good), 0) << where;
+            EXPECT_EQ(Verify(other, aoid, message, good), 0) << where;
         }
     }
 }
 
 TEST(ProviderVerify, ShortSignaturesArePaddedBack) {
-    // Messages "short signature N" whose deterministic PKCS #1 v1.5
-    // signature under leaf-2048 starts with `zeros` zero bytes (found by
-    // searching N once).
-    struct Row {
-        const char *name;
+    // Messages "short signature N" whose PKCS #1 v1.5 signature under
+    // leaf-2048 starts with `zeros` zero bytes (N found by a search once).
+    const struct {
         uint32_t aoid;
         int counter;
         size_t zeros;
-    };
-    const Row rows[] = {
-        {"SHA-256, 255 bytes", kSha256, 572, 1}, {"SHA-256, 254 bytes", kSha256, 5440, 2},
-        {"SHA-384, 255 bytes", kSha384, 204, 1}, {"SHA-384, 254 bytes", kSha384, 1018, 2},
-        {"SHA-512, 255 bytes", kSha512, 321, 1}, {"SHA-512, 254 bytes", kSha512, 47505, 2},
-    };
+    } rows[] = {{kSha256, 572, 1},  {kSha256, 5440, 2}, {kSha384, 204, 1},
+                {kSha384, 1018, 2}, {kSha512, 321, 1},  {kSha512, 47505, 2}};
     const testpki::Key leaf = testpki::LoadTestKey("leaf-2048");
     const PublicKey pub = PublicOf(leaf);
     for (const auto &r : rows) {
-        const Bytes message = Text("short signature " + std::to_string(r.counter));
+        const std::string text = "short signature " + std::to_string(r.counter);
+        const Bytes message(text.begin(), text.end());
         const Bytes full = Sign(leaf, r.aoid, message);
-        ASSERT_EQ(full.size(), 256u) << r.name;
-        size_t leading = 0;
-        while (leading < full.size() && full[leading] == 0) {
-            ++leading;
-        }
-        ASSERT_EQ(leading, r.zeros) << r.name;
+        ASSERT_EQ(
+            std::find_if(full.begin(), full.end(), [](uint8_t b) { return b != 0; }) - full.begin(),
+            static_cast<long>(r.zeros))
+            << text;
         const Bytes cut(full.begin() + static_cast<long>(r.zeros), full.end());
-        uint32_t valid = 7;
-        EXPECT_EQ(Verify(pub, r.aoid, message, full, &valid), DORVEX_OK) << r.name;
-        EXPECT_EQ(valid, 1u) << r.name << ": unchanged";
-        valid = 7;
-        EXPECT_EQ(Verify(pub, r.aoid, message, cut, &valid), DORVEX_OK) << r.name;
-        EXPECT_EQ(valid, 1u) << r.name << ": cut";
-
-        // OpenSSL alone refuses the cut signature: the padding is what makes it pass.
+        EXPECT_EQ(Verify(pub, r.aoid, message, full), 1) << text;
+        EXPECT_EQ(Verify(pub, r.aoid, message, cut), 1) << text;
+        // OpenSSL alone refuses the cut signature: the padding makes it pass.
         EVP_MD_CTX *ctx = EVP_MD_CTX_new();
         ASSERT_EQ(EVP_DigestVerifyInit(ctx, nullptr, OpensslMd(r.aoid), nullptr, leaf.get()), 1);
-        EXPECT_NE(EVP_DigestVerify(ctx, cut.data(), cut.size(), message.data(), message.size()), 1)
-            << r.name;
+        EXPECT_NE(EVP_DigestVerify(ctx, cut.data(), cut.size(), message.data(), message.size()), 1);
         EVP_MD_CTX_free(ctx);
     }
 }
 
 TEST(ProviderVerify, Refusals) {
     const PublicKey pub = PublicOf(testpki::LoadTestKey("leaf-2048"));
-    // A 4104-bit modulus has 513 bytes, one more than the record holds.
-    PublicKey big = PublicOf(testpki::LoadTestKey("rsa-4104"));
-    ASSERT_EQ(big.modulus.len, 513u);
-    struct Row {
-        const char *name;
+    const PublicKey big = PublicOf(testpki::LoadTestKey("rsa-4104"));
+    ASSERT_EQ(big.modulus.len, 513u);  // one more than the record holds
+    const struct {
         const PublicKey *key;
         uint32_t aoid;
         const char *log;
+    } rows[] = {
+        {&pub, 0, "Failed to get algo handler."},
+        {&pub, 63, "Failed to get algo handler."},  // signature id instead of digest id
+        {&pub, 46, "Failed to get algo handler."},
+        {&big, kSha256, "Failed to build rsa public key."},
     };
-    const Row rows[] = {
-        {"SHA-1 is no digest here", &pub, 0, "Failed to get algo handler."},
-        {"signature id instead of digest id", &pub, 63, "Failed to get algo handler."},
-        {"id past SHA-512", &pub, 46, "Failed to get algo handler."},
-        {"modulus of 513 bytes", &big, kSha256, "Failed to build rsa public key."},
-    };
+    uint8_t sig[256] = {};
+    uint32_t valid = 7;
     for (const auto &r : rows) {
         vt_test::ClearSyslog();
         DorvexCryptoVerifyCtx *ctx = nullptr;
         ASSERT_EQ(DorvexCryptoVerifyCreateCtx(&ctx), DORVEX_OK);
         EXPECT_EQ(DorvexCryptoVerifyInit(ctx, &r.key->exponent, &r.key->modulus, r.aoid),
                   DORVEX_FAIL)
-            << r.name;
-        EXPECT_TRUE(Logged("DorvexCryptoVerifyInit", r.log)) << r.name;
+            << r.aoid;
+        EXPECT_TRUE(Logged("DorvexCryptoVerifyInit", r.log)) << r.aoid;
         // No key is left behind, so Final refuses and leaves the verdict alone.
-        uint8_t sig[256] = {};
-        uint32_t valid = 7;
-        EXPECT_EQ(DorvexCryptoVerifyFinal(ctx, sig, sizeof(sig), &valid), DORVEX_FAIL) << r.name;
-        EXPECT_EQ(valid, 7u) << r.name;
+        EXPECT_EQ(DorvexCryptoVerifyFinal(ctx, sig, sizeof(sig), &valid), DORVEX_FAIL) << r.aoid;
         DorvexCryptoVerifyDestroyCtx(ctx);
     }
 
     DorvexCryptoVerifyCtx *ctx = nullptr;
     EXPECT_EQ(DorvexCryptoVerifyCreateCtx(nullptr), DORVEX_FAIL);
     ASSERT_EQ(DorvexCryptoVerifyCreateCtx(&ctx), DORVEX_OK);
-    uint8_t sig[256] = {};
-    uint32_t valid = 7;
     // Before Init: no digest to feed, no key to check with.
     EXPECT_EQ(DorvexCryptoVerifyUpdate(ctx, sig, 1), DORVEX_FAIL);
     EXPECT_EQ(DorvexCryptoVerifyFinal(ctx, sig, sizeof(sig), &valid), DORVEX_FAIL);

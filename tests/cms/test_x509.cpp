@@ -5,17 +5,14 @@
 
 #include <openssl/core_names.h>
 #include <openssl/x509.h>
-#include <openssl/x509v3.h>
 
 #include <ctime>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "cms/asn1/internal.h"
 #include "cms/asn1/oid.h"
 #include "tools/testpki/testpki.h"
 
@@ -24,27 +21,22 @@ namespace {
 namespace tp = testpki;
 using tp::Bytes;
 using tp::Name;
-using tp::SimpleName;
 
 Bytes Content(const DorvexAsnOcts &o) {
     return o.data == nullptr ? Bytes{} : Bytes(o.data, o.data + o.len);
 }
 
 Bytes Asn1Bytes(const ASN1_STRING *s) {
-    const uint8_t *p = ASN1_STRING_get0_data(s);
-    return Bytes(p, p + ASN1_STRING_length(s));
+    return Bytes(ASN1_STRING_get0_data(s), ASN1_STRING_get0_data(s) + ASN1_STRING_length(s));
 }
 
-int64_t OpensslSeconds(const ASN1_TIME *t) {
+// Our reading of a time against OpenSSL's.
+void ExpectTime(const DorvexAsnOcts &ours, const ASN1_TIME *t) {
     struct tm tm {};
-    EXPECT_EQ(ASN1_TIME_to_tm(t, &tm), 1);
-    return timegm(&tm);
-}
-
-int64_t Seconds(const DorvexAsnOcts &t) {
     int64_t s = -1;
-    EXPECT_EQ(DorvexConvertDatetimeToTime(&t, &s), DORVEX_OK);
-    return s;
+    EXPECT_EQ(ASN1_TIME_to_tm(t, &tm), 1);
+    EXPECT_EQ(DorvexConvertDatetimeToTime(&ours, &s), DORVEX_OK);
+    EXPECT_EQ(s, timegm(&tm));
 }
 
 std::string Render(const DorvexX509Name &name) {
@@ -65,6 +57,16 @@ Bytes BnParam(EVP_PKEY *pkey, const char *param) {
     return out;
 }
 
+// tbsCertificate / tbsCertList as OpenSSL re-encodes it.
+template <typename T>
+Bytes Tbs(int (*i2d)(T *, unsigned char **), T *x) {
+    uint8_t *tbs = nullptr;
+    const int len = i2d(x, &tbs);
+    Bytes out(tbs, tbs + len);
+    OPENSSL_free(tbs);
+    return out;
+}
+
 const tp::Credential &TestCa() {
     static const tp::Credential ca = [] {
         tp::CertSpec plan;
@@ -76,23 +78,17 @@ const tp::Credential &TestCa() {
     return ca;
 }
 
-tp::Name Cns(int n) {
-    tp::Name name;
+Name Cns(int n) {
+    Name name;
     for (int i = 0; i < n; ++i) {
         name.push_back({{"CN", "n" + std::to_string(i)}});
     }
     return name;
 }
 
-TEST(X509Items, TemplatesStayInsideTheirRecords) {
-    EXPECT_TRUE(drx_asn::ItemFits(g_itemDorvexX509Cert));
-    EXPECT_TRUE(drx_asn::ItemFits(g_itemDorvexX509Crl));
-}
-
-using Edit = void (*)(tp::CertSpec &);
 struct CertCase {
     const char *name;
-    Edit edit;
+    void (*edit)(tp::CertSpec &);
     uint32_t ret;
     uint32_t isCA = 0, keyUsage = 0, extKeyUsage = 0;
     const char *subject = "C=DE,O=Test,CN=Leaf";
@@ -104,8 +100,7 @@ const CertCase kCertCases[] = {
                                         s.extKeyUsage = tp::ExtKeyUsage{{"codeSigning"}}; },
      DORVEX_OK, 0, 0x80, DRX_EXKU_CODE_SIGNING},
     {"CA with path length", [](auto &s) { s.basicConstraints = tp::BasicConstraints{true, 2};
-                                          s.keyUsage = tp::KeyUsage::Of(0x06); },
-     DORVEX_OK, 1, 0x06},
+                                          s.keyUsage = tp::KeyUsage::Of(0x06); }, DORVEX_OK, 1, 6},
     {"no extensions", [](auto &) {}, DORVEX_OK},
     {"two-octet key usage, time stamping first",
      [](auto &s) { s.keyUsage = tp::KeyUsage::Of(0x80, 0x80);
@@ -116,9 +111,11 @@ const CertCase kCertCases[] = {
     {"sign octet on serial, generalized times",
      [](auto &s) { s.serial = {0x00, 0x8f, 0x01}; s.notBefore = tp::Gen("19491231235959Z");
                    s.notAfter = tp::Gen("20500101000000Z"); }, DORVEX_OK},
-    {"4096-bit key, ten RDNs",
-     [](auto &s) { s.subjectKey = tp::LoadTestKey("root-4096"); s.subject = Cns(10); },
-     DORVEX_OK, 0, 0, 0, "CN=n0,CN=n1,CN=n2,CN=n3,CN=n4,CN=n5,CN=n6,CN=n7,CN=n8,CN=n9"},
+    {"4096-bit key, ten RDNs, ten purposes",
+     [](auto &s) { s.subjectKey = tp::LoadTestKey("root-4096"); s.subject = Cns(10);
+                   s.extKeyUsage = tp::ExtKeyUsage{{10, "codeSigning"}}; },
+     DORVEX_OK, 0, 0, DRX_EXKU_CODE_SIGNING,
+     "CN=n0,CN=n1,CN=n2,CN=n3,CN=n4,CN=n5,CN=n6,CN=n7,CN=n8,CN=n9"},
     {"version 1", [](auto &s) { s.version = 1; }, DORVEX_ERR_ASN_SEQUENCE},
     {"eleven RDNs", [](auto &s) { s.subject = Cns(11); }, DORVEX_ERR_ASN_SETOF},
     {"eleven attributes in an RDN", [](auto &s) { s.subject = {tp::Rdn(11, {"OU", "u"})}; },
@@ -147,7 +144,7 @@ TEST(X509Cert, DecodesWhatOpensslReports) {
         DorvexX509Cert *cert = nullptr;
         uint32_t consumed = 0;
         ASSERT_EQ(
-            DorvexX509DecodeCert(der.data(), static_cast<uint32_t>(der.size()), &cert, &consumed),
+            DorvexX509DecodeCert(der.data(), static_cast<uint32_t>(size + 2), &cert, &consumed),
             c.ret);
         if (c.ret != DORVEX_OK) {
             EXPECT_EQ(cert, nullptr);
@@ -159,16 +156,13 @@ TEST(X509Cert, DecodesWhatOpensslReports) {
         der.resize(size);
         const tp::Cert ossl = tp::Cert::FromDer(der);
         X509 *x = ossl.get();
-        uint8_t *tbs = nullptr;
-        const int tbsLen = i2d_re_X509_tbs(x, &tbs);
-        EXPECT_EQ(Content(cert->tbsRaw), Bytes(tbs, tbs + tbsLen));
-        OPENSSL_free(tbs);
+        EXPECT_EQ(Content(cert->tbsRaw), Tbs(i2d_re_X509_tbs, x));
         const DorvexX509CertInfo &info = cert->certInfo;
         EXPECT_EQ(Content(info.serialNumber), Asn1Bytes(X509_get0_serialNumber(x)));
         EXPECT_EQ(Render(info.issuer), "C=DE,O=Test,CN=Test CA");
         EXPECT_EQ(Render(info.subject), c.subject);
-        EXPECT_EQ(Seconds(info.validity.notBefore), OpensslSeconds(X509_get0_notBefore(x)));
-        EXPECT_EQ(Seconds(info.validity.notAfter), OpensslSeconds(X509_get0_notAfter(x)));
+        ExpectTime(info.validity.notBefore, X509_get0_notBefore(x));
+        ExpectTime(info.validity.notAfter, X509_get0_notAfter(x));
         const DorvexRsaPublicKey &key = info.subjectPublicKeyInfo.subjectPublicKey;
         EXPECT_EQ(Content(key.modulus), BnParam(X509_get0_pubkey(x), OSSL_PKEY_PARAM_RSA_N));
         EXPECT_EQ(Content(key.publicExponent), BnParam(X509_get0_pubkey(x), OSSL_PKEY_PARAM_RSA_E));
@@ -183,16 +177,19 @@ TEST(X509Cert, DecodesWhatOpensslReports) {
     }
 }
 
-TEST(X509Cert, IndependentRecordsAndReferences) {
+TEST(X509Cert, TruncationsReferencesAndArguments) {
     const Bytes der = TestCa().cert.Der();
     const auto size = static_cast<uint32_t>(der.size());
-    DorvexX509Cert *a = nullptr;
-    DorvexX509Cert *b = nullptr;
+    DorvexX509Cert *a = nullptr, *b = nullptr;
     uint32_t consumed = 0;
+    for (uint32_t n = 1; n < size; n += 7) {  // every truncation fails cleanly
+        const Bytes cut(der.begin(), der.begin() + n);
+        EXPECT_NE(DorvexX509DecodeCert(cut.data(), n, &a, &consumed), DORVEX_OK) << n;
+        EXPECT_EQ(a, nullptr);
+    }
     ASSERT_EQ(DorvexX509DecodeCert(der.data(), size, &a, &consumed), DORVEX_OK);
     ASSERT_EQ(DorvexX509DecodeCert(der.data(), size, &b, &consumed), DORVEX_OK);
     EXPECT_NE(a, b);
-    EXPECT_EQ(b->refCount, 1);
     EXPECT_EQ(b->certInfo.extensions.isCA, 1u);
     a->refCount = 2;  // a second holder
     DorvexX509FreeCert(a);
@@ -209,13 +206,6 @@ TEST(X509Cert, IndependentRecordsAndReferences) {
     EXPECT_EQ(crl, nullptr);
 }
 
-using CrlEdit = void (*)(tp::CrlSpec &);
-struct CrlCase {
-    const char *name;
-    CrlEdit edit;
-    uint32_t ret;
-};
-
 std::vector<tp::RevokedEntry> Revoked(int n) {
     std::vector<tp::RevokedEntry> out;
     for (int i = 0; i < n; ++i) {
@@ -225,13 +215,16 @@ std::vector<tp::RevokedEntry> Revoked(int n) {
     return out;
 }
 
-tp::IssuingDistPoint Idp(std::optional<std::string> uri, bool user, bool ca, bool indirect,
-                         bool attribute) {
-    return {std::move(uri), user, ca, indirect, attribute, true};
+tp::IssuingDistPoint Idp(const char *uri, bool user, bool ca, bool indirect, bool attribute) {
+    return {uri ? std::optional<std::string>(uri) : std::nullopt, user, ca, indirect, attribute};
 }
 
 // clang-format off
-const CrlCase kCrlCases[] = {
+const struct CrlCase {
+    const char *name;
+    void (*edit)(tp::CrlSpec &);
+    uint32_t ret;
+} kCrlCases[] = {
     {"entries with and without reasons",
      [](auto &s) { s.revoked = {{{0x10}, tp::Utc("250101000000Z"), 1},
                                 {{0x00, 0x90}, tp::Gen("20500101000000Z"), {}},
@@ -241,9 +234,9 @@ const CrlCase kCrlCases[] = {
      [](auto &s) { s.issuingDistPoint = Idp("http://a.test/c.crl", false, false, true, false); },
      DORVEX_OK},
     {"only user certificates",
-     [](auto &s) { s.issuingDistPoint = Idp({}, true, false, false, false); }, DORVEX_OK},
+     [](auto &s) { s.issuingDistPoint = Idp(nullptr, true, false, false, false); }, DORVEX_OK},
     {"only CA and attribute certificates",
-     [](auto &s) { s.issuingDistPoint = Idp({}, false, true, false, true); }, DORVEX_OK},
+     [](auto &s) { s.issuingDistPoint = Idp(nullptr, false, true, false, true); }, DORVEX_OK},
     {"twenty entries", [](auto &s) { s.revoked = Revoked(20); }, DORVEX_OK},
     {"twenty-one entries", [](auto &s) { s.revoked = Revoked(21); }, DORVEX_ERR_ASN_SEQUENCE},
     {"version 1", [](auto &s) { s.version = 1; }, DORVEX_ERR_ASN_TAG},
@@ -273,23 +266,19 @@ TEST(X509Crl, DecodesWhatOpensslReports) {
         const uint8_t *p = der.data();
         tp::X509CrlPtr x(d2i_X509_CRL(nullptr, &p, static_cast<long>(der.size())));
         ASSERT_NE(x, nullptr);
-        uint8_t *tbs = nullptr;
-        const int tbsLen = i2d_re_X509_CRL_tbs(x.get(), &tbs);
-        EXPECT_EQ(Content(crl->tbsRaw), Bytes(tbs, tbs + tbsLen));
-        OPENSSL_free(tbs);
+        EXPECT_EQ(Content(crl->tbsRaw), Tbs(i2d_re_X509_CRL_tbs, x.get()));
         const DorvexX509CrlInfo &info = crl->crlInfo;
         EXPECT_EQ(info.version, 1);
         EXPECT_EQ(Render(info.issuer), "C=DE,O=Test,CN=Test CA");
-        EXPECT_EQ(Seconds(info.thisUpdate), OpensslSeconds(X509_CRL_get0_lastUpdate(x.get())));
-        EXPECT_EQ(Seconds(info.nextUpdate), OpensslSeconds(X509_CRL_get0_nextUpdate(x.get())));
-        const STACK_OF(X509_REVOKED) *revoked = X509_CRL_get_REVOKED(x.get());
+        ExpectTime(info.thisUpdate, X509_CRL_get0_lastUpdate(x.get()));
+        ExpectTime(info.nextUpdate, X509_CRL_get0_nextUpdate(x.get()));
         ASSERT_EQ(info.revokedCertificates.count, plan.revoked.size());
         for (uint32_t i = 0; i < info.revokedCertificates.count; ++i) {
             const DorvexX509RevokeEntry &e = info.revokedCertificates.entries[i];
-            const X509_REVOKED *r = sk_X509_REVOKED_value(revoked, static_cast<int>(i));
+            const X509_REVOKED *r =
+                sk_X509_REVOKED_value(X509_CRL_get_REVOKED(x.get()), static_cast<int>(i));
             EXPECT_EQ(Content(e.userCertificate), Asn1Bytes(X509_REVOKED_get0_serialNumber(r)));
-            EXPECT_EQ(Seconds(e.revocationDate),
-                      OpensslSeconds(X509_REVOKED_get0_revocationDate(r)));
+            ExpectTime(e.revocationDate, X509_REVOKED_get0_revocationDate(r));
             EXPECT_EQ(e.crlEntryExtensions.reasonCode, plan.revoked[i].reason.value_or(0));
         }
         const DorvexX509IssuingDistPoint &idp = info.crlExtensions.issuingDistPoint;
@@ -319,60 +308,45 @@ struct NamedCert {
                   DORVEX_OK);
     }
     ~NamedCert() { DorvexX509FreeCert(cert); }
-    tp::Bytes der;
+    Bytes der;
     DorvexX509Cert *cert = nullptr;
 };
-
-size_t Count(const std::string &text, const std::string &what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
-        ++n;
-    }
-    return n;
-}
 
 std::string S(char c, size_t n) {
     return std::string(n, c);
 }
 
 TEST(X509Name, Render) {
-    struct Case {
+    const std::string warning =
+        "(InternalGetMaxAttrLen):attribute name too long, which is invalid.(err:880004ff)";
+    const struct {
         const char *name;
         Name in;
         uint32_t ret;
         std::string out = {};
         size_t warnings = 0;
-    };
-    // clang-format off
-    const Case cases[] = {
-        {"encoded order", SimpleName({{"C", "DE"}, {"O", "Org"}, {"OU", "Unit"}, {"CN", "Leaf"}}),
-         DORVEX_OK, "C=DE,O=Org,OU=Unit,CN=Leaf"},
-        {"every prefix",
-         SimpleName({{"L", "l"}, {"ST", "s"}, {"emailAddress", "e@x"},
-                     {"1.2.840.113549.1.9.4", "x"}}),
-         DORVEX_OK, "L=l,S=s,E=e@x,X=x"},
+    } cases[] = {
+        // clang-format off
+        {"encoded order, every prefix", tp::SimpleName({{"C", "DE"}, {"O", "Org"}, {"OU", "Unit"},
+            {"CN", "Leaf"}, {"L", "l"}, {"ST", "s"}, {"emailAddress", "e@x"},
+            {"1.2.840.113549.1.9.4", "x"}}), DORVEX_OK, "C=DE,O=Org,OU=Unit,CN=Leaf,L=l,S=s,E=e@x,X=x"},
         // DER sorts the attributes of an RDN: the shorter encoding comes first.
-        {"no escaping, multi-valued RDN", {{{"CN", "a,b=c"}, {"O", "+"}}}, DORVEX_OK,
-         "O=+,CN=a,b=c"},
+        {"no escaping, multi-valued RDN", {{{"CN", "a,b=c"}, {"O", "+"}}}, DORVEX_OK, "O=+,CN=a,b=c"},
         {"empty name", {}, DORVEX_OK, ""},
         {"zero byte ends the value", {{{"CN", std::string("ab\0cd", 5)}}}, DORVEX_OK, "CN=ab"},
         {"124 bytes fit", {{{"CN", S('a', 124)}}}, DORVEX_OK, "CN=" + S('a', 124)},
         {"125 bytes are cut", {{{"CN", S('a', 125)}}}, DORVEX_OK, "CN=" + S('a', 124), 1},
         {"two-letter prefix leaves 125", {{{"O", S('o', 130)}}}, DORVEX_OK, "O=" + S('o', 125), 1},
         // 126 + 1 + 52 = 179 used. CN (79) would pass 255, so the E that
-        // follows it in the same RDN (72, encoded as long, sorted after) goes
-        // too; the next RDN still fits.
-        {"full name skips the rest of an RDN",
-         {{{"CN", S('a', 123)}}, {{"O", S('b', 50)}},
-          {{"CN", S('c', 76)}, {"emailAddress", S('e', 70)}},
-          {{"C", "DE", tp::StrType::Printable}}},
+        // follows it in the same RDN goes too; the next RDN still fits.
+        {"full name skips the rest of an RDN", {{{"CN", S('a', 123)}}, {{"O", S('b', 50)}},
+            {{"CN", S('c', 76)}, {"emailAddress", S('e', 70)}}, {{"C", "DE", tp::StrType::Printable}}},
          DORVEX_OK, "CN=" + S('a', 123) + ",O=" + S('b', 50) + ",C=DE"},
         {"serialNumber attribute", {{{"CN", "a"}}, {{"serialNumber", "1"}}}, DORVEX_ERR_NAME_ATTR},
-        {"domainComponent attribute", {{{"DC", "test", tp::StrType::Ia5}}},
-         DORVEX_ERR_NAME_ATTR},
+        {"domainComponent attribute", {{{"DC", "test", tp::StrType::Ia5}}}, DORVEX_ERR_NAME_ATTR},
+        // clang-format on
     };
-    // clang-format on
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         NamedCert cert(c.in, c.in);
         char *str = nullptr;
@@ -381,16 +355,13 @@ TEST(X509Name, Render) {
         const uint32_t ret = DorvexConvertFromX509Name(&cert.cert->certInfo.subject, &str, &len);
         const std::string console = testing::internal::GetCapturedStdout();
         ASSERT_EQ(ret, c.ret);
-        EXPECT_EQ(Count(console,
-                        "(InternalGetMaxAttrLen):attribute name too long, which is "
-                        "invalid.(err:880004ff)"),
-                  c.warnings);
-        if (ret != DORVEX_OK) {
-            EXPECT_EQ(str, nullptr);
-            continue;
+        size_t warnings = 0;
+        for (size_t at = console.find(warning); at != std::string::npos;
+             at = console.find(warning, at + 1)) {
+            ++warnings;
         }
-        ASSERT_NE(str, nullptr);
-        EXPECT_EQ(std::string(str), c.out);
+        EXPECT_EQ(warnings, c.warnings);
+        EXPECT_EQ(str != nullptr ? std::string(str, len) : "-", ret == DORVEX_OK ? c.out : "-");
         EXPECT_EQ(len, c.out.size());
         DorvexFree(str);
     }
@@ -399,31 +370,29 @@ TEST(X509Name, Render) {
 
 TEST(X509Name, Compare) {
     using tp::StrType;
-    const Name base = SimpleName({{"C", "DE"}, {"CN", "Leaf"}});
-    struct Case {
+    const Name base = tp::SimpleName({{"C", "DE"}, {"CN", "Leaf"}});
+    const struct {
         const char *name;
         Name other;
         int32_t result;
-    };
-    // clang-format off
-    const Case cases[] = {
+    } cases[] = {
         {"same", base, 0},
         {"other string type, same bytes",
-         {{{"C", "DE", StrType::Utf8}}, {{"CN", "Leaf", StrType::Printable}}}, 0},
+         {{{"C", "DE", StrType::Utf8}}, {{"CN", "Leaf", StrType::Printable}}},
+         0},
         {"second attribute of an RDN differs",
-         {{{"C", "DE", StrType::Printable}, {"O", "Other"}}, {{"CN", "Leaf"}}}, 0},
-        {"case differs", SimpleName({{"C", "DE"}, {"CN", "leaf"}}), -1},
-        {"type differs", SimpleName({{"C", "DE"}, {"O", "Leaf"}}), -1},
-        {"one RDN more", SimpleName({{"C", "DE"}, {"CN", "Leaf"}, {"O", "x"}}), -1},
-        {"order differs", SimpleName({{"CN", "Leaf"}, {"C", "DE"}}), -1},
+         {{{"C", "DE", StrType::Printable}, {"O", "Other"}}, {{"CN", "Leaf"}}},
+         0},
+        {"case differs", tp::SimpleName({{"C", "DE"}, {"CN", "leaf"}}), -1},
+        {"type differs", tp::SimpleName({{"C", "DE"}, {"O", "Leaf"}}), -1},
+        {"one RDN more", tp::SimpleName({{"C", "DE"}, {"CN", "Leaf"}, {"O", "x"}}), -1},
+        {"order differs", tp::SimpleName({{"CN", "Leaf"}, {"C", "DE"}}), -1},
     };
-    // clang-format on
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto &c : cases) {
         NamedCert named(base, c.other);
         const DorvexX509CertInfo &info = named.cert->certInfo;
-        EXPECT_EQ(DorvexCompareX509Name(&info.subject, &info.issuer), c.result);
-        EXPECT_EQ(DorvexCompareX509Name(&info.issuer, &info.subject), c.result);
+        EXPECT_EQ(DorvexCompareX509Name(&info.subject, &info.issuer), c.result) << c.name;
+        EXPECT_EQ(DorvexCompareX509Name(&info.issuer, &info.subject), c.result) << c.name;
     }
     const DorvexX509Name empty{};
     EXPECT_EQ(DorvexCompareX509Name(&empty, &empty), 0);
@@ -432,43 +401,33 @@ TEST(X509Name, Compare) {
 
 TEST(X509Time, Convert) {
     constexpr uint32_t kUtc = DRX_ASN_UTC_TIME, kGen = DRX_ASN_GENERALIZED_TIME;
-    struct Case {
-        const char *name;
+    const struct {
         uint32_t tag;
         std::string text;
-        uint32_t ret;
+        bool ok;
+    } cases[] = {
+        // clang-format off
+        {kUtc, "491231235959Z", true}, {kUtc, "500101000000Z", true}, {kUtc, "000229120000Z", true},
+        {kGen, "99991231235959Z", true}, {kGen, "20250101000000.5Z", false},
+        {kUtc, "250101000000+0100", false}, {kUtc, "2501010000Z", false},
+        {kUtc, "20250101000000Z", false}, {kGen, "250101000000Z", false},
+        {4, "250101000000Z", false}, {kUtc, "", false},
+        // clang-format on
     };
-    // clang-format off
-    const Case cases[] = {
-        {"last UTCTime year", kUtc, "491231235959Z", DORVEX_OK},
-        {"first UTCTime year", kUtc, "500101000000Z", DORVEX_OK},
-        {"leap day", kUtc, "000229120000Z", DORVEX_OK},
-        {"generalized 2050", kGen, "20500101000000Z", DORVEX_OK},
-        {"generalized before 1950", kGen, "19491231235959Z", DORVEX_OK},
-        {"generalized 9999", kGen, "99991231235959Z", DORVEX_OK},
-        {"fractional seconds (17)", kGen, "20250101000000.5Z", DORVEX_ERR_TIME_FORMAT},
-        {"UTCTime with offset (17)", kUtc, "250101000000+0100", DORVEX_ERR_TIME_FORMAT},
-        {"UTCTime without seconds", kUtc, "2501010000Z", DORVEX_ERR_TIME_FORMAT},
-        {"generalized length as UTCTime", kUtc, "20250101000000Z", DORVEX_ERR_TIME_FORMAT},
-        {"UTCTime length as generalized", kGen, "250101000000Z", DORVEX_ERR_TIME_FORMAT},
-        {"not a time tag", 4, "250101000000Z", DORVEX_ERR_TIME_FORMAT},
-        {"empty", kUtc, "", DORVEX_ERR_TIME_FORMAT},
-    };
-    // clang-format on
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto &c : cases) {
         const auto *text =
             c.text.empty() ? nullptr : reinterpret_cast<const uint8_t *>(c.text.data());
         const DorvexAsnOcts t{static_cast<uint32_t>(c.text.size()), 0, 0, c.tag, text};
-        int64_t seconds = 0;
+        std::unique_ptr<ASN1_TIME, tp::Deleter<ASN1_TIME_free>> ref(ASN1_TIME_new());
         testing::internal::CaptureStdout();  // refusals are logged
-        EXPECT_EQ(DorvexConvertDatetimeToTime(&t, &seconds), c.ret);
-        testing::internal::GetCapturedStdout();
-        if (c.ret == DORVEX_OK) {
-            std::unique_ptr<ASN1_TIME, tp::Deleter<ASN1_TIME_free>> ref(ASN1_TIME_new());
+        if (c.ok) {
             ASSERT_EQ(ASN1_TIME_set_string(ref.get(), c.text.c_str()), 1);
-            EXPECT_EQ(seconds, OpensslSeconds(ref.get()));
+            ExpectTime(t, ref.get());
+        } else {
+            int64_t seconds = 0;
+            EXPECT_EQ(DorvexConvertDatetimeToTime(&t, &seconds), DORVEX_ERR_TIME_FORMAT) << c.text;
         }
+        testing::internal::GetCapturedStdout();
     }
     DorvexDatetime dt{};
     EXPECT_EQ(DorvexConvertFromTime(nullptr, &dt), DORVEX_ERR_PARAM);
