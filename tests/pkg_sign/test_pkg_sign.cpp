@@ -1,0 +1,356 @@
+// pkg_sign end to end: the real program as a subprocess, with certificates
+// from the test-PKI generator under the demo root this build trusts. Packages
+// it makes are checked by the real (sandboxed) verify_tool; timestamp replies
+// come from `openssl ts -reply` or from pkg_sign's own local TSA.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/tool/tool_runner.h"
+#include "tools/testpki/testpki.h"
+
+extern char **environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const testpki::DemoPki &Pki() {
+    static const testpki::DemoPki pki = testpki::MakeDemoPki();
+    return pki;
+}
+
+std::string Key(const char *name) {
+    return (testpki::DefaultKeyDir() / (std::string(name) + ".pem")).string();
+}
+
+std::string ReadText(const fs::path &file) {
+    std::ifstream in(file, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+struct Outcome {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+// A scratch folder holding the demo PKI, a checksum file and an openssl TSA
+// configuration; removed with the fixture.
+class PkgSignTest : public testing::Test {
+  public:
+    void SetUp() override {
+        char pattern[] = "/tmp/vt_pkg_sign_XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        dir_ = pattern;
+        testpki::WriteDemoPki(Pki(), dir_);
+        testpki::WriteFile(dir_ / "sums", testpki::DemoChecksums());
+        testpki::WriteFile(dir_ / "crls+ca.pem",
+                           ReadText(dir_ / "crls.pem") + ReadText(dir_ / "ca.pem"));
+        testpki::WriteFile(dir_ / "tsa-serial", std::string_view("01\n"));
+        testpki::WriteFile(dir_ / "openssl.cnf",
+                           "[ tsa ]\ndefault_tsa = tsa_config\n[ tsa_config ]\n"
+                           "serial = " +
+                               P("tsa-serial") + "\nsigner_cert = " + P("tsa.pem") +
+                               "\nsigner_key = " + Key("tsa-2048") +
+                               "\nsigner_digest = sha256\ndefault_policy = 1.2.3.4.1\n"
+                               "digests = sha256, sha384, sha512\ness_cert_id_alg = sha256\n");
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    std::string P(const std::string &name) const { return (dir_ / name).string(); }
+
+    Outcome Spawn(std::vector<std::string> argv) const {
+        Outcome run;
+        const std::string outFile = P("stdout.txt");
+        const std::string errFile = P("stderr.txt");
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+        posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0600);
+        std::vector<char *> args;
+        for (auto &a : argv) {
+            args.push_back(a.data());
+        }
+        args.push_back(nullptr);
+        pid_t pid;
+        if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ) == 0) {
+            int status = 0;
+            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+            }
+            run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+        run.out = ReadText(outFile);
+        run.err = ReadText(errFile);
+        return run;
+    }
+    Outcome PkgSign(std::vector<std::string> args) const {
+        args.insert(args.begin(), VT_PKG_SIGN);
+        return Spawn(std::move(args));
+    }
+    Outcome Openssl(std::vector<std::string> args) const {
+        args.insert(args.begin(), VT_OPENSSL);
+        return Spawn(std::move(args));
+    }
+
+    // sign: the demo leaf, with the intermediate CA embedded.
+    Outcome Sign(const std::string &out, const std::string &md,
+                 std::vector<std::string> extra = {}) {
+        std::vector<std::string> args = {
+            "sign", "--key",   Key("leaf-2048"), "--cert", P("leaf.pem"), "--chain", P("ca.pem"),
+            "--in", P("sums"), "--out",          P(out),   "--md",        md};
+        args.insert(args.end(), extra.begin(), extra.end());
+        return PkgSign(args);
+    }
+    Outcome OpensslReply(const std::string &tsq, const std::string &tsr) {
+        return Openssl(
+            {"ts", "-reply", "-config", P("openssl.cnf"), "-queryfile", P(tsq), "-out", P(tsr)});
+    }
+    Outcome LocalTsa(std::vector<std::string> input, const std::string &tsr) {
+        std::vector<std::string> args = {"local-tsa", "--key",      Key("tsa-2048"),
+                                         "--cert",    P("tsa.pem"), "--out",
+                                         P(tsr),      "--time",     "20261101120000Z"};
+        args.insert(args.end(), input.begin(), input.end());
+        return PkgSign(args);
+    }
+    // Writes a certificate issued by the demo CA for `key`.
+    std::string EndEntity(const std::string &name, const char *key,
+                          std::vector<std::string> purposes,
+                          uint8_t usage = testpki::ku::kDigitalSignature) {
+        testpki::CertSpec plan;
+        plan.subjectKey = testpki::Key::LoadPem(Key(key));
+        plan.issuer = Pki().ca;
+        plan.subject = testpki::SimpleName({{"CN", name}});
+        plan.serial = {0x20, static_cast<uint8_t>(name.size())};
+        plan.basicConstraints = testpki::BasicConstraints{false, {}, true};
+        plan.keyUsage = testpki::KeyUsage::Of(usage);
+        plan.extKeyUsage = testpki::ExtKeyUsage{std::move(purposes), true};
+        testpki::WriteFile(dir_ / (name + ".pem"),
+                           testpki::ToPem(testpki::kPemCertificate, IssueCert(plan).Der()));
+        return P(name + ".pem");
+    }
+
+    fs::path dir_;
+};
+
+// ---- packages that verify ---------------------------------------------------
+
+enum class Stamp { OpensslReply, LocalTsaQuery, LocalTsaSig };
+
+struct FlowCase {
+    const char *name;
+    const char *md;
+    bool pem;
+    Stamp stamp;
+};
+
+const FlowCase kFlows[] = {
+    {"sha256_openssl_reply", "sha256", false, Stamp::OpensslReply},
+    {"sha384_openssl_reply_pem", "sha384", true, Stamp::OpensslReply},
+    {"sha512_openssl_reply", "sha512", false, Stamp::OpensslReply},
+    {"sha256_local_tsa_query_pem", "sha256", true, Stamp::LocalTsaQuery},
+    {"sha512_local_tsa_signature", "sha512", false, Stamp::LocalTsaSig},
+};
+
+void PrintTo(const FlowCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
+class FlowTest : public PkgSignTest, public testing::WithParamInterface<FlowCase> {};
+
+TEST_P(FlowTest, VerifyToolAcceptsThePackage) {
+    const FlowCase &c = GetParam();
+    ASSERT_EQ(Sign("sig.der", c.md, {"--tsq", P("sig.tsq")}).status, 0);
+    Outcome stamp = c.stamp == Stamp::OpensslReply ? OpensslReply("sig.tsq", "sig.tsr")
+                    : c.stamp == Stamp::LocalTsaQuery
+                        ? LocalTsa({"--tsq", P("sig.tsq")}, "sig.tsr")
+                        : LocalTsa({"--sig", P("sig.der")}, "sig.tsr");
+    ASSERT_EQ(stamp.status, 0) << stamp.err;
+    std::vector<std::string> add = {"add-timestamp", "--sig", P("sig.der"),  "--tsr",
+                                    P("sig.tsr"),    "--out", P("final.p7s")};
+    if (c.pem) {
+        add.push_back("--pem");
+    }
+    const Outcome added = PkgSign(add);
+    ASSERT_EQ(added.status, 0) << added.err;
+    EXPECT_EQ(ReadText(dir_ / "final.p7s").rfind("-----BEGIN CMS-----", 0) == 0, c.pem);
+
+    const auto verify = [&](const char *content) {
+        return vt_test::RunTool({"-f", "CHECK_PKG_INTEGRITY", "-h", P("final.p7s"), "-e",
+                                 P(content), "-c", P("crls+ca.pem")});
+    };
+    const vt_test::ToolRun ok = verify("sums");
+    EXPECT_EQ(ok.exitStatus, 0) << ok.stdoutText;
+    // The unstamped signature is what verify_tool refuses: no token.
+    fs::copy_file(dir_ / "sig.der", dir_ / "final.p7s", fs::copy_options::overwrite_existing);
+    EXPECT_EQ(verify("sums").exitStatus, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(PkgSign, FlowTest, testing::ValuesIn(kFlows),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// ---- refusals ---------------------------------------------------------------
+
+struct RefusalCase {
+    const char *name;
+    std::function<Outcome(PkgSignTest &)> run;
+    const char *message;
+};
+
+void PrintTo(const RefusalCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
+class RefusalTest : public PkgSignTest, public testing::WithParamInterface<RefusalCase> {};
+
+Outcome SignWith(PkgSignTest &r, const std::string &key, const std::string &cert) {
+    return r.PkgSign(
+        {"sign", "--key", key, "--cert", cert, "--in", r.P("sums"), "--out", r.P("out.p7s")});
+}
+
+// A signature of sums and a granted reply for another signature.
+Outcome AddForeignReply(PkgSignTest &r) {
+    r.Sign("a.der", "sha256");
+    testpki::WriteFile(r.P("sums"), std::string_view("other content\n"));
+    r.Sign("b.der", "sha256", {"--tsq", r.P("b.tsq")});
+    r.OpensslReply("b.tsq", "b.tsr");
+    return r.PkgSign(
+        {"add-timestamp", "--sig", r.P("a.der"), "--tsr", r.P("b.tsr"), "--out", r.P("out.p7s")});
+}
+
+// openssl's TSA rejects a SHA-1 query (its digests are SHA-2 only).
+Outcome AddRejection(PkgSignTest &r) {
+    r.Sign("a.der", "sha256");
+    r.Openssl({"ts", "-query", "-data", r.P("sums"), "-sha1", "-cert", "-out", r.P("a.tsq")});
+    r.OpensslReply("a.tsq", "a.tsr");
+    return r.PkgSign(
+        {"add-timestamp", "--sig", r.P("a.der"), "--tsr", r.P("a.tsr"), "--out", r.P("out.p7s")});
+}
+
+const RefusalCase kRefusals[] = {
+    {"three_certificates",
+     [](PkgSignTest &r) {
+         return r.Sign("out.p7s", "sha256", {"--chain", r.P("root.pem")});
+     },
+     "would carry 3 certificates; verify_tool takes at most two"},
+    {"sha1", [](PkgSignTest &r) { return r.Sign("out.p7s", "sha1"); },
+     "digest sha1 is not accepted by verify_tool"},
+    {"ec_key",
+     [](PkgSignTest &r) {
+         return SignWith(r, Key("ec-p256"), r.EndEntity("ec", "ec-p256", {"codeSigning"}));
+     },
+     "the signer key is not an RSA key (EC)"},
+    {"key_of_another_certificate",
+     [](PkgSignTest &r) { return SignWith(r, Key("other-2048"), r.P("leaf.pem")); },
+     "does not belong to the certificate"},
+    {"signer_without_code_signing",
+     [](PkgSignTest &r) {
+         return SignWith(r, Key("leaf-2048"), r.EndEntity("server", "leaf-2048", {"serverAuth"}));
+     },
+     "the signer certificate's first extended key usage is not codeSigning"},
+    {"code_signing_not_first",
+     [](PkgSignTest &r) {
+         return SignWith(r, Key("leaf-2048"),
+                         r.EndEntity("second", "leaf-2048", {"timeStamping", "codeSigning"}));
+     },
+     "the signer certificate's first extended key usage is not codeSigning"},
+    {"signer_without_digital_signature",
+     [](PkgSignTest &r) {
+         return SignWith(
+             r, Key("leaf-2048"),
+             r.EndEntity("nonrep", "leaf-2048", {"codeSigning"}, testpki::ku::kNonRepudiation));
+     },
+     "the signer certificate's key usage lacks digitalSignature"},
+    {"tsa_without_time_stamping",
+     [](PkgSignTest &r) {
+         r.Sign("a.der", "sha256");
+         return r.PkgSign({"local-tsa", "--key", Key("tsa-2048"), "--cert",
+                           r.EndEntity("tsa-cs", "tsa-2048", {"codeSigning"}), "--sig",
+                           r.P("a.der"), "--out", r.P("out.p7s")});
+     },
+     "the TSA certificate's first extended key usage is not timeStamping"},
+    {"reply_for_another_signature", AddForeignReply, "the time-stamp reply stamps something else"},
+    {"reply_not_granted", AddRejection,
+     "the time-stamp reply is not granted: status rejection, badAlg"},
+};
+
+TEST_P(RefusalTest, ExitsOneWithItsMessageAndWritesNothing) {
+    const RefusalCase &c = GetParam();
+    const Outcome run = c.run(*this);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+    EXPECT_FALSE(fs::exists(dir_ / "out.p7s"));
+}
+
+INSTANTIATE_TEST_SUITE_P(PkgSign, RefusalTest, testing::ValuesIn(kRefusals),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// ---- command line -----------------------------------------------------------
+
+struct UsageCase {
+    const char *name;
+    std::vector<std::string> args;
+    int status;
+    const char *message;
+};
+
+const UsageCase kUsage[] = {
+    {"no_command", {}, 2, "no command given"},
+    {"unknown_command", {"verify"}, 2, "unknown command 'verify'"},
+    {"missing_out", {"sign", "--key", "k", "--cert", "c", "--in", "i"}, 2, "missing --out"},
+    {"unknown_option", {"add-timestamp", "--sig", "s", "--tsa", "t"}, 2, "unknown option --tsa"},
+    {"value_missing", {"sign", "--key"}, 2, "--key needs a value"},
+    {"option_twice", {"sign", "--in", "a", "--in", "b"}, 2, "--in given twice"},
+    {"tsq_and_sig",
+     {"local-tsa", "--key", "k", "--cert", "c", "--tsq", "q", "--sig", "s", "--out", "o"},
+     2,
+     "either --tsq or --sig"},
+    {"bad_time",
+     {"local-tsa", "--key", "k", "--cert", "c", "--tsq", "q", "--out", "o", "--time",
+      "20261301000000Z"},
+     2,
+     "--time takes YYYYMMDDHHMMSSZ"},
+    {"unreadable_key",
+     {"sign", "--key", "/nonexistent", "--cert", "c", "--in", "i", "--out", "o"},
+     1,
+     "cannot open /nonexistent"},
+};
+
+void PrintTo(const UsageCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
+class UsageTest : public PkgSignTest, public testing::WithParamInterface<UsageCase> {};
+
+TEST_P(UsageTest, ExitStatusAndMessage) {
+    const UsageCase &c = GetParam();
+    const Outcome run = PkgSign(c.args);
+    EXPECT_EQ(run.status, c.status);
+    EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(PkgSign, UsageTest, testing::ValuesIn(kUsage),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+TEST_F(PkgSignTest, HelpPrintsUsageAndSucceeds) {
+    const Outcome run = PkgSign({"--help"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out.rfind("Usage: pkg_sign sign", 0), 0u) << run.out;
+}
+
+}  // namespace
