@@ -768,7 +768,7 @@ void EmbedToken(CMS_SignerInfo *info, std::span<const uint8_t> tokenDer) {
 
 // ---- command line -----------------------------------------------------------
 
-struct OptionSpec {
+struct OptionDef {
     std::string_view name;  // without "--"
     bool takesValue;
     bool repeatable;
@@ -776,7 +776,7 @@ struct OptionSpec {
 
 class Options {
   public:
-    Options(std::span<char *const> args, std::span<const OptionSpec> specs) {
+    Options(std::span<char *const> args, std::span<const OptionDef> defs) {
         for (size_t i = 0; i < args.size(); ++i) {
             std::string_view arg = args[i];
             if (arg.substr(0, 2) != "--") {
@@ -788,22 +788,22 @@ class Options {
                 value = std::string(arg.substr(eq + 1));
                 arg = arg.substr(0, eq);
             }
-            const auto spec = std::find_if(specs.begin(), specs.end(),
-                                           [&](const OptionSpec &s) { return s.name == arg; });
-            if (spec == specs.end()) {
+            const auto def = std::find_if(defs.begin(), defs.end(),
+                                          [&](const OptionDef &s) { return s.name == arg; });
+            if (def == defs.end()) {
                 throw UsageError("unknown option --" + std::string(arg));
             }
-            if (!spec->takesValue && value) {
+            if (!def->takesValue && value) {
                 throw UsageError("--" + std::string(arg) + " takes no value");
             }
-            if (spec->takesValue && !value) {
+            if (def->takesValue && !value) {
                 if (i + 1 >= args.size()) {
                     throw UsageError("--" + std::string(arg) + " needs a value");
                 }
                 value = args[++i];
             }
             auto &slot = values_[std::string(arg)];
-            if (!slot.empty() && !spec->repeatable) {
+            if (!slot.empty() && !def->repeatable) {
                 throw UsageError("--" + std::string(arg) + " given twice");
             }
             slot.push_back(value.value_or(""));
@@ -836,7 +836,7 @@ class Options {
 
 // ---- commands ---------------------------------------------------------------
 
-constexpr OptionSpec kSignOptions[] = {
+constexpr OptionDef kSignOptions[] = {
     {"key", true, false}, {"cert", true, false}, {"chain", true, true}, {"in", true, false},
     {"out", true, false}, {"pem", false, false}, {"md", true, false},   {"tsq", true, false},
 };
@@ -882,7 +882,7 @@ int Sign(const Options &opts) {
     return PKG_SIGN_EXIT_OK;
 }
 
-constexpr OptionSpec kAddTimestampOptions[] = {
+constexpr OptionDef kAddTimestampOptions[] = {
     {"sig", true, false},
     {"tsr", true, false},
     {"out", true, false},
@@ -927,7 +927,7 @@ int AddTimestamp(const Options &opts) {
     return PKG_SIGN_EXIT_OK;
 }
 
-constexpr OptionSpec kLocalTsaOptions[] = {
+constexpr OptionDef kLocalTsaOptions[] = {
     {"key", true, false},  {"cert", true, false}, {"chain", true, true},
     {"tsq", true, false},  {"sig", true, false},  {"out", true, false},
     {"time", true, false}, {"md", true, false},   {"policy", true, false},
@@ -1035,7 +1035,7 @@ int LocalTsa(const Options &opts) {
 
 struct Command {
     std::string_view name;
-    std::span<const OptionSpec> options;
+    std::span<const OptionDef> options;
     int (*run)(const Options &);
 };
 constexpr Command kCommands[] = {
