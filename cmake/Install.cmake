@@ -55,11 +55,12 @@ set(CPACK_PACKAGE_VENDOR "verify_tool developers")
 set(CPACK_PACKAGE_CONTACT "verify_tool developers")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "package-signature verifier with its CMS verification library")
-set(CPACK_PACKAGE_DESCRIPTION
-    "verify_tool checks a package's checksum file against a detached CMS signature with an RFC 3161 "
-    "timestamp, a built-in root certificate and a CRL file, before an upgrade installs the package. "
-    "Also crl_info, and the static libraries with headers, pkg-config file and CMake package.")
-string(JOIN "" CPACK_PACKAGE_DESCRIPTION ${CPACK_PACKAGE_DESCRIPTION})
+# Lines of the long description; CPack indents them for the control file.
+string(JOIN "\n" CPACK_PACKAGE_DESCRIPTION
+    "verify_tool checks a package's checksum file against a detached CMS"
+    "signature with an RFC 3161 timestamp, its built-in root certificate and a"
+    "CRL file, before an upgrade installs the package. Also crl_info, and the"
+    "static libraries with headers, pkg-config file and CMake package.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_GENERATOR DEB)

@@ -14,6 +14,10 @@
 
 extern char **environ;
 
+#ifndef VT_TOOL_EMULATOR
+#define VT_TOOL_EMULATOR ""
+#endif
+
 namespace vt_test {
 namespace {
 
@@ -71,9 +75,16 @@ ToolRun RunTool(const std::vector<std::string> &args) {
     }
     envp.push_back(nullptr);
 
-    std::string program = VT_SANDBOXED_TOOL;
-    std::vector<std::string> argvStore = {program};
+    // A cross-built tool runs under the same emulator as the tests (words
+    // separated by spaces, the first an absolute path).
+    std::vector<std::string> argvStore;
+    std::istringstream emulator(VT_TOOL_EMULATOR);
+    for (std::string word; emulator >> word;) {
+        argvStore.push_back(word);
+    }
+    argvStore.push_back(VT_SANDBOXED_TOOL);
     argvStore.insert(argvStore.end(), args.begin(), args.end());
+    const std::string program = argvStore.front();
     std::vector<char *> argv;
     for (auto &a : argvStore) {
         argv.push_back(a.data());
