@@ -264,9 +264,7 @@ TEST(Intake, RecordsOutliveTheCallersBytesAndHoldOneStoreReference) {
     EXPECT_EQ(Counts(full.get()), 10);
 }
 
-// Files, and the material serving path verification: root by memory, CA and
-// CRLs by a CRL file, the leaf as PEM, judged at the context's time.
-TEST(Intake, FilesAndPathVerification) {
+TEST(Intake, Files) {
     char templ[] = "/tmp/intake-XXXXXX";
     ASSERT_NE(mkdtemp(templ), nullptr);
     const std::filesystem::path dir = templ;
@@ -303,34 +301,6 @@ TEST(Intake, FilesAndPathVerification) {
         EXPECT_EQ(Counts(ctx.get()), r.counts) << r.file << r.crl;
     }
 
-    const struct {
-        bool withCrls;
-        const char *when;
-        uint32_t expect;
-    } paths[] = {
-        {true, "250601000000Z", DORVEX_OK},
-        {true, "400601000000Z", DORVEX_ERR_CERT_EXPIRED},  // the leaf has expired
-        {false, "250601000000Z", DORVEX_ERR_NO_CRL},
-    };
-    const Bytes &root = Pki().root.cert.Der(), &ca = Pki().ca.cert.Der();
-    const Bytes leafPem = Text(CertPem(Pki().leaf));
-    for (const auto &r : paths) {
-        CtxPtr ctx = NewCtx();
-        ASSERT_EQ(DorvexVerifyAddCert(ctx.get(), root.data(), root.size()), DORVEX_OK);
-        ASSERT_EQ(r.withCrls ? DorvexVerifyAddCrlFile(ctx.get(), (dir / "crls.der").c_str())
-                             : DorvexVerifyAddCert(ctx.get(), ca.data(), ca.size()),
-                  DORVEX_OK);
-        ASSERT_EQ(DorvexVerifyAddCert(ctx.get(), leafPem.data(), leafPem.size()), DORVEX_OK);
-        ASSERT_EQ(ctx->pki->certs.count, 3);
-        ctx->verifyTime = tp::EpochOf(tp::Utc(r.when));
-        uint32_t valid = 7;
-        EXPECT_EQ(
-            DorvexPkiVerifyCert(ctx.get(), static_cast<DorvexX509Cert *>(ctx->pki->certs.items[2]),
-                                1, 0, &valid),
-            r.expect)
-            << r.when;
-        EXPECT_EQ(valid, r.expect == DORVEX_OK ? 1u : 0u);
-    }
     std::filesystem::remove_all(dir);
 }
 
