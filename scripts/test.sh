@@ -11,7 +11,7 @@ jobs=$(nproc)
 log() { printf '\n=== %s\n' "$*"; }
 
 need=(cmake ninja-build g++ libssl-dev libgtest-dev clang clang-format libclang-rt-14-dev
-      libbenchmark-dev openssl)
+      libbenchmark-dev openssl valgrind)
 missing=()
 for p in "${need[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -54,6 +54,11 @@ else
     echo "no private mount namespace here: checking the exit status on the host's /dev/shm"
     sh -c "$smoke"
 fi
+
+# The product binary under memcheck on every end-to-end case of the demo
+# package: no memory error, nothing definitely or indirectly lost.
+log "valgrind"
+scripts/valgrind.sh build
 
 build_and_test build-asan -DCMAKE_BUILD_TYPE=Debug -DVT_SANITIZE=ON
 
