@@ -202,10 +202,10 @@ void NameTags(std::span<const uint8_t> der, const Path &path, const std::string 
               std::vector<Unexamined> &out) {
     const Range whole = Field(der, path);
     size_t rdn = whole.begin + HeaderLen(der, whole.begin);
-    for (int r = 0; rdn < whole.end; ++r, rdn = ElementAt(der, rdn).end) {
+    for (; rdn < whole.end; rdn = ElementAt(der, rdn).end) {
         const Range set = ElementAt(der, rdn);
         size_t attr = set.begin + HeaderLen(der, set.begin);
-        for (int a = 0; attr < set.end; ++a, attr = ElementAt(der, attr).end) {
+        for (; attr < set.end; attr = ElementAt(der, attr).end) {
             const size_t type = attr + HeaderLen(der, attr);
             const size_t value = ElementAt(der, type).end;
             out.push_back({name + " type tag", {type, type + 1}});
@@ -214,10 +214,9 @@ void NameTags(std::span<const uint8_t> der, const Path &path, const std::string 
     }
 }
 
-// A certificate's outer signatureAlgorithm { algorithm, NULL } and
-// signatureValue, at `path`.
-// The same for a CRL, whose CertificateList has the same three parts; `base`
-// is the offset of `der` in the file.
+// The unsigned tail of the certificate or CRL at `path`: the outer
+// signatureAlgorithm { algorithm, NULL } and signatureValue. `base` is the
+// offset of `der` in the file.
 void CertTail(std::span<const uint8_t> der, const Path &path, const std::string &name,
               std::vector<Unexamined> &out, size_t base = 0) {
     const size_t oid = base + Field(der, Join(path, {1, 0})).begin;
@@ -363,6 +362,36 @@ size_t CrlStep() {
 
 TEST(ByteFlip, DemoPackageVerifies) {
     EXPECT_TRUE(Verifies(Signature(), CrlFile()));
+}
+
+// The listed fields must not reach into what the signatures cover or what
+// selects a certificate, or the sweep would excuse a real fault.
+TEST(ByteFlip, UnexaminedFieldsStayOutsideCheckedBytes) {
+    const std::span<const uint8_t> sig(Signature());
+    const Path token = {1, 0, 4, 0, 6, 0, 1, 0};
+    const std::pair<const char *, Path> checked[] = {
+        {"leaf tbsCertificate", {1, 0, 3, 0, 0}},
+        {"signer serial number", {1, 0, 4, 0, 1, 1}},
+        {"signer signedAttrs", {1, 0, 4, 0, 3}},
+        {"signer signature value", {1, 0, 4, 0, 5}},
+        {"TSTInfo", Join(token, {1, 0, 2, 1, 0})},
+        {"TSA tbsCertificate", Join(token, {1, 0, 3, 0, 0})},
+        {"token signer serial number", Join(token, {1, 0, 4, 0, 1, 1})},
+        {"token signer signedAttrs", Join(token, {1, 0, 4, 0, 3})},
+    };
+    const auto fields = UnexaminedFields(sig);
+    EXPECT_GT(fields.size(), 20u);
+    for (const Unexamined &f : fields) {
+        EXPECT_LT(f.range.begin, f.range.end) << f.name;
+        EXPECT_LE(f.range.end, sig.size()) << f.name;
+        for (const auto &[name, path] : checked) {
+            const Range c = Field(sig, path);
+            // The element's own tag octet may be listed, nothing inside it.
+            const Range inside{c.begin + 1, c.end};
+            EXPECT_FALSE(f.range.begin < inside.end && inside.begin < f.range.end)
+                << f.name << " overlaps " << name;
+        }
+    }
 }
 
 TEST(ByteFlip, EverySignatureByteInverted) {
