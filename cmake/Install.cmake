@@ -24,7 +24,7 @@ install(TARGETS cms cms_pki cms_asn1 cms_adapt dbglog platform vt_warnings
     INCLUDES DESTINATION ${VT_INSTALL_INCLUDEDIR})
 
 set(VT_PUBLIC_HEADERS
-    cms/dorvex.h cms/dorvex_errno.h cms/vrf_ctx.h
+    cms/dorvex.h cms/dorvex_errno.h cms/vrf_ctx.h cms/asn1/list.h
     dbglog/dbglog.h dbglog/zeb_sys.h
     platform/securec.h platform/lzeb_mem.h platform/lzeb_file.h platform/lzeb_exec.h
     platform/rbtree.h)

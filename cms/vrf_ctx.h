@@ -1,4 +1,4 @@
-// Verify context of the CMS library and the fixed-capacity list it embeds.
+// Verify context of the CMS library.
 //
 // Kept apart from dorvex.h so that the PKI store and path verification can
 // see the context's layout without pulling in the whole public interface.
@@ -7,23 +7,14 @@
 
 #include <stdint.h>
 
+#include "cms/asn1/list.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-// Capacity of every DorvexList; there is no growth.
-#define DORVEX_LIST_CAPACITY 16
-
 // Value of DorvexVrfCtx.size for a live context.
 #define DORVEX_VRF_CTX_SIZE 384u
-
-// DorvexList: the library's only collection. `count` items in `items[0..count)`;
-// the list does not own its items (whoever empties it says how to free them).
-// Embedded in its owner's record, empty when zeroed.
-typedef struct DorvexList {
-    int32_t count;
-    void *items[DORVEX_LIST_CAPACITY];
-} DorvexList;
 
 struct DorvexPkiStore;
 

@@ -16,7 +16,7 @@
 
 #include "cms/asn1/asn1.h"
 #include "cms/asn1/x509.h"
-#include "cms/vrf_ctx.h"
+#include "cms/asn1/list.h"
 
 #ifdef __cplusplus
 extern "C" {
