@@ -15,11 +15,14 @@ set(CMAKE_CXX_COMPILER ${VT_CROSS_TRIPLE}-g++)
 # /usr/lib/aarch64-linux-gnu beside the host's, not in a separate sysroot.
 set(CMAKE_LIBRARY_ARCHITECTURE ${VT_CROSS_TRIPLE})
 
-# The C library of the cross toolchain; qemu looks up the program's dynamic
-# loader and the libraries it opens there first, then on the host.
-set(VT_CROSS_SYSROOT /usr/${VT_CROSS_TRIPLE})
+# Test programs run against the arm64 multiarch C library (libc6:arm64, the
+# loader /lib/ld-linux-aarch64.so.1), the same place the libraries they load
+# come from. Not "-L /usr/aarch64-linux-gnu": that loader, of the cross
+# toolchain's glibc build, finds the multiarch libc.so.6 first in its search
+# path (/lib/aarch64-linux-gnu), and with that mixed pair new threads hang. "-L /" also keeps
+# qemu from a default prefix (/etc/qemu-binfmt/aarch64) that points there.
 find_program(VT_QEMU_AARCH64 qemu-aarch64 REQUIRED)
-set(CMAKE_CROSSCOMPILING_EMULATOR ${VT_QEMU_AARCH64} -L ${VT_CROSS_SYSROOT})
+set(CMAKE_CROSSCOMPILING_EMULATOR ${VT_QEMU_AARCH64} -L /)
 
 # pkg-config is the host's program, but must describe the arm64 libraries:
 # FindOpenSSL takes its library directory from it.

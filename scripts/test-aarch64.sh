@@ -24,7 +24,8 @@ missing_packages() {
 }
 
 host=(cmake ninja-build g++-aarch64-linux-gnu qemu-user pkg-config)
-target=(libssl-dev:arm64 libgtest-dev:arm64 libbenchmark-dev:arm64)
+# libc6 and libstdc++6 of arm64 are what the test programs run against.
+target=(libc6:arm64 libstdc++6:arm64 libssl-dev:arm64 libgtest-dev:arm64 libbenchmark-dev:arm64)
 mapfile -t missing < <(missing_packages "${host[@]}" "${target[@]}")
 if ((${#missing[@]})); then
     log "installing ${missing[*]}"
