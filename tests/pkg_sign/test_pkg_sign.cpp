@@ -101,6 +101,13 @@ class PkgSignTest : public testing::Test {
     }
     Outcome PkgSign(std::vector<std::string> args) const {
         args.insert(args.begin(), VT_PKG_SIGN);
+        // A cross-built pkg_sign runs under the tests' emulator (words, or empty).
+        std::istringstream emulator(VT_TOOL_EMULATOR);
+        std::vector<std::string> prefix;
+        for (std::string word; emulator >> word;) {
+            prefix.push_back(word);
+        }
+        args.insert(args.begin(), prefix.begin(), prefix.end());
         return Spawn(std::move(args));
     }
     Outcome Openssl(std::vector<std::string> args) const {
