@@ -122,4 +122,21 @@ TEST(Repro, KeyExponentAsTheRulesReadIt) {
     }
 }
 
+// A CRL without nextUpdate, whose extensions follow thisUpdate: nextUpdate
+// is required and taken with any tag, so it holds the [0] extensions
+// element; that is no time, so the CRL can never be chosen.
+TEST(Repro, CrlExtensionsTakenAsNextUpdate) {
+    const Bytes in = Read(fs::path(VT_REPRO_DIR) / "crl-without-next-update.der");
+    DorvexX509Crl *crl = nullptr;
+    uint32_t consumed = 0;
+    ASSERT_EQ(DorvexX509DecodeCrl(in.data(), static_cast<uint32_t>(in.size()), &crl, &consumed),
+              DORVEX_OK);
+    const DorvexAsnOcts &next = crl->crlInfo.nextUpdate;
+    EXPECT_EQ(next.tagClass, DRX_ASN_CLASS_CONTEXT);
+    EXPECT_EQ(next.tagCode, 0u);
+    int64_t seconds = 0;
+    EXPECT_NE(DorvexConvertDatetimeToTime(&next, &seconds), DORVEX_OK);
+    DorvexX509FreeCrl(crl);
+}
+
 }  // namespace
