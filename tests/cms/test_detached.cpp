@@ -116,16 +116,16 @@ tp::Package Armoured(tp::Armour armour) {
 
 // A code-signing leaf of the demo CA with other dates, stamped at genTime.
 tp::Package LeafAt(const char *notBefore, const char *notAfter, const char *genTime) {
-    tp::CertSpec spec;
-    spec.subjectKey = Pki().leaf.key;
-    spec.issuer = Pki().ca;
-    spec.subject = tp::SimpleName({{"CN", "Short-lived Code Signing"}});
-    spec.serial = {0x10, 0x05};
-    spec.notBefore = tp::Utc(notBefore);
-    spec.notAfter = tp::Utc(notAfter);
-    spec.keyUsage = tp::KeyUsage::Of(tp::ku::kDigitalSignature);
-    spec.extKeyUsage = tp::ExtKeyUsage{{"codeSigning"}, true};
-    const tp::Credential leaf = tp::IssueCredential(spec);
+    tp::CertSpec plan;
+    plan.subjectKey = Pki().leaf.key;
+    plan.issuer = Pki().ca;
+    plan.subject = tp::SimpleName({{"CN", "Short-lived Code Signing"}});
+    plan.serial = {0x10, 0x05};
+    plan.notBefore = tp::Utc(notBefore);
+    plan.notAfter = tp::Utc(notAfter);
+    plan.keyUsage = tp::KeyUsage::Of(tp::ku::kDigitalSignature);
+    plan.extKeyUsage = tp::ExtKeyUsage{{"codeSigning"}, true};
+    const tp::Credential leaf = tp::IssueCredential(plan);
     return Signed([&](tp::SignSpec &p) {
         p.signer = leaf;
         p.certs[0] = leaf.cert;
@@ -136,12 +136,12 @@ tp::Package LeafAt(const char *notBefore, const char *notAfter, const char *genT
 // The CA's CRL with these entries, or with other dates.
 Bytes CaCrl(std::vector<tp::RevokedEntry> revoked, const char *thisUpdate = "240601000000Z",
             const char *nextUpdate = "491231235959Z") {
-    tp::CrlSpec spec;
-    spec.issuer = Pki().ca;
-    spec.revoked = std::move(revoked);
-    spec.thisUpdate = tp::Utc(thisUpdate);
-    spec.nextUpdate = tp::Utc(nextUpdate);
-    return tp::MakeCrl(spec);
+    tp::CrlSpec plan;
+    plan.issuer = Pki().ca;
+    plan.revoked = std::move(revoked);
+    plan.thisUpdate = tp::Utc(thisUpdate);
+    plan.nextUpdate = tp::Utc(nextUpdate);
+    return tp::MakeCrl(plan);
 }
 const Bytes kLeafSerial = {0x10, 0x01};
 const Bytes kTsaSerial = {0x10, 0x02};

@@ -142,8 +142,8 @@ TEST(PkiStore, FindCrlIssuerSkipsUnfitCandidates) {
     noKeyUsage.keyUsage.reset();
     const Credential signer = testpki::IssueCredential(CaSpec("CA", root));
     DorvexX509Crl *crl = store.AddCrl(Crl(signer));
-    for (const CertSpec *spec : {&noCrlSign, &otherKey, &noKeyUsage}) {
-        store.Add(testpki::IssueCert(*spec).Der());
+    for (const CertSpec *plan : {&noCrlSign, &otherKey, &noKeyUsage}) {
+        store.Add(testpki::IssueCert(*plan).Der());
     }
     store.Add(root);
     EXPECT_EQ(DorvexPkiFindCrlIssuer(&store.ctx, crl), nullptr);
