@@ -15,9 +15,16 @@
 #include "cms/asn1/pkcs7.h"
 #include "cms/asn1/pubkey.h"
 #include "cms/internal.h"
+#include "cms/owned.h"
 #include "cms/pki/pki.h"
 
 namespace {
+
+using drx::BufferPtr;
+using drx::MdCtxPtr;
+using drx::MdInfoPtr;
+using drx::SignedPtr;
+using drx::VerifyCtxPtr;
 
 constexpr std::string_view kPemBegin = "-----BEGIN";
 constexpr std::string_view kPemCmsHeader = "-----BEGIN CMS-----";
@@ -27,31 +34,6 @@ constexpr std::string_view kPemPkcs7Footer = "-----END PKCS7-----";
 
 // First key-usage octet: digitalSignature.
 constexpr uint32_t kDrxKuDigitalSignature = 0x80;
-
-struct BufferFree {
-    void operator()(uint8_t *p) const { DorvexFree(p); }
-};
-using BufferPtr = std::unique_ptr<uint8_t, BufferFree>;
-
-struct SignedFree {
-    void operator()(DorvexPkcs7Content *c) const { DorvexPkcs7FreeSigned(c); }
-};
-using SignedPtr = std::unique_ptr<DorvexPkcs7Content, SignedFree>;
-
-struct MdInfoFree {
-    void operator()(DorvexMdInfo *m) const { InternalFreeMdInfo(m); }
-};
-using MdInfoPtr = std::unique_ptr<DorvexMdInfo, MdInfoFree>;
-
-struct MdCtxFree {
-    void operator()(DorvexMdCtx *c) const { DorvexMdDestoryCtx(c); }
-};
-using MdCtxPtr = std::unique_ptr<DorvexMdCtx, MdCtxFree>;
-
-struct VerifyCtxFree {
-    void operator()(DorvexCryptoVerifyCtx *c) const { DorvexCryptoVerifyDestroyCtx(c); }
-};
-using VerifyCtxPtr = std::unique_ptr<DorvexCryptoVerifyCtx, VerifyCtxFree>;
 
 struct FileClose {
     void operator()(FILE *f) const { (void)DorvexFileClose(f); }

@@ -12,9 +12,14 @@
 #include "cms/adapt/adapt.h"
 #include "cms/asn1/pubkey.h"
 #include "cms/internal.h"
+#include "cms/owned.h"
 #include "cms/pki/pki.h"
 
 namespace {
+
+using drx::BufferPtr;
+using drx::CertPtr;
+using drx::CrlPtr;
 
 constexpr std::string_view kPemBegin = "-----BEGIN";
 constexpr std::string_view kPemEnd = "-----END";
@@ -27,21 +32,6 @@ constexpr std::string_view kPemCrlFooter = "-----END X509 CRL-----";
 // Trailing bytes of a DER stream that decode as nothing are ignored when
 // there are fewer than this (padding, a stray line break); more are an error.
 constexpr uint32_t kDrxIgnoredTailMax = 33;
-
-struct BufferFree {
-    void operator()(uint8_t *p) const { DorvexFree(p); }
-};
-using BufferPtr = std::unique_ptr<uint8_t, BufferFree>;
-
-struct CertFree {
-    void operator()(DorvexX509Cert *c) const { DorvexX509FreeCert(c); }
-};
-using CertPtr = std::unique_ptr<DorvexX509Cert, CertFree>;
-
-struct CrlFree {
-    void operator()(DorvexX509Crl *c) const { DorvexX509FreeCrl(c); }
-};
-using CrlPtr = std::unique_ptr<DorvexX509Crl, CrlFree>;
 
 // Local collections of the intake; whatever they still hold loses this
 // reference on every exit, so only what the store took stays alive.

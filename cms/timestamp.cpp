@@ -12,14 +12,12 @@
 #include "cms/asn1/pkcs7.h"
 #include "cms/asn1/pubkey.h"
 #include "cms/internal.h"
+#include "cms/owned.h"
 #include "cms/pki/pki.h"
 
 namespace {
 
-struct SignedFree {
-    void operator()(DorvexPkcs7Content *c) const { DorvexPkcs7FreeSigned(c); }
-};
-using SignedPtr = std::unique_ptr<DorvexPkcs7Content, SignedFree>;
+using drx::SignedPtr;
 
 // A record of DorvexAsnDecode, released against its item.
 template <const DorvexAsnItem *Item>
