@@ -218,12 +218,15 @@ void DiffCrl(const uint8_t *data, size_t size) {
         SameName(info.issuer, X509_CRL_get_issuer(theirs.get()), "the CRL issuer");
         SameTime(info.thisUpdate, X509_CRL_get0_lastUpdate(theirs.get()), "thisUpdate");
         const ASN1_TIME *next = X509_CRL_get0_nextUpdate(theirs.get());
-        if (next != nullptr || IsTime(info.nextUpdate)) {
-            SameTime(info.nextUpdate, next, "nextUpdate");
+        if (next == nullptr && !IsTime(info.nextUpdate)) {
+            // nextUpdate is required here and taken with any tag, so the
+            // element after thisUpdate fills it where OpenSSL sees none and
+            // the fields after it are read one place on; such a CRL is
+            // never used (tests/hardening/repro/crl-*-next-update.der).
+            DorvexX509FreeCrl(ours);
+            return;
         }
-        // else: nextUpdate is required here and taken with any tag, so the
-        // element after thisUpdate fills it where OpenSSL sees none; such a
-        // CRL is never used (tests/hardening/repro/crl-without-next-update.der).
+        SameTime(info.nextUpdate, next, "nextUpdate");
         STACK_OF(X509_REVOKED) *revoked = X509_CRL_get_REVOKED(theirs.get());
         const int count = revoked == nullptr ? 0 : sk_X509_REVOKED_num(revoked);
         Same(info.revokedCertificates.count == static_cast<uint32_t>(count),

@@ -122,21 +122,34 @@ TEST(Repro, KeyExponentAsTheRulesReadIt) {
     }
 }
 
-// A CRL without nextUpdate, whose extensions follow thisUpdate: nextUpdate
-// is required and taken with any tag, so it holds the [0] extensions
-// element; that is no time, so the CRL can never be chosen.
-TEST(Repro, CrlExtensionsTakenAsNextUpdate) {
-    const Bytes in = Read(fs::path(VT_REPRO_DIR) / "crl-without-next-update.der");
-    DorvexX509Crl *crl = nullptr;
-    uint32_t consumed = 0;
-    ASSERT_EQ(DorvexX509DecodeCrl(in.data(), static_cast<uint32_t>(in.size()), &crl, &consumed),
-              DORVEX_OK);
-    const DorvexAsnOcts &next = crl->crlInfo.nextUpdate;
-    EXPECT_EQ(next.tagClass, DRX_ASN_CLASS_CONTEXT);
-    EXPECT_EQ(next.tagCode, 0u);
-    int64_t seconds = 0;
-    EXPECT_NE(DorvexConvertDatetimeToTime(&next, &seconds), DORVEX_OK);
-    DorvexX509FreeCrl(crl);
+// CRLs without nextUpdate: it is required and taken with any tag, so it
+// holds the element after thisUpdate (the [0] extensions, or the revoked
+// list, which then counts as absent). That is no time, so such a CRL can
+// never be chosen.
+TEST(Repro, CrlElementAfterThisUpdateTakenAsNextUpdate) {
+    const struct {
+        const char *file;
+        uint32_t tagClass;
+        uint32_t tagCode;
+    } rows[] = {
+        {"crl-without-next-update.der", DRX_ASN_CLASS_CONTEXT, 0},
+        {"crl-revoked-list-as-next-update.der", DRX_ASN_CLASS_UNIVERSAL, DRX_ASN_SEQUENCE},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.file);
+        const Bytes in = Read(fs::path(VT_REPRO_DIR) / row.file);
+        DorvexX509Crl *crl = nullptr;
+        uint32_t consumed = 0;
+        ASSERT_EQ(DorvexX509DecodeCrl(in.data(), static_cast<uint32_t>(in.size()), &crl, &consumed),
+                  DORVEX_OK);
+        const DorvexAsnOcts &next = crl->crlInfo.nextUpdate;
+        EXPECT_EQ(next.tagClass, row.tagClass);
+        EXPECT_EQ(next.tagCode, row.tagCode);
+        EXPECT_EQ(crl->crlInfo.revokedCertificates.count, 0u);
+        int64_t seconds = 0;
+        EXPECT_NE(DorvexConvertDatetimeToTime(&next, &seconds), DORVEX_OK);
+        DorvexX509FreeCrl(crl);
+    }
 }
 
 }  // namespace
