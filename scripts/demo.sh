@@ -6,7 +6,7 @@ set -euo pipefail
 
 cd "$(dirname "$0")/.."
 
-need=(cmake ninja-build g++ libssl-dev libgtest-dev libbenchmark-dev)
+need=(cmake ninja-build g++ libssl-dev libgtest-dev libbenchmark-dev pkg-config openssl)
 missing=()
 for p in "${need[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

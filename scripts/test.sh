@@ -11,7 +11,7 @@ jobs=$(nproc)
 log() { printf '\n=== %s\n' "$*"; }
 
 need=(cmake ninja-build g++ libssl-dev libgtest-dev clang clang-format libclang-rt-14-dev
-      libbenchmark-dev openssl valgrind)
+      libbenchmark-dev openssl valgrind pkg-config)
 missing=()
 for p in "${need[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
