@@ -625,8 +625,9 @@ int memset_sOptTc(void *dest, size_t destMax, int c, size_t count) {
     return MemsetError(dest, destMax, c, count);
 }
 
-// strcpy_s: 0 after copying src and its terminator.
-int strcpy_s(char *dest, size_t destMax, const char *src) {
+// The checks every string routine starts with, in this order; SEC_OK when
+// the arguments are usable.
+static int CheckStringArgs(char *dest, size_t destMax, const char *src) {
     if (SizeOutOfRange(destMax)) {
         return SEC_ERANGE;
     }
@@ -636,6 +637,14 @@ int strcpy_s(char *dest, size_t destMax, const char *src) {
     if (src == nullptr) {
         dest[0] = '\0';
         return SEC_EINVAL_RESET;
+    }
+    return SEC_OK;
+}
+
+// strcpy_s: 0 after copying src and its terminator.
+int strcpy_s(char *dest, size_t destMax, const char *src) {
+    if (int ret = CheckStringArgs(dest, destMax, src); ret != SEC_OK) {
+        return ret;
     }
     size_t srcLen = strnlen(src, destMax);
     if (srcLen == destMax) {
@@ -652,15 +661,8 @@ int strcpy_s(char *dest, size_t destMax, const char *src) {
 
 // strncpy_s: 0 after copying min(count, strlen(src)) characters and a terminator.
 int strncpy_s(char *dest, size_t destMax, const char *src, size_t count) {
-    if (SizeOutOfRange(destMax)) {
-        return SEC_ERANGE;
-    }
-    if (dest == nullptr) {
-        return SEC_EINVAL;
-    }
-    if (src == nullptr) {
-        dest[0] = '\0';
-        return SEC_EINVAL_RESET;
+    if (int ret = CheckStringArgs(dest, destMax, src); ret != SEC_OK) {
+        return ret;
     }
     if (count == 0) {
         dest[0] = '\0';
@@ -694,15 +696,8 @@ int strncpy_s(char *dest, size_t destMax, const char *src, size_t count) {
 // The region compared for overlap is dest's text plus what would be appended
 // and its terminator, against src with its terminator.
 int strcat_s(char *dest, size_t destMax, const char *src) {
-    if (SizeOutOfRange(destMax)) {
-        return SEC_ERANGE;
-    }
-    if (dest == nullptr) {
-        return SEC_EINVAL;
-    }
-    if (src == nullptr) {
-        dest[0] = '\0';
-        return SEC_EINVAL_RESET;
+    if (int ret = CheckStringArgs(dest, destMax, src); ret != SEC_OK) {
+        return ret;
     }
     size_t destLen = strnlen(dest, destMax);
     if (destLen == destMax) {
