@@ -260,10 +260,21 @@ uint32_t InternalAddSignerInfoToVerifyProcess(DorvexVrfCtx *ctx, MdInfoPtr info)
     return DORVEX_OK;
 }
 
-// InternalVerifyCms: one signer info. The timestamp comes first: its time is
-// the one at which the signer's certificate path is judged.
-uint32_t InternalVerifyCms(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signerInfo) {
-    uint32_t ret = InternalVerifyTimeStamp(ctx, signerInfo);
+bool InternalHasSignedAttrs(const DorvexPkcs7SignedInfo *signerInfo) {
+    return signerInfo->signedAttrsRaw.data != nullptr && signerInfo->signedAttrsRaw.len != 0;
+}
+
+// InternalVerifyCms: one signer info. Its form is checked first, then the
+// timestamp: its time is the one at which the signer's certificate path is
+// judged.
+uint32_t InternalVerifyCms(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signerInfo,
+                           const DorvexAsnOcts *eContentType) {
+    uint32_t ret = InternalCheckSignerForm(signerInfo, eContentType);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Signer info is not well formed.");
+        return ret;
+    }
+    ret = InternalVerifyTimeStamp(ctx, signerInfo);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to verify timestamp of signer.");
         return ret;
@@ -279,16 +290,12 @@ uint32_t InternalVerifyCms(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signe
         DORVEX_LOG_ERR(ret, "Failed to verify certificate of signer.");
         return ret;
     }
-    if (signerInfo->signedAttrs.messageDigest.len == 0) {
+    if (!InternalHasSignedAttrs(signerInfo)) {
         ret = InternalCreateVerifyHandle(ctx, signerInfo, cert);
         if (ret != DORVEX_OK) {
             DORVEX_LOG_ERR(ret, "Failed to create signature verify process.");
         }
         return ret;
-    }
-    if (signerInfo->signedAttrsRaw.data == nullptr || signerInfo->signedAttrsRaw.len == 0) {
-        DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, "Message digest without signed attributes.");
-        return DORVEX_ERR_PKCS7_DECODE;
     }
     uint32_t verified = 0;
     ret = DorvexPkcs7DetachedSignatureVerify(signerInfo, cert, &verified);
@@ -319,17 +326,23 @@ uint32_t InternalUpdateContent(DorvexVrfCtx *ctx, const char *path) {
         DORVEX_LOG_ERR(DORVEX_ERR_FILE_OPEN, "Empty file path.");
         return DORVEX_ERR_PARAM;
     }
-    FilePtr file(DorvexFileOpen(path, "rb"));
-    if (file == nullptr) {
-        DORVEX_LOG_ERR(DORVEX_ERR_FILE_OPEN, "Can't open file '%s'.", path);
-        return DORVEX_ERR_FILE_OPEN;
+    FILE *opened = nullptr;
+    uint32_t ret = DorvexFileOpenRegular(path, &opened);
+    FilePtr file(opened);
+    if (ret == DORVEX_ERR_FILE_TYPE) {
+        DORVEX_LOG_ERR(ret, "File '%s' is not a regular file.", path);
+        return ret;
+    }
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Can't open file '%s'.", path);
+        return ret;
     }
     // The pieces stay 4096 bytes; a larger stdio buffer only saves read calls
     // (one per 4 KiB would cost a tenth of the throughput on large content),
     // and memory stays constant. Without it stdio keeps its default buffer.
     setvbuf(file.get(), nullptr, _IOFBF, kContentReadBuffer);
     BufferPtr piece;
-    uint32_t ret = InternalAllocBuffer(DORVEX_CONTENT_PIECE_SIZE, &piece);
+    ret = InternalAllocBuffer(DORVEX_CONTENT_PIECE_SIZE, &piece);
     if (ret != DORVEX_OK) {
         return ret;
     }
@@ -341,7 +354,7 @@ uint32_t InternalUpdateContent(DorvexVrfCtx *ctx, const char *path) {
         }
     }
     // A read error also ends the loop; it must not pass for the end of a
-    // shorter content (a directory, for one, opens but cannot be read).
+    // shorter content.
     if (ferror(file.get()) != 0) {
         DORVEX_LOG_ERR(DORVEX_ERR_FILE_READ, "Failed to read file '%s'.", path);
         return DORVEX_ERR_FILE_READ;
@@ -415,6 +428,53 @@ struct ProcessesRelease {
 
 }  // namespace
 
+uint32_t InternalCheckSignerForm(const DorvexPkcs7SignedInfo *signerInfo,
+                                 const DorvexAsnOcts *eContentType) {
+    if (signerInfo == nullptr || eContentType == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    const int32_t digest = DorvexFindAoid(&signerInfo->digestAlgorithm.algorithm);
+    if (digest != AOID_SHA256 && digest != AOID_SHA384 && digest != AOID_SHA512) {
+        DORVEX_LOG_ERR(DORVEX_ERR_SIGN_ALG, "Digest algorithm of signer is not SHA-2.");
+        return DORVEX_ERR_SIGN_ALG;
+    }
+    // The only keys are RSA: the label may name the key alone or the key
+    // with the digest the signer declared, nothing else.
+    const DorvexX509AlgoIdentifier &label = signerInfo->signatureAlgorithm;
+    if (DorvexFindAoid(&label.algorithm) != AOID_RSAENCRYPTION &&
+        DorvexGetRsaSignHashAoid(&label) != digest) {
+        DORVEX_LOG_ERR(DORVEX_ERR_SIGN_ALG,
+                       "Signature algorithm does not fit an RSA key and the signer's digest.");
+        return DORVEX_ERR_SIGN_ALG;
+    }
+    const bool oid = eContentType->tagClass == DRX_ASN_CLASS_UNIVERSAL &&
+                     eContentType->tagCode == DRX_ASN_OID && eContentType->len != 0;
+    if (!InternalHasSignedAttrs(signerInfo)) {
+        if (!oid || DorvexFindAoid(eContentType) != AOID_PKCS7_DATA) {
+            DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE,
+                           "Content other than data signed without signed attributes.");
+            return DORVEX_ERR_PKCS7_DECODE;
+        }
+        return DORVEX_OK;
+    }
+    const DorvexX509SignedAttrs &attrs = signerInfo->signedAttrs;
+    if (attrs.contentTypeCount != 1 || attrs.messageDigestCount != 1) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE,
+                       "Signed attributes hold %u content types and %u message digests.",
+                       attrs.contentTypeCount, attrs.messageDigestCount);
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    // Otherwise the signature could be taken for one over another kind of
+    // content than the one it names (RFC 5652 11.1).
+    if (!oid || attrs.contentType.tagCode != DRX_ASN_OID ||
+        DorvexCompareAsnOcts(&attrs.contentType, eContentType) != 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE,
+                       "Content type attribute differs from the encapsulated content type.");
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    return DORVEX_OK;
+}
+
 uint32_t InternalVerifyIssuerCert(DorvexVrfCtx *ctx, DorvexX509Cert *cert, uint32_t requiredUsage) {
     if (ctx == nullptr || cert == nullptr) {
         return DORVEX_ERR_PARAM;
@@ -427,6 +487,14 @@ uint32_t InternalVerifyIssuerCert(DorvexVrfCtx *ctx, DorvexX509Cert *cert, uint3
     if ((ext.extKeyUsage & requiredUsage) == 0) {
         DORVEX_LOG_ERR(DORVEX_ERR_CERT_USAGE, "Certificate lacks extended key usage 0x%x.",
                        requiredUsage);
+        return DORVEX_ERR_CERT_USAGE;
+    }
+    // RFC 3161 2.3: a time-stamping key serves that purpose alone, and says
+    // so in a critical extension.
+    if (requiredUsage == DRX_EXKU_TIME_STAMPING &&
+        (ext.extKeyUsage != DRX_EXKU_TIME_STAMPING || ext.extKeyUsageCritical != 1)) {
+        DORVEX_LOG_ERR(DORVEX_ERR_CERT_USAGE,
+                       "Time-stamping usage must be the only one and critical.");
         return DORVEX_ERR_CERT_USAGE;
     }
     // A time-stamping authority vouches for the time every other check uses,
@@ -570,6 +638,18 @@ extern "C" uint32_t DorvexVerifyDetachSignatureBegin(DorvexVrfCtx *ctx, const ui
         return ret;
     }
     DorvexPkcs7SignedData &signedData = content->signedData;
+    // A detached signature names its content but does not carry it; and one
+    // without a signer vouches for nothing (RFC 5652 5.1 allows both, but
+    // neither can authenticate a package).
+    if (signedData.contentInfo.content.len != 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, "Detached signature carries content.");
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    const DorvexPkcs7SignedInfoBundle &signers = signedData.signerInfos;
+    if (signers.count == 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, "Signature carries no signer.");
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
     if (signedData.certList.count > 0) {
         // A signature is no source of trust: self-signed certificates stay out.
         ret = InternalAddCertToStore(ctx, &signedData.certList, false);
@@ -578,9 +658,8 @@ extern "C" uint32_t DorvexVerifyDetachSignatureBegin(DorvexVrfCtx *ctx, const ui
             return ret;
         }
     }
-    const DorvexPkcs7SignedInfoBundle &signers = signedData.signerInfos;
     for (uint32_t i = 0; i < signers.count && i < DRX_PKCS7_MAX_SIGNERS; ++i) {
-        ret = InternalVerifyCms(ctx, &signers.signerInfo[i]);
+        ret = InternalVerifyCms(ctx, &signers.signerInfo[i], &signedData.contentInfo.contentType);
         if (ret != DORVEX_OK) {
             DORVEX_LOG_ERR(ret, "Failed to verify signer info.");
             return ret;
@@ -622,10 +701,13 @@ extern "C" uint32_t DorvexVerifyDetachSignatureFinal(DorvexVrfCtx *ctx, uint32_t
     if (ret != DORVEX_OK) {
         return ret;
     }
-    *result = 1;
+    // Nothing pending means nothing was verified: never a match.
+    *result = 0;
     if (ctx->processes.count <= 0) {
-        return DORVEX_OK;
+        DORVEX_LOG_ERR(DORVEX_ERR_NO_PROCESS, "No pending verify process.");
+        return DORVEX_ERR_NO_PROCESS;
     }
+    *result = 1;
     ProcessesRelease release{&ctx->processes};
     const DorvexList &processes = ctx->processes;
     for (int32_t i = 0; i < processes.count && i < DORVEX_LIST_CAPACITY; ++i) {

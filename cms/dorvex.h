@@ -84,8 +84,9 @@ const char *DorvexGetVersion(void);
 // digest share one). The certificates the signature carries join the store
 // for the rest of the context's life; the context keeps its own copy of the
 // bytes they need, so the caller may release `data` at once. A SignedData
-// without signers adds nothing and succeeds. Pending verifications of an
-// earlier Begin without Final stay and are finished together.
+// without signers, or one that carries its content, is refused
+// (DORVEX_ERR_PKCS7_DECODE). Pending verifications of an earlier Begin
+// without Final stay and are finished together.
 uint32_t DorvexVerifyDetachSignatureBegin(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length);
 
 // DorvexVerifyDetachSignatureUpdate: feeds the next piece of the content to
@@ -93,9 +94,9 @@ uint32_t DorvexVerifyDetachSignatureBegin(DorvexVrfCtx *ctx, const uint8_t *data
 uint32_t DorvexVerifyDetachSignatureUpdate(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length);
 
 // DorvexVerifyDetachSignatureFinal: finishes the pending verifications and
-// removes them. Returns 0 with *result 1 when all match (also when none was
-// pending) and 0 when one does not; a failing check returns its code with
-// *result 0.
+// removes them. Returns 0 with *result 1 when all match and 0 when one does
+// not; a failing check returns its code with *result 0, and so does a Final
+// with nothing pending (DORVEX_ERR_NO_PROCESS): nothing verified is no match.
 uint32_t DorvexVerifyDetachSignatureFinal(DorvexVrfCtx *ctx, uint32_t *result);
 
 // DorvexVerifyDetachSignatureQuick: Begin over the signature file (at most

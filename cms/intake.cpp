@@ -92,111 +92,117 @@ bool InternalStartsWith(const char *text, std::string_view prefix) {
     return DorvexStrNCmp(text, prefix.data(), prefix.size()) == 0;
 }
 
-// InternalPemBlockDer: the DER of one PEM block [block, blockEnd) that
-// begins with `header`. The base64 body starts `bodySkip` characters behind
-// the header and runs to the first `footer` from the block start, which must
-// end inside the block; a footer in front of the body start leaves no body.
+// Damaged PEM blocks reported one by one; the rest are counted in one line,
+// so a hostile file cannot flood the log.
+constexpr uint32_t kDrxPemReportMax = 4;
+
+// The DER of all PEM blocks of one text, decoded back to back into one
+// buffer that the context keeps: a file of many blocks costs one of the
+// context's buffer slots, not one per block. Base64 never decodes to more
+// bytes than the text it comes from, so the buffer cannot run out.
+struct PemDerArea {
+    uint8_t *bytes = nullptr;
+    uint32_t capacity = 0;
+    uint32_t used = 0;
+};
+
+// InternalPemBlockDer: decodes the body of one PEM block [block, blockEnd)
+// that begins with `header` into the next free bytes of `area`. The body
+// starts `bodySkip` characters behind the header and runs to the first
+// `footer` inside the block; the search never leaves the block, so a walk
+// over many blocks stays linear in the text.
 uint32_t InternalPemBlockDer(const char *block, const char *blockEnd, std::string_view header,
-                             size_t bodySkip, std::string_view footer, BufferPtr *der,
-                             uint32_t *derLen) {
-    const char *bodyStart = block + header.size() + bodySkip;
-    const char *bodyEnd = InternalFind(block, footer);
-    if (bodyEnd == nullptr || bodyEnd < bodyStart || bodyEnd + footer.size() > blockEnd) {
+                             size_t bodySkip, std::string_view footer, PemDerArea *area,
+                             const uint8_t **der, uint32_t *derLen) {
+    const std::string_view text(block, static_cast<size_t>(blockEnd - block));
+    const size_t bodyStart = header.size() + bodySkip;
+    const size_t bodyEnd = text.find(footer);
+    if (bodyEnd == std::string_view::npos || bodyEnd <= bodyStart) {
         return DORVEX_ERR_INPUT_FORMAT;
     }
-    uint8_t *bytes = nullptr;
-    uint32_t ret = InternalBase64Decode(bodyStart, bodyEnd, &bytes, derLen);
-    if (ret == DORVEX_OK) {
-        der->reset(bytes);
+    if (bodyEnd - bodyStart > INT32_MAX) {
+        return DORVEX_ERR_BASE64;
     }
-    return ret;
-}
-
-// InternalPemDecodeCert: one "CERTIFICATE" block. On success the certificate
-// is in `certs` and its DER in the context's rawBuffers. A failure is
-// reported here and leaves nothing behind; the caller goes on with the next
-// block.
-uint32_t InternalPemDecodeCert(DorvexVrfCtx *ctx, const char *block, const char *blockEnd,
-                               DorvexList *certs) {
-    // The body starts behind the header and one line-break character.
-    BufferPtr derGuard;
-    uint32_t derLen = 0;
-    uint32_t ret =
-        InternalPemBlockDer(block, blockEnd, kPemCertHeader, 1, kPemCertFooter, &derGuard, &derLen);
+    const auto *src = reinterpret_cast<const uint8_t *>(block + bodyStart);
+    const auto srcLen = static_cast<int32_t>(bodyEnd - bodyStart);
+    uint32_t room = area->capacity - area->used;
+    uint8_t *dst = area->bytes + area->used;
+    uint32_t ret = DorvexBase64Decode(src, srcLen, dst, &room);
     if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Invalid certificate block.");
         return ret;
     }
-    const uint8_t *der = derGuard.get();
+    if (room == 0 || room > area->capacity - area->used) {
+        return DORVEX_ERR_INPUT_FORMAT;
+    }
+    *der = dst;
+    *derLen = room;
+    return DORVEX_OK;
+}
+
+// InternalPemDecodeCert: one "CERTIFICATE" block into `certs`, its DER in
+// `area`. A failure leaves nothing in the list; the caller reports it and
+// goes on with the next block.
+uint32_t InternalPemDecodeCert(const char *block, const char *blockEnd, PemDerArea *area,
+                               DorvexList *certs) {
+    // The body starts behind the header and one line-break character.
+    const uint8_t *der = nullptr;
+    uint32_t derLen = 0;
+    uint32_t ret = InternalPemBlockDer(block, blockEnd, kPemCertHeader, 1, kPemCertFooter, area,
+                                       &der, &derLen);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
     DorvexX509Cert *decoded = nullptr;
     uint32_t consumed = 0;
     ret = DorvexX509DecodeCert(der, derLen, &decoded, &consumed);
     CertPtr cert(decoded);
     if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Failed to decode certificate.");
-        return ret;
-    }
-    ret = InternalKeepBuffer(ctx, &derGuard);
-    if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Failed to keep certificate buffer.");
         return ret;
     }
     ret = DorvexListAdd(certs, cert.get());
     if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Too many certificates.");
-        return ret;  // its bytes stay with the context, unreferenced
+        return ret;
     }
     (void)cert.release();
+    area->used += derLen;
     return DORVEX_OK;
 }
 
 // InternalPemDecodeCrl: one "X509 CRL" block, as InternalPemDecodeCert. When
 // the caller collects no CRLs the block is still decoded, so that a damaged
 // one is reported, and then dropped.
-uint32_t InternalPemDecodeCrl(DorvexVrfCtx *ctx, const char *block, const char *blockEnd,
+uint32_t InternalPemDecodeCrl(const char *block, const char *blockEnd, PemDerArea *area,
                               DorvexList *crls) {
     // The body starts right behind the header; the base64 decoder steps over
     // the line break.
-    BufferPtr derGuard;
+    const uint8_t *der = nullptr;
     uint32_t derLen = 0;
     uint32_t ret =
-        InternalPemBlockDer(block, blockEnd, kPemCrlHeader, 0, kPemCrlFooter, &derGuard, &derLen);
+        InternalPemBlockDer(block, blockEnd, kPemCrlHeader, 0, kPemCrlFooter, area, &der, &derLen);
     if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Invalid CRL block.");
         return ret;
     }
-    const uint8_t *der = derGuard.get();
     DorvexX509Crl *decoded = nullptr;
     uint32_t consumed = 0;
     ret = DorvexX509DecodeCrl(der, derLen, &decoded, &consumed);
     CrlPtr crl(decoded);
-    if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Failed to decode CRL.");
-        return ret;
-    }
-    if (crls == nullptr) {
-        // Keeping the bytes of a record that is dropped at once would only use
-        // up one of the context's 16 buffer slots.
-        return DORVEX_OK;
-    }
-    ret = InternalKeepBuffer(ctx, &derGuard);
-    if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Failed to keep CRL buffer.");
+    if (ret != DORVEX_OK || crls == nullptr) {
         return ret;
     }
     ret = DorvexListAdd(crls, crl.get());
     if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Too many CRLs.");
         return ret;
     }
     (void)crl.release();
+    area->used += derLen;
     return DORVEX_OK;
 }
 
 // InternalDecodePemCertCrl: walks the PEM blocks of the text. Certificate and
 // CRL blocks are decoded, damaged ones reported and skipped, other labels
 // (public keys, private keys, requests) skipped silently. Only a block
-// without any end marker stops the walk.
+// without any end marker stops the walk. Every search starts where the last
+// one ended, so the walk is linear in the text.
 uint32_t InternalDecodePemCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length,
                                   DorvexList *certs, DorvexList *crls) {
     // A zero-terminated copy lets every search stop at the end of the input.
@@ -206,6 +212,13 @@ uint32_t InternalDecodePemCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32
         return ret;
     }
     memcpy(text.get(), data, length);
+    BufferPtr derBuffer;
+    ret = InternalAllocBuffer(length, &derBuffer);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    PemDerArea area{derBuffer.get(), length, 0};
+    uint32_t damaged = 0;
     const char *block = InternalFind(reinterpret_cast<const char *>(text.get()), kPemBegin);
     while (block != nullptr) {
         // "-----BEGIN" holds no dash after its fifth character, so the end
@@ -215,19 +228,43 @@ uint32_t InternalDecodePemCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32
             endMarker == nullptr ? nullptr : InternalFind(endMarker + kPemEnd.size(), kPemDashes);
         if (closing == nullptr) {
             DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "PEM block without end marker.");
-            return DORVEX_ERR_INPUT_FORMAT;
+            ret = DORVEX_ERR_INPUT_FORMAT;
+            break;
         }
         const char *blockEnd = closing + kPemDashes.size();
         // The exact header implies the label; "CERTIFICATE REQUEST" and the
         // like do not match it and are skipped.
+        uint32_t blockRet = DORVEX_OK;
         if (InternalStartsWith(block, kPemCertHeader)) {
-            (void)InternalPemDecodeCert(ctx, block, blockEnd, certs);
+            blockRet = InternalPemDecodeCert(block, blockEnd, &area, certs);
         } else if (InternalStartsWith(block, kPemCrlHeader)) {
-            (void)InternalPemDecodeCrl(ctx, block, blockEnd, crls);
+            blockRet = InternalPemDecodeCrl(block, blockEnd, &area, crls);
+        }
+        if (blockRet != DORVEX_OK && ++damaged <= kDrxPemReportMax) {
+            DORVEX_LOG_ERR(blockRet, "Invalid PEM block at offset %ld.",
+                           static_cast<long>(block - reinterpret_cast<const char *>(text.get())));
         }
         block = InternalFind(blockEnd, kPemBegin);
     }
-    return DORVEX_OK;
+    if (damaged > kDrxPemReportMax) {
+        DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "%u more invalid PEM blocks skipped.",
+                       damaged - kDrxPemReportMax);
+    }
+    // Records decoded so far point into the buffer: it goes to the context
+    // even when the walk stopped early, since the caller may keep them.
+    if (area.used > 0) {
+        const uint32_t keep = InternalKeepBuffer(ctx, &derBuffer);
+        if (keep != DORVEX_OK) {
+            DORVEX_LOG_ERR(keep, "Failed to keep PEM buffer.");
+            // Nothing may point into a buffer that is about to be freed.
+            InternalFreeCertList(certs);
+            if (crls != nullptr) {
+                InternalFreeCrlList(crls);
+            }
+            return keep;
+        }
+    }
+    return ret;
 }
 
 // InternalDecodeStreamCertCrl: certificates and CRLs back to back, in any
@@ -348,10 +385,16 @@ uint32_t InternalReadFile(const char *path, uint8_t **data, uint32_t *length) {
         DORVEX_LOG_ERR(DORVEX_ERR_FILE_OPEN, "Empty file path.");
         return DORVEX_ERR_PARAM;
     }
-    FilePtr file(DorvexFileOpen(path, "rb"));
-    if (file == nullptr) {
-        DORVEX_LOG_ERR(DORVEX_ERR_FILE_OPEN, "Can not open file '%s'.", path);
-        return DORVEX_ERR_FILE_OPEN;
+    FILE *opened = nullptr;
+    uint32_t ret = DorvexFileOpenRegular(path, &opened);
+    FilePtr file(opened);
+    if (ret == DORVEX_ERR_FILE_TYPE) {
+        DORVEX_LOG_ERR(ret, "File '%s' is not a regular file.", path);
+        return ret;
+    }
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "Can not open file '%s'.", path);
+        return ret;
     }
     // Checked at full width, so a size beyond 32 bits cannot wrap to a small one.
     const uint64_t size = DorvexFileGetSize(file.get());
@@ -364,7 +407,7 @@ uint32_t InternalReadFile(const char *path, uint8_t **data, uint32_t *length) {
         return DORVEX_ERR_FILE_TOO_LARGE;
     }
     BufferPtr buffer;
-    uint32_t ret = InternalAllocBuffer(size, &buffer);
+    ret = InternalAllocBuffer(size, &buffer);
     if (ret != DORVEX_OK) {
         return ret;
     }

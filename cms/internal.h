@@ -108,9 +108,20 @@ uint32_t InternalGetDigestFromSignerInfo(const DorvexPkcs7SignedInfo *signerInfo
 uint32_t InternalHashContent(const uint8_t *data, uint32_t length, uint32_t hashAlg,
                              uint8_t *digest, uint32_t *digestLen);
 
+// InternalCheckSignerForm: the checks of one SignerInfo that need no key,
+// made before any signature is checked. The digest algorithm must be SHA-2
+// and the signature algorithm rsaEncryption or RSA with that digest
+// (DORVEX_ERR_SIGN_ALG). With signed attributes there must be exactly one
+// contentType, equal to `eContentType`, and exactly one messageDigest (RFC
+// 5652 11.1, 11.2); without them `eContentType` must be id-data (RFC 5652
+// 5.3); both DORVEX_ERR_PKCS7_DECODE.
+uint32_t InternalCheckSignerForm(const DorvexPkcs7SignedInfo *signerInfo,
+                                 const DorvexAsnOcts *eContentType);
+
 // InternalVerifyTimeStamp: verifies the signer's timestamp token and sets
 // the context's verifyTime to its generation time. The token's certificates
-// join the store. A signer without a token fails with DORVEX_ERR_PARAM.
+// join the store. A signer without a token fails with DORVEX_ERR_PARAM, a
+// token without a signer with DORVEX_ERR_TS_SIGNATURE.
 uint32_t InternalVerifyTimeStamp(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signerInfo);
 
 #endif  // CMS_INTERNAL_H

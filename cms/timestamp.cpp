@@ -108,8 +108,48 @@ uint32_t InternalVerifyAttributeSign(const DorvexPkcs7SignedInfo *tsSigner,
     return DORVEX_OK;
 }
 
+// InternalCheckEssCertId: an ESS signing-certificate attribute must name the
+// certificate that verified the token (RFC 2634 5.4, RFC 5035), so a token
+// cannot claim one authority while another signed it. Absent attributes
+// are fine; each one present must match.
+uint32_t InternalCheckEssCertId(const DorvexPkcs7SignedInfo *tsSigner, const DorvexX509Cert *cert) {
+    const DorvexAsnOcts *values[] = {&tsSigner->signedAttrs.signingCertificate,
+                                     &tsSigner->signedAttrs.signingCertificateV2};
+    for (uint32_t v2 = 0; v2 < 2; ++v2) {
+        if (values[v2]->len == 0) {
+            continue;
+        }
+        int32_t hashAlg = AOID_UNKNOWN;
+        DorvexAsnOcts certHash{};
+        uint32_t ret = DorvexPkcs7EssCertHash(values[v2], v2, &hashAlg, &certHash);
+        if (ret != DORVEX_OK) {
+            DORVEX_LOG_ERR(ret, "Signing-certificate attribute does not decode.");
+            return ret;
+        }
+        if (hashAlg != AOID_SHA1 && hashAlg != AOID_SHA256 && hashAlg != AOID_SHA384 &&
+            hashAlg != AOID_SHA512) {
+            DORVEX_LOG_ERR(DORVEX_ERR_TS_HASH_ALG, "Unsupported hash of signing certificate.");
+            return DORVEX_ERR_TS_HASH_ALG;
+        }
+        uint8_t digest[DORVEX_MD_MAX_LEN] = {};
+        uint32_t digestLen = 0;
+        ret = InternalHashContent(cert->raw.data, cert->raw.len, static_cast<uint32_t>(hashAlg),
+                                  digest, &digestLen);
+        if (ret != DORVEX_OK) {
+            return ret;
+        }
+        if (!InternalSameBytes(digest, digestLen, certHash.data, certHash.len)) {
+            DORVEX_LOG_ERR(DORVEX_ERR_TS_CERT_NOT_FOUND,
+                           "Timestamp names another signing certificate.");
+            return DORVEX_ERR_TS_CERT_NOT_FOUND;
+        }
+    }
+    return DORVEX_OK;
+}
+
 // InternalVerifyTsSignerInfo: the authority's certificate, judged at the
-// generation time just set, and its signature over the TSTInfo.
+// generation time just set, its signature over the signed attributes, which
+// must hash the TSTInfo, and the certificate the attributes name.
 uint32_t InternalVerifyTsSignerInfo(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *tsSigner,
                                     const uint8_t *tst, uint32_t tstLen) {
     DorvexX509Cert *cert = DorvexPkiFindCertByIssuerSn(ctx, &tsSigner->issuerAndSerial.issuer,
@@ -123,26 +163,14 @@ uint32_t InternalVerifyTsSignerInfo(DorvexVrfCtx *ctx, const DorvexPkcs7SignedIn
         DORVEX_LOG_ERR(ret, "Failed to verify certificate of timestamp signer.");
         return ret;
     }
-    if (tsSigner->signedAttrs.messageDigest.len != 0) {
-        ret = InternalVerifyAttributeSign(tsSigner, cert, tst, tstLen);
-        if (ret != DORVEX_OK) {
-            DORVEX_LOG_ERR(ret, "Failed to verify timestamp attributes.");
-        }
-        return ret;
-    }
-    uint32_t verified = 0;
-    ret = DorvexX509PubKeyVerify(tst, tstLen, tsSigner->signature.data, tsSigner->signature.len,
-                                 &cert->certInfo.subjectPublicKeyInfo.subjectPublicKey,
-                                 &tsSigner->digestAlgorithm, &verified);
+    // The signer's form check has made sure there are signed attributes: a
+    // TSTInfo is no id-data content (RFC 5652 5.3).
+    ret = InternalVerifyAttributeSign(tsSigner, cert, tst, tstLen);
     if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Failed to check timestamp signature.");
+        DORVEX_LOG_ERR(ret, "Failed to verify timestamp attributes.");
         return ret;
     }
-    if (verified != 1) {
-        DORVEX_LOG_ERR(DORVEX_ERR_TS_SIGNATURE, "verify timestamp signature failed.");
-        return DORVEX_ERR_TS_SIGNATURE;
-    }
-    return DORVEX_OK;
+    return InternalCheckEssCertId(tsSigner, cert);
 }
 
 }  // namespace
@@ -162,8 +190,27 @@ uint32_t InternalVerifyTimeStamp(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo 
         return ret;
     }
     SignedPtr tsContent(decoded);
+    const DorvexPkcs7SignedData &signedData = tsContent->signedData;
+    // RFC 3161 2.4.2: the token encapsulates a TSTInfo, and its signer is
+    // what makes the time trustworthy; the imprint alone anyone can write.
+    if (DorvexFindAoid(&signedData.contentInfo.contentType) != AOID_CT_TSTINFO) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, "Timestamp token does not hold a TSTInfo.");
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    const DorvexPkcs7SignedInfoBundle &signers = signedData.signerInfos;
+    if (signers.count == 0) {
+        DORVEX_LOG_ERR(DORVEX_ERR_TS_SIGNATURE, "Timestamp token carries no signer.");
+        return DORVEX_ERR_TS_SIGNATURE;
+    }
+    for (uint32_t i = 0; i < signers.count && i < DRX_PKCS7_MAX_SIGNERS; ++i) {
+        ret = InternalCheckSignerForm(&signers.signerInfo[i], &signedData.contentInfo.contentType);
+        if (ret != DORVEX_OK) {
+            DORVEX_LOG_ERR(ret, "Timestamp signer is not well formed.");
+            return ret;
+        }
+    }
     // eContent [0] holds an OCTET STRING whose content is the TSTInfo DER.
-    const DorvexAsnOcts &econtent = tsContent->signedData.contentInfo.content;
+    const DorvexAsnOcts &econtent = signedData.contentInfo.content;
     void *record = nullptr;
     ret = DorvexAsnDecode(econtent.data, econtent.len, &g_itemDorvexAsnOcts, 0, &record, &used);
     if (ret != DORVEX_OK) {
@@ -176,15 +223,11 @@ uint32_t InternalVerifyTimeStamp(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo 
         DORVEX_LOG_ERR(ret, "Failed to verify TSTInfo.");
         return ret;
     }
-    ret = InternalAddCertToStore(ctx, &tsContent->signedData.certList, false);
+    ret = InternalAddCertToStore(ctx, &signedData.certList, false);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to add certificates of timestamp token.");
         return ret;
     }
-    // A token without signer info is taken on its imprint alone, as the
-    // structure allows; its time still has to fit every certificate checked
-    // later.
-    const DorvexPkcs7SignedInfoBundle &signers = tsContent->signedData.signerInfos;
     for (uint32_t i = 0; i < signers.count && i < DRX_PKCS7_MAX_SIGNERS; ++i) {
         ret = InternalVerifyTsSignerInfo(ctx, &signers.signerInfo[i], tstInfo->data, tstInfo->len);
         if (ret != DORVEX_OK) {

@@ -7,6 +7,8 @@
 
 // Program name plus at most nine words.
 static constexpr int kMaxArgc = 10;
+// Exit status of a plain failure (-1).
+static constexpr int32_t kExitFailure = 255;
 
 VerifyParam g_verifyParam;
 
@@ -53,8 +55,15 @@ int32_t UPGRADE_CmdParseSingle(uint8_t option) {
     if (!LookupOption(option, &target)) {
         return -1;
     }
-    // Over-long arguments are cut to the field's width without complaint.
-    if (strncpy_s(target.field, target.width, optarg, target.width - 1) != SEC_OK) {
+    // An argument that does not fit is refused: a path cut short would name
+    // another file than the one the caller meant, and that file would be
+    // checked and reported in its place.
+    if (optarg == nullptr || strlen(optarg) >= target.width) {
+        TOOL_LOG(DBG_LEVEL_ERR, "Argument of -%c is longer than %zu characters.", option,
+                 target.width - 1);
+        return -1;
+    }
+    if (strcpy_s(target.field, target.width, optarg) != SEC_OK) {
         return -1;
     }
     TOOL_LOG(DBG_LEVEL_INFO, target.message, target.field);
@@ -89,6 +98,15 @@ int32_t UPGRADE_CmdExe(void) {
     }
     TOOL_LOG(DBG_LEVEL_ERR, "VERIFY_TOOL: Cannot find opcode(%s).", g_verifyParam.opcode);
     return -1;
+}
+
+int32_t UPGRADE_ExitStatus(int32_t result) {
+    // Only the low byte reaches the caller. A failure whose code ends in 0x00
+    // must still read as a failure, so it takes the plain-failure status.
+    if (result != 0 && (result & 0xFF) == 0) {
+        return kExitFailure;
+    }
+    return result & 0xFF;
 }
 
 int32_t UPGRADE_MainExe(int argc, char *argv[]) {

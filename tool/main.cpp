@@ -1,6 +1,5 @@
 #include "tool/verify_tool.h"
 
 int main(int argc, char *argv[]) {
-    // The exit status is the low byte of the result.
-    return UPGRADE_MainExe(argc, argv);
+    return UPGRADE_ExitStatus(UPGRADE_MainExe(argc, argv));
 }

@@ -38,6 +38,9 @@ extern const uint32_t g_verifyFuncCount;
 // Parses argv and runs the requested operation; the low byte of the result
 // is the process exit status (0 valid, 255 for -1, else a result code's low byte).
 int32_t UPGRADE_MainExe(int argc, char *argv[]);
+// The process exit status of a result: its low byte, except that a non-zero
+// result whose low byte is 0 exits 255, so no failure can exit 0.
+int32_t UPGRADE_ExitStatus(int32_t result);
 int32_t UPGRADE_CmdParse(int argc, char *argv[]);
 int32_t UPGRADE_CmdParseSingle(uint8_t option);
 int32_t UPGRADE_CmdExe(void);

@@ -1,10 +1,13 @@
 // Memory, string, file and log services of the CMS library.
 #include "cms/adapt/adapt.h"
 
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <iterator>
 #include <memory>
@@ -122,6 +125,35 @@ extern "C" FILE *DorvexFileOpen(const char *path, const char *mode) {
         return nullptr;
     }
     return fopen(path, mode);
+}
+
+extern "C" uint32_t DorvexFileOpenRegular(const char *path, FILE **out) {
+    if (path == nullptr || out == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    *out = nullptr;
+    // O_NONBLOCK: opening a FIFO would otherwise wait for a writer forever.
+    // It has no effect on reads of a regular file, the only kind kept.
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) {
+        return DORVEX_ERR_FILE_OPEN;
+    }
+    struct stat st {};
+    if (fstat(fd, &st) != 0) {
+        (void)close(fd);
+        return DORVEX_ERR_FILE_OPEN;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        (void)close(fd);
+        return DORVEX_ERR_FILE_TYPE;
+    }
+    FILE *file = fdopen(fd, "rb");
+    if (file == nullptr) {
+        (void)close(fd);
+        return DORVEX_ERR_FILE_OPEN;
+    }
+    *out = file;
+    return DORVEX_OK;
 }
 
 extern "C" uint32_t DorvexFileRead(void *buffer, uint32_t n, FILE *stream) {

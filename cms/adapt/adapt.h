@@ -79,6 +79,12 @@ int32_t DorvexStrCmp(const char *a, const char *b);
 
 // fopen; null for a null path or mode.
 FILE *DorvexFileOpen(const char *path, const char *mode);
+// DorvexFileOpenRegular: opens `path` for reading in binary mode, only when
+// it is a regular file. The open never blocks (a FIFO without a writer, a
+// device), and anything but a regular file is closed again at once:
+// DORVEX_ERR_FILE_TYPE. DORVEX_ERR_PARAM for a null argument,
+// DORVEX_ERR_FILE_OPEN when open or fdopen fails. Close with DorvexFileClose.
+uint32_t DorvexFileOpenRegular(const char *path, FILE **out);
 // fread of up to `n` bytes; returns the count read (0 for null arguments).
 uint32_t DorvexFileRead(void *buffer, uint32_t n, FILE *stream);
 // -1 for a null stream, else fclose.

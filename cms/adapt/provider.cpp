@@ -1,4 +1,5 @@
-// SHA-2 digests and RSA PKCS #1 v1.5 signature verification over OpenSSL 3.
+// SHA-2 (and, for certificate identifiers, SHA-1) digests and RSA PKCS #1
+// v1.5 signature verification over OpenSSL 3.
 #include "cms/adapt/provider.h"
 
 #include <openssl/core_names.h>
@@ -38,6 +39,7 @@ namespace {
 
 // The library's fixed ids of the digests (AOID_SHA256/384/512 of the
 // identifier table); the provider sits below that table and keeps its own copy.
+constexpr uint32_t kAoidSha1 = 41;
 constexpr uint32_t kAoidSha256 = 43;
 constexpr uint32_t kAoidSha384 = 44;
 constexpr uint32_t kAoidSha512 = 45;
@@ -48,6 +50,7 @@ struct DigestRow {
 };
 
 constexpr DigestRow g_drxDigestTable[] = {
+    {kAoidSha1, EVP_sha1},
     {kAoidSha256, EVP_sha256},
     {kAoidSha384, EVP_sha384},
     {kAoidSha512, EVP_sha512},
@@ -92,6 +95,25 @@ EVP_PKEY *InternalBuildRsaKey(const DorvexBigInt &exponent, const DorvexBigInt &
         return nullptr;
     }
     return pkey;
+}
+
+// InternalExponentUsable: odd, 3 <= e <= 2^32+1. Real keys use 65537 (and
+// a few 3); a larger exponent only makes each check slower, an even one or
+// 1 is no RSA key.
+bool InternalExponentUsable(const DorvexBigInt &exponent) {
+    constexpr uint64_t kMaxExponent = (uint64_t{1} << 32) + 1;
+    uint32_t start = 0;
+    while (start < exponent.len && exponent.data[start] == 0) {
+        ++start;
+    }
+    if (exponent.len - start > sizeof(uint64_t)) {
+        return false;
+    }
+    uint64_t value = 0;
+    for (uint32_t i = start; i < exponent.len; ++i) {
+        value = value << 8 | exponent.data[i];
+    }
+    return value >= 3 && value <= kMaxExponent && (value & 1) == 1;
 }
 
 // InternalDigestStarted: whether the digest context exists and has been
@@ -217,6 +239,15 @@ extern "C" uint32_t DorvexCryptoVerifyInit(DorvexCryptoVerifyCtx *ctx, const Dor
     EVP_MD_CTX_free(ctx->mdCtx);
     ctx->mdCtx = nullptr;
 
+    if (exponent->len > DORVEX_BIGINT_MAX_LEN || !InternalExponentUsable(*exponent)) {
+        DRX_PROVIDER_LOG_ERR("RSA public exponent out of range.");
+        return DORVEX_ERR_PUBKEY_EXPONENT;
+    }
+    // SHA-1 is there for certificate identifiers, never for signatures.
+    if (hashAlgorithm == kAoidSha1) {
+        DRX_PROVIDER_LOG_ERR("Failed to get algo handler.");
+        return DORVEX_FAIL;
+    }
     ctx->pkey = InternalBuildRsaKey(*exponent, *modulus);
     if (ctx->pkey == nullptr) {
         ERR_clear_error();

@@ -66,7 +66,10 @@ uint32_t DorvexCryptoVerifyCreateCtx(DorvexCryptoVerifyCtx **out);
 
 // DorvexCryptoVerifyInit: sets the RSA public key (exponent first, modulus
 // second; each at most 512 bytes) and starts hashing with `hashAlgorithm`
-// (AOID_SHA256/384/512). -1 on any failure; the context then holds no key.
+// (AOID_SHA256/384/512). The exponent must be odd and between 3 and
+// 2^32+1, as real keys have it, so no key can make a check expensive:
+// DORVEX_ERR_PUBKEY_EXPONENT. -1 on any other failure; the context then
+// holds no key.
 uint32_t DorvexCryptoVerifyInit(DorvexCryptoVerifyCtx *ctx, const DorvexBigInt *exponent,
                                 const DorvexBigInt *modulus, uint32_t hashAlgorithm);
 
@@ -92,8 +95,8 @@ void DorvexCryptoVerifyDestroyCtx(DorvexCryptoVerifyCtx *ctx);
 
 struct evp_md_st;  // OpenSSL's EVP_MD
 
-// DrxGetOpensslEvpmd: OpenSSL's digest for AOID_SHA256/384/512, null for any
-// other id.
+// DrxGetOpensslEvpmd: OpenSSL's digest for AOID_SHA1 (digests only, for
+// ESS certificate identifiers) and AOID_SHA256/384/512, null for any other id.
 const struct evp_md_st *DrxGetOpensslEvpmd(uint32_t hashAlgorithm);
 
 // DrxOpensslUnint: teardown hook of the provider. OpenSSL 3 needs no global

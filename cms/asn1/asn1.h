@@ -56,6 +56,12 @@ typedef struct DorvexAsnTag {
 #define DRX_ASN_WITH_HEADER 0x04u  // an octet capture includes tag and length
 #define DRX_ASN_DEFAULT 0x10u      // absent means the zero-filled default
 #define DRX_ASN_SKIP 0x20u         // check and step over, store nothing
+// Map rows only (the row's key is an AOID, its member a uint32_t unless decoded):
+#define DRX_ASN_MAP_CRITICAL \
+    0x40u                             // member |= the entry's critical flag; keyed AOID_UNKNOWN:
+                                      // set when a critical entry is read by no decoding row
+#define DRX_ASN_MAP_COUNT 0x80u       // member += 1 per entry of the key
+#define DRX_ASN_MAP_ONE_VALUE 0x100u  // the decoded value must fill the entry's value
 
 struct DorvexAsnTempl;
 
@@ -134,9 +140,10 @@ typedef struct DorvexX509ExtensionEntry {
     DorvexAsnOcts extnValue;
 } DorvexX509ExtensionEntry;
 
-// Extended key usage flags set by DorvexOidToExku.
+// Extended key usage flags set by DorvexOidToExku, one per purpose listed.
 #define DRX_EXKU_CODE_SIGNING 0x08u
 #define DRX_EXKU_TIME_STAMPING 0x40u
+#define DRX_EXKU_OTHER 0x80000000u  // any other purpose, anyExtendedKeyUsage included
 
 // Basic items.
 extern const DorvexAsnItem g_itemDorvexAsnOcts;

@@ -166,33 +166,63 @@ uint32_t WalkSequence(DorvexBuf *buf, void *target, std::span<const DorvexAsnTem
     return DORVEX_ERR_ASN_SEQUENCE;  // a template without rows never gets here
 }
 
-// Looks an entry's identifier up among the map item's rows and decodes its
-// value with the matching row; unknown identifiers are ignored, critical or
-// not.
+// Decodes an entry's value with one map row; a DRX_ASN_MAP_ONE_VALUE row
+// must use the value up (an attribute with a single value).
+uint32_t DecodeMapValue(const DorvexAsnTempl &row, const DorvexX509ExtensionEntry &entry,
+                        void *target) {
+    const DorvexAsnFunc func = FuncOf(row.item);
+    if (func == nullptr) {
+        return DORVEX_ERR_ASN_SETOF;
+    }
+    DorvexBuf value{};
+    uint32_t ret = DorvexBufInit(&value, entry.extnValue.data, entry.extnValue.len);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    uint32_t used = 0;
+    ret = func(&value, ComponentOf(target, row), &used, &row);
+    if (ret == DORVEX_OK && (row.flags & DRX_ASN_MAP_ONE_VALUE) != 0 && used != value.size) {
+        return DORVEX_ERR_ASN_SETOF;
+    }
+    // Otherwise bytes left over in the value are not examined.
+    return ret;
+}
+
+// Runs every row of the map item whose key is the entry's identifier:
+// decoding rows read the value, count rows count the entry, critical rows
+// record its critical flag. A critical entry that no decoding row reads is
+// recorded by the row keyed AOID_UNKNOWN with DRX_ASN_MAP_CRITICAL, if the
+// item has one (RFC 5280 4.2: such an extension must not be ignored).
 uint32_t DispatchMapEntry(const DorvexAsnItem &map, const DorvexX509ExtensionEntry &entry,
                           void *target) {
     const int32_t aoid = DorvexFindAoid(&entry.extnId);
-    if (aoid == AOID_UNKNOWN) {
-        return DORVEX_OK;
-    }
     const std::span<const DorvexAsnTempl> rows(map.templ,
                                                map.templ != nullptr ? map.templCount : 0);
+    bool read = false;
+    uint32_t *unhandled = nullptr;
     for (const DorvexAsnTempl &row : rows) {
-        if (row.tagCode != static_cast<uint32_t>(aoid)) {
+        auto *word = static_cast<uint32_t *>(ComponentOf(target, row));
+        if (row.tagCode == AOID_UNKNOWN) {
+            unhandled = (row.flags & DRX_ASN_MAP_CRITICAL) != 0 ? word : unhandled;
             continue;
         }
-        const DorvexAsnFunc func = FuncOf(row.item);
-        if (func == nullptr) {
-            return DORVEX_ERR_ASN_SETOF;
+        if (aoid == AOID_UNKNOWN || row.tagCode != static_cast<uint32_t>(aoid)) {
+            continue;
         }
-        DorvexBuf value{};
-        uint32_t ret = DorvexBufInit(&value, entry.extnValue.data, entry.extnValue.len);
-        if (ret != DORVEX_OK) {
-            return ret;
+        if ((row.flags & DRX_ASN_MAP_COUNT) != 0) {
+            ++*word;
+        } else if ((row.flags & DRX_ASN_MAP_CRITICAL) != 0) {
+            *word |= entry.critical == 1 ? 1u : 0u;
+        } else {
+            const uint32_t ret = DecodeMapValue(row, entry, target);
+            if (ret != DORVEX_OK) {
+                return ret;
+            }
+            read = true;
         }
-        uint32_t used = 0;
-        // Bytes left over in the value are not examined.
-        return func(&value, ComponentOf(target, row), &used, &row);
+    }
+    if (!read && entry.critical == 1 && unhandled != nullptr) {
+        *unhandled = 1;
     }
     return DORVEX_OK;
 }
@@ -612,20 +642,21 @@ uint32_t DorvexOidToExku(DorvexBuf *buf, void *target, uint32_t *consumed,
     if (ret != DORVEX_OK) {
         return ret;
     }
-    if (bundle.count == 0) {
-        return DORVEX_OK;
-    }
-    // Only the first purpose counts.
+    // Every purpose counts (RFC 5280 4.2.1.12); one the verifier does not
+    // know is kept as DRX_EXKU_OTHER, so "this purpose alone" can be asked.
     auto *flags = static_cast<uint32_t *>(target);
-    switch (DorvexFindAoid(&bundle.oids[0])) {
-        case AOID_KP_CODESIGNING:
-            *flags |= DRX_EXKU_CODE_SIGNING;
-            break;
-        case AOID_KP_TIMESTAMPING:
-            *flags |= DRX_EXKU_TIME_STAMPING;
-            break;
-        default:
-            break;
+    for (uint32_t i = 0; i < bundle.count && i < DRX_ASN_OID_BUNDLE_MAX; ++i) {
+        switch (DorvexFindAoid(&bundle.oids[i])) {
+            case AOID_KP_CODESIGNING:
+                *flags |= DRX_EXKU_CODE_SIGNING;
+                break;
+            case AOID_KP_TIMESTAMPING:
+                *flags |= DRX_EXKU_TIME_STAMPING;
+                break;
+            default:
+                *flags |= DRX_EXKU_OTHER;
+                break;
+        }
     }
     return DORVEX_OK;
 }
@@ -648,11 +679,14 @@ uint32_t DorvexBitsToInt(DorvexBuf *buf, void *target, uint32_t *consumed,
         DORVEX_LOG_ERR(DORVEX_ERR_ASN_BITS, "Decode bits to intger failed.");
         return DORVEX_ERR_ASN_BITS;
     }
+    // RFC 5280 numbers the bits from the first octet on whatever the length,
+    // so the first octet stays in the low byte and the second (decipherOnly)
+    // goes above it: a bit keeps its mask however many octets carry it.
     uint32_t value = 0;
     if (bits.len == 1) {
         value = bits.data[0];
     } else if (bits.len == 2) {
-        value = bits.data[0] * 256u + bits.data[1];
+        value = bits.data[0] | uint32_t{bits.data[1]} << 8;
     } else {
         DORVEX_LOG_ERR(DORVEX_ERR_ASN_BITS, "unsupported length count");
         return DORVEX_ERR_ASN_BITS;

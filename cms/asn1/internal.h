@@ -54,7 +54,9 @@ constexpr bool ItemFits(const DorvexAsnItem &item, int depth = kMaxItemDepth) {
             return false;
         }
         const uint64_t count = setOf ? row.maxCount : 1;
-        const uint64_t end = row.offset + count * row.item->recordSize;
+        // Count and critical-flag rows of a map write one word, not a record.
+        const bool word = (row.flags & (DRX_ASN_MAP_COUNT | DRX_ASN_MAP_CRITICAL)) != 0;
+        const uint64_t end = row.offset + count * (word ? sizeof(uint32_t) : row.item->recordSize);
         if ((row.flags & DRX_ASN_SKIP) == 0 && end > item.recordSize) {
             return false;
         }

@@ -9,6 +9,8 @@ namespace {
 
 // Content octets of each known identifier (X.690 8.19).
 constexpr uint8_t kOidUnknown[] = {0xff};  // placeholder; never a valid identifier
+constexpr uint8_t kOidSha1[] = {0x2b, 0x0e, 0x03, 0x02, 0x1a};
+constexpr uint8_t kOidRsaEncryption[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x01, 0x01};
 constexpr uint8_t kOidSha256[] = {0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01};
 constexpr uint8_t kOidSha384[] = {0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x02};
 constexpr uint8_t kOidSha512[] = {0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x03};
@@ -29,6 +31,14 @@ constexpr uint8_t kOidCodeSigning[] = {0x2b, 0x06, 0x01, 0x05, 0x05, 0x07, 0x03,
 constexpr uint8_t kOidTimeStamping[] = {0x2b, 0x06, 0x01, 0x05, 0x05, 0x07, 0x03, 0x08};
 constexpr uint8_t kOidIssuingDistPoint[] = {0x55, 0x1d, 0x1c};
 constexpr uint8_t kOidCrlReasons[] = {0x55, 0x1d, 0x15};
+constexpr uint8_t kOidData[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x01};
+constexpr uint8_t kOidContentType[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x09, 0x03};
+constexpr uint8_t kOidTstInfo[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d,
+                                   0x01, 0x09, 0x10, 0x01, 0x04};
+constexpr uint8_t kOidSigningCert[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d,
+                                       0x01, 0x09, 0x10, 0x02, 0x0c};
+constexpr uint8_t kOidSigningCertV2[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d,
+                                         0x01, 0x09, 0x10, 0x02, 0x2f};
 constexpr uint8_t kOidSignedData[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x02};
 constexpr uint8_t kOidMessageDigest[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x09, 0x04};
 constexpr uint8_t kOidTimestampToken[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d,
@@ -44,9 +54,11 @@ constexpr DorvexOidInfo Entry(DorvexAoid aoid, const uint8_t (&octets)[N], const
 // Search order is table order; the first match wins.
 constexpr DorvexOidInfo g_drxOIDTable[] = {
     Entry(AOID_UNKNOWN, kOidUnknown, "AOID_UNKNOWN"),
+    Entry(AOID_SHA1, kOidSha1, "AOID_SHA1"),
     Entry(AOID_SHA256, kOidSha256, "AOID_SHA256"),
     Entry(AOID_SHA384, kOidSha384, "AOID_SHA384"),
     Entry(AOID_SHA512, kOidSha512, "AOID_SHA512"),
+    Entry(AOID_RSAENCRYPTION, kOidRsaEncryption, "AOID_RSAENCRYPTION"),
     Entry(AOID_SHA256WITHRSAENCRYPTION, kOidSha256Rsa, "AOID_SHA256WITHRSAENCRYPTION"),
     Entry(AOID_SHA384WITHRSAENCRYPTION, kOidSha384Rsa, "AOID_SHA384WITHRSAENCRYPTION"),
     Entry(AOID_SHA512WITHRSAENCRYPTION, kOidSha512Rsa, "AOID_SHA512WITHRSAENCRYPTION"),
@@ -65,13 +77,18 @@ constexpr DorvexOidInfo g_drxOIDTable[] = {
     Entry(AOID_CE_ISSUINGDISTRIBUTIONPOINT, kOidIssuingDistPoint,
           "AOID_CE_ISSUINGDISTRIBUTIONPOINT"),
     Entry(AOID_CE_CRLREASONS, kOidCrlReasons, "AOID_CE_CRLREASONS"),
+    Entry(AOID_PKCS7_DATA, kOidData, "AOID_PKCS7_DATA"),
     Entry(AOID_PKCS7_SIGNEDDATA, kOidSignedData, "AOID_PKCS7_SIGNEDDATA"),
+    Entry(AOID_PKCS9_AT_CONTENTTYPE, kOidContentType, "AOID_PKCS9_AT_CONTENTTYPE"),
     Entry(AOID_PKCS9_AT_MESSAGEDIGEST, kOidMessageDigest, "AOID_PKCS9_AT_MESSAGEDIGEST"),
+    Entry(AOID_CT_TSTINFO, kOidTstInfo, "AOID_CT_TSTINFO"),
+    Entry(AOID_AA_SIGNING_CERTIFICATE, kOidSigningCert, "AOID_AA_SIGNING_CERTIFICATE"),
+    Entry(AOID_AA_SIGNING_CERTIFICATE_V2, kOidSigningCertV2, "AOID_AA_SIGNING_CERTIFICATE_V2"),
     Entry(AOID_PKCS9_AT_TIMESTAMP_TOKEN, kOidTimestampToken, "AOID_PKCS9_AT_TIMESTAMP_TOKEN"),
 };
 
 constexpr uint32_t g_drxOidCount = sizeof(g_drxOIDTable) / sizeof(g_drxOIDTable[0]);
-static_assert(g_drxOidCount == 24);
+static_assert(g_drxOidCount == 31);
 
 namespace {
 
@@ -132,6 +149,22 @@ int32_t DorvexGetHashAoidFromSign(const DorvexX509AlgoIdentifier *alg) {
         case AOID_SHA384WITHRSAENCRYPTION:
             return AOID_SHA384;
         case AOID_SHA512:
+        case AOID_SHA512WITHRSAENCRYPTION:
+            return AOID_SHA512;
+        default:
+            return AOID_UNKNOWN;
+    }
+}
+
+int32_t DorvexGetRsaSignHashAoid(const DorvexX509AlgoIdentifier *alg) {
+    if (alg == nullptr) {
+        return AOID_UNKNOWN;
+    }
+    switch (DorvexFindAoid(&alg->algorithm)) {
+        case AOID_SHA256WITHRSAENCRYPTION:
+            return AOID_SHA256;
+        case AOID_SHA384WITHRSAENCRYPTION:
+            return AOID_SHA384;
         case AOID_SHA512WITHRSAENCRYPTION:
             return AOID_SHA512;
         default:

@@ -17,9 +17,11 @@ extern "C" {
 // AOIDs are fixed values, not table positions; other code uses them directly.
 typedef enum DorvexAoid {
     AOID_UNKNOWN = 0,
+    AOID_SHA1 = 41,  // only for ESS certificate identifiers, never for signatures
     AOID_SHA256 = 43,
     AOID_SHA384 = 44,
     AOID_SHA512 = 45,
+    AOID_RSAENCRYPTION = 60,
     AOID_SHA256WITHRSAENCRYPTION = 63,
     AOID_SHA384WITHRSAENCRYPTION = 64,
     AOID_SHA512WITHRSAENCRYPTION = 65,
@@ -37,8 +39,13 @@ typedef enum DorvexAoid {
     AOID_KP_TIMESTAMPING = 193,
     AOID_CE_ISSUINGDISTRIBUTIONPOINT = 202,
     AOID_CE_CRLREASONS = 204,
+    AOID_PKCS7_DATA = 263,
     AOID_PKCS7_SIGNEDDATA = 264,
+    AOID_PKCS9_AT_CONTENTTYPE = 270,
     AOID_PKCS9_AT_MESSAGEDIGEST = 271,
+    AOID_CT_TSTINFO = 300,
+    AOID_AA_SIGNING_CERTIFICATE = 305,
+    AOID_AA_SIGNING_CERTIFICATE_V2 = 306,
     AOID_PKCS9_AT_TIMESTAMP_TOKEN = 307,
 } DorvexAoid;
 
@@ -68,6 +75,11 @@ const DorvexAsnOcts *DorvexFindOid(int32_t aoid);
 // DorvexGetHashAoidFromSign: the SHA-2 digest AOID named by a digest or an
 // RSA-with-SHA-2 signature algorithm identifier; AOID_UNKNOWN otherwise.
 int32_t DorvexGetHashAoidFromSign(const DorvexX509AlgoIdentifier *alg);
+
+// DorvexGetRsaSignHashAoid: the SHA-2 digest AOID of an RSA-with-SHA-2
+// signature label; AOID_UNKNOWN for anything else, a bare digest identifier
+// included, so a signature field must name an algorithm that fits an RSA key.
+int32_t DorvexGetRsaSignHashAoid(const DorvexX509AlgoIdentifier *alg);
 
 #ifdef __cplusplus
 }

@@ -78,11 +78,27 @@ constexpr DorvexAsnTempl g_templDorvexPkcs7IssuerAndSerial[] = {
     Row(&g_itemDorvexAsnBigint, offsetof(DorvexPkcs7IssuerAndSerial, serialNumber)),
 };
 
+// A map row counting the attributes of `key`.
+constexpr DorvexAsnTempl Counted(DorvexAoid key, uint32_t offset) {
+    return Keyed(&g_itemDorvexAsnOcts, key, offset, kOpt | DRX_ASN_MAP_COUNT);
+}
+
 // SignedAttributes ::= SET SIZE (1..MAX) OF Attribute, dispatched by attrType:
-//     id-messageDigest  -> messageDigest (content of the first value)
+//     id-messageDigest            -> messageDigest (content of its only value), counted
+//     id-contentType              -> contentType (content of its only value), counted
+//     id-aa-signingCertificate    -> signingCertificate (first value, whole)
+//     id-aa-signingCertificateV2  -> signingCertificateV2 (first value, whole)
 constexpr DorvexAsnTempl g_templDorvexX509SignedAttrs[] = {
     Keyed(&g_itemDorvexAsnOcts, AOID_PKCS9_AT_MESSAGEDIGEST,
-          offsetof(DorvexX509SignedAttrs, messageDigest)),
+          offsetof(DorvexX509SignedAttrs, messageDigest), kOpt | DRX_ASN_MAP_ONE_VALUE),
+    Counted(AOID_PKCS9_AT_MESSAGEDIGEST, offsetof(DorvexX509SignedAttrs, messageDigestCount)),
+    Keyed(&g_itemDorvexAsnOcts, AOID_PKCS9_AT_CONTENTTYPE,
+          offsetof(DorvexX509SignedAttrs, contentType), kOpt | DRX_ASN_MAP_ONE_VALUE),
+    Counted(AOID_PKCS9_AT_CONTENTTYPE, offsetof(DorvexX509SignedAttrs, contentTypeCount)),
+    Keyed(&g_itemDorvexAsnOcts, AOID_AA_SIGNING_CERTIFICATE,
+          offsetof(DorvexX509SignedAttrs, signingCertificate), kOpt | kWhole),
+    Keyed(&g_itemDorvexAsnOcts, AOID_AA_SIGNING_CERTIFICATE_V2,
+          offsetof(DorvexX509SignedAttrs, signingCertificateV2), kOpt | kWhole),
 };
 
 // UnsignedAttributes ::= SET SIZE (1..MAX) OF Attribute, dispatched by attrType:
@@ -97,7 +113,7 @@ constexpr DorvexAsnTempl g_templDorvexX509UnsignedAttrs[] = {
 //     sid                 SignerIdentifier,                  -- issuerAndSerialNumber only
 //     digestAlgorithm     DigestAlgorithmIdentifier,
 //     signedAttrs         [0] IMPLICIT SignedAttributes OPTIONAL,  -- captured whole, then decoded
-//     signatureAlgorithm  SignatureAlgorithmIdentifier,      -- not examined
+//     signatureAlgorithm  SignatureAlgorithmIdentifier,
 //     signature           SignatureValue,
 //     unsignedAttrs       [1] IMPLICIT UnsignedAttributes OPTIONAL }
 // RFC 5652 5.4: the signature covers signedAttrs with the SET tag 0x31 in
@@ -110,7 +126,7 @@ constexpr DorvexAsnTempl g_templDorvexPkcs7SignedInfo[] = {
            offsetof(DorvexPkcs7SignedInfo, signedAttrsRaw), kOpt | DRX_ASN_PEEK | kWhole),
     Tagged(&g_itemDorvexX509SignedAttrs, kImplicit, 0, offsetof(DorvexPkcs7SignedInfo, signedAttrs),
            kOpt),
-    Row(&g_itemDorvexAsnSeq, 0, kSkip),
+    Row(&g_itemDorvexX509AlgoIdentifier, offsetof(DorvexPkcs7SignedInfo, signatureAlgorithm)),
     Row(&g_itemDorvexAsnOcts, offsetof(DorvexPkcs7SignedInfo, signature)),
     Tagged(&g_itemDorvexX509UnsignedAttrs, kImplicit, 1,
            offsetof(DorvexPkcs7SignedInfo, unsignedAttrs), kOpt),
@@ -145,6 +161,44 @@ constexpr DorvexAsnTempl g_templDorvexPkcs7SignedData[] = {
 constexpr DorvexAsnTempl g_templDorvexPkcs7Content[] = {
     Row(&g_itemDorvexAsnOcts, offsetof(DorvexPkcs7Content, contentType)),
     Tagged(&g_itemDorvexPkcs7SignedData, kExplicit, 0, offsetof(DorvexPkcs7Content, signedData)),
+};
+
+// ---- ESS signing certificate ------------------------------------------------
+
+// The first certificate identifier of a signing-certificate attribute.
+struct DorvexEssCertId {
+    DorvexX509AlgoIdentifier hashAlgorithm;  // v2 only; empty means SHA-256
+    DorvexAsnOcts certHash;
+};
+
+constexpr DorvexAsnItem g_itemDorvexEssOctetString = {
+    nullptr, &g_drxAsnFuncOct, DRX_ASN_CLASS_UNIVERSAL, 0, 4, 0, sizeof(DorvexAsnOcts)};
+
+// ESSCertID ::= SEQUENCE {
+//     certHash      OCTET STRING,             -- SHA-1 of the whole certificate
+//     issuerSerial  IssuerSerial OPTIONAL }   -- stepped over: the hash names the certificate
+constexpr DorvexAsnTempl g_templDorvexEssCertId[] = {
+    Row(&g_itemDorvexEssOctetString, offsetof(DorvexEssCertId, certHash)),
+    Row(&g_itemDorvexAsnSeq, 0, kOpt | kSkip),
+};
+
+// ESSCertIDv2 ::= SEQUENCE {
+//     hashAlgorithm  AlgorithmIdentifier DEFAULT {algorithm id-sha256},
+//     certHash       OCTET STRING,
+//     issuerSerial   IssuerSerial OPTIONAL }   -- stepped over
+constexpr DorvexAsnTempl g_templDorvexEssCertIdV2[] = {
+    Row(&g_itemDorvexX509AlgoIdentifier, offsetof(DorvexEssCertId, hashAlgorithm), kOpt),
+    Row(&g_itemDorvexEssOctetString, offsetof(DorvexEssCertId, certHash)),
+    Row(&g_itemDorvexAsnSeq, 0, kOpt | kSkip),
+};
+
+// SigningCertificate ::= SEQUENCE {                      -- and SigningCertificateV2
+//     certs     SEQUENCE OF ESSCertID,                  -- the first one is read
+//     policies  SEQUENCE OF PolicyInformation OPTIONAL }  -- stepped over
+// The record is the certs element's content, where the first ESSCertID begins.
+constexpr DorvexAsnTempl g_templDorvexEssSigningCert[] = {
+    Row(&g_itemDorvexAsnSeq, 0),
+    Row(&g_itemDorvexAsnSeq, 0, kOpt | kSkip),
 };
 
 // ---- TSTInfo ----------------------------------------------------------------
@@ -217,6 +271,17 @@ constexpr DorvexAsnItem g_itemDorvexTsMsgImprint =
     Structured(g_templDorvexTsMsgImprint, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexTsMsgImprint));
 constexpr DorvexAsnItem g_itemDorvexTimestampInfo =
     Structured(g_templDorvexTimestampInfo, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexTimestampInfo));
+
+namespace {
+
+constexpr DorvexAsnItem g_itemDorvexEssCertId =
+    Structured(g_templDorvexEssCertId, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexEssCertId));
+constexpr DorvexAsnItem g_itemDorvexEssCertIdV2 =
+    Structured(g_templDorvexEssCertIdV2, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexEssCertId));
+constexpr DorvexAsnItem g_itemDorvexEssSigningCert =
+    Structured(g_templDorvexEssSigningCert, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexAsnOcts));
+
+}  // namespace
 
 // The SET OF decoder stores the count in the record's first word.
 static_assert(offsetof(DorvexX509CertRawBundle, count) == 0 &&
@@ -306,4 +371,38 @@ void DorvexPkcs7FreeSigned(DorvexPkcs7Content *content) {
     }
     InternalReleaseCerts(content->signedData.certList);
     DorvexAsnFree(content, &g_itemDorvexPkcs7Content);
+}
+
+uint32_t DorvexPkcs7EssCertHash(const DorvexAsnOcts *value, uint32_t v2, int32_t *hashAoid,
+                                DorvexAsnOcts *certHash) {
+    if (value == nullptr || value->data == nullptr || value->len == 0 || hashAoid == nullptr ||
+        certHash == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    void *record = nullptr;
+    uint32_t used = 0;
+    if (DorvexAsnDecode(value->data, value->len, &g_itemDorvexEssSigningCert, 0, &record, &used) !=
+        DORVEX_OK) {
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    const DorvexAsnOcts certs = *static_cast<DorvexAsnOcts *>(record);
+    DorvexAsnFree(record, &g_itemDorvexEssSigningCert);
+    // An empty list names no certificate, which cannot be the one that signed.
+    if (certs.data == nullptr || certs.len == 0 ||
+        DorvexAsnDecode(certs.data, certs.len,
+                        v2 != 0 ? &g_itemDorvexEssCertIdV2 : &g_itemDorvexEssCertId, 0, &record,
+                        &used) != DORVEX_OK) {
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    const auto *id = static_cast<const DorvexEssCertId *>(record);
+    if (v2 == 0) {
+        *hashAoid = AOID_SHA1;
+    } else if (id->hashAlgorithm.algorithm.data == nullptr) {
+        *hashAoid = AOID_SHA256;
+    } else {
+        *hashAoid = DorvexFindAoid(&id->hashAlgorithm.algorithm);
+    }
+    *certHash = id->certHash;
+    DorvexAsnFree(record, v2 != 0 ? &g_itemDorvexEssCertIdV2 : &g_itemDorvexEssCertId);
+    return DORVEX_OK;
 }

@@ -3,9 +3,9 @@
 // The model keeps what a verifier of one detached signature with a
 // timestamp needs: at most two embedded certificates, at most one signer
 // with issuer and serial number, digest algorithm, signed attributes both as
-// raw bytes (for hashing) and decoded (the message digest), the signature
-// value and the timestamp token. Digest algorithm sets, CRLs, the signer's
-// signature algorithm and the content-type identifiers are stepped over.
+// raw bytes (for hashing) and decoded (message digest, content type, ESS
+// certificate identifier), the signature algorithm and value and the
+// timestamp token. Digest algorithm sets and CRLs are stepped over.
 //
 // Every DorvexAsnOcts-like member points into the DER input, and so do the
 // certificates in certList: the input must outlive the record.
@@ -45,9 +45,17 @@ typedef struct DorvexPkcs7IssuerAndSerial {
 } DorvexPkcs7IssuerAndSerial;
 
 // Signed attributes: the content of the messageDigest value (the digest
-// bytes); empty when the attribute is absent.
+// bytes); empty when the attribute is absent. Behind it what RFC 5652 11.1,
+// 11.2 and RFC 3161 2.4.1 ask of the set: the contentType value (identifier
+// content octets), how often each of the two occurs, and the first value of
+// an ESS signing-certificate attribute, whole.
 typedef struct DorvexX509SignedAttrs {
     DorvexAsnOcts messageDigest;
+    DorvexAsnOcts contentType;
+    uint32_t messageDigestCount;
+    uint32_t contentTypeCount;
+    DorvexAsnOcts signingCertificate;    // SigningCertificate (ESSCertID, SHA-1)
+    DorvexAsnOcts signingCertificateV2;  // SigningCertificateV2 (ESSCertIDv2)
 } DorvexX509SignedAttrs;
 
 // Unsigned attributes: the first id-aa-timeStampToken value, whole (a
@@ -67,6 +75,7 @@ typedef struct DorvexPkcs7SignedInfo {
     DorvexX509SignedAttrs signedAttrs;
     DorvexAsnOcts signature;
     DorvexX509UnsignedAttrs unsignedAttrs;
+    DorvexX509AlgoIdentifier signatureAlgorithm;  // the label the signer gave its signature
 } DorvexPkcs7SignedInfo;
 
 typedef struct DorvexPkcs7SignedInfoBundle {
@@ -123,6 +132,16 @@ extern const DorvexAsnItem g_itemDorvexTsMsgImprint;
 // *content left none.
 uint32_t DorvexPkcs7DecodeSigned(const uint8_t *data, uint32_t size, DorvexPkcs7Content **content,
                                  uint32_t *consumed);
+
+// DorvexPkcs7EssCertHash: the first certificate identifier of an ESS
+// signing-certificate attribute value (RFC 2634 5.4: SigningCertificate,
+// whose ESSCertID hashes with SHA-1; RFC 5035 3: SigningCertificateV2, whose
+// ESSCertIDv2 names its hash, SHA-256 when left out). *hashAoid is the
+// hash's AOID (AOID_UNKNOWN for one outside the table) and *certHash points
+// into `value`. DORVEX_ERR_PARAM for a missing argument, DORVEX_ERR_PKCS7_DECODE
+// when the value does not decode.
+uint32_t DorvexPkcs7EssCertHash(const DorvexAsnOcts *value, uint32_t v2, int32_t *hashAoid,
+                                DorvexAsnOcts *certHash);
 
 // DorvexPkcs7FreeSigned: drops the record's reference on every certificate
 // in certList, then releases the record. A missing record is ignored.

@@ -63,8 +63,9 @@ extern "C" uint32_t DorvexX509PubKeyVerify(const uint8_t *data, uint32_t dataLen
     if (data == nullptr || signature == nullptr || key == nullptr || result == nullptr) {
         return DORVEX_ERR_PARAM;
     }
-    // Only SHA-2: a SHA-1 or unknown algorithm is refused before the key is touched.
-    const int32_t digest = DorvexGetHashAoidFromSign(algorithm);
+    // Only RSA with SHA-2, the one kind of key there is: a SHA-1, bare-digest
+    // or unknown label is refused before the key is touched.
+    const int32_t digest = DorvexGetRsaSignHashAoid(algorithm);
     if (digest == AOID_UNKNOWN) {
         DORVEX_LOG_ERR(DORVEX_ERR_SIGN_ALG, "Unsupported signature algorithm.");
         return DORVEX_ERR_SIGN_ALG;

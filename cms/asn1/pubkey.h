@@ -26,7 +26,7 @@ uint32_t DorvexX509ExtractPublicKey(const DorvexX509Cert *cert, DorvexBigInt *ex
 // with `key`, the digest taken from `algorithm`. Returns 0 with *result 1 for
 // a valid and 0 for an invalid signature (an invalid signature is no error);
 // DORVEX_ERR_PARAM for missing arguments, DORVEX_ERR_SIGN_ALG when the
-// algorithm names no SHA-2 digest, the provider's code when it fails.
+// algorithm is not RSA with SHA-2, the provider's code when it fails.
 uint32_t DorvexX509PubKeyVerify(const uint8_t *data, uint32_t dataLength, const uint8_t *signature,
                                 uint32_t signatureLength, const DorvexRsaPublicKey *key,
                                 const DorvexX509AlgoIdentifier *algorithm, uint32_t *result);

@@ -4,10 +4,10 @@
 // Only what the verifier reads is kept. Of the extensions, basic
 // constraints, key usage and extended key usage (certificates), the issuing
 // distribution point (CRLs) and the reason code (CRL entries) are decoded;
-// every other extension is skipped, critical or not, which departs from
-// RFC 5280 4.2 on purpose. Failures inside an optional list (extensions,
-// revoked entries) make the list count as absent, so the enclosing SEQUENCE
-// reports its left-over bytes.
+// every other extension is skipped, but a critical one is recorded so that
+// path validation and CRL choice can refuse the record (RFC 5280 4.2, 5.2). Failures inside an
+// optional list (extensions, revoked entries) make the list count as absent, so the enclosing
+// SEQUENCE reports its left-over bytes.
 #include "cms/asn1/x509.h"
 
 #include <cstddef>
@@ -41,6 +41,17 @@ constexpr DorvexAsnTempl Elements(const DorvexAsnItem *item, uint32_t offset, ui
 // A row of a map item, selected by the entry's identifier.
 constexpr DorvexAsnTempl Keyed(const DorvexAsnItem *item, DorvexAoid key, uint32_t offset) {
     return DorvexAsnTempl{item, static_cast<uint32_t>(key), DRX_ASN_TAG_UNIVERSAL, kOpt, offset, 0};
+}
+
+// A map row recording the critical flag of the entries with `key`; with
+// AOID_UNKNOWN, of every critical entry no other row reads.
+constexpr DorvexAsnTempl Critical(DorvexAoid key, uint32_t offset) {
+    return DorvexAsnTempl{&g_itemDorvexAsnBool,
+                          static_cast<uint32_t>(key),
+                          DRX_ASN_TAG_UNIVERSAL,
+                          kOpt | DRX_ASN_MAP_CRITICAL,
+                          offset,
+                          0};
 }
 
 template <size_t N>
@@ -104,21 +115,34 @@ constexpr DorvexAsnTempl g_templDorvexX509PubkeyInfo[] = {
 
 // BasicConstraints ::= SEQUENCE {
 //     cA                 BOOLEAN DEFAULT FALSE,
-//     pathLenConstraint  INTEGER (0..MAX) OPTIONAL }   -- stepped over
+//     pathLenConstraint  INTEGER (0..MAX) OPTIONAL }   -- stepped over (see PathLen)
 constexpr DorvexAsnTempl g_templDorvexX509BasicConstraints[] = {
     Row(&g_itemDorvexAsnBool, offsetof(DorvexX509BasicConstraints, isCA), kDef),
     Row(&g_itemDorvexAsnOcts, 0, kOpt | kSkip),
 };
 
+// The same BasicConstraints read for its path length alone:
+//     cA                 -- stepped over
+//     pathLenConstraint  -> the DorvexAsnBigint record itself
+constexpr DorvexAsnTempl g_templDorvexX509PathLen[] = {
+    Row(&g_itemDorvexAsnBool, 0, kDef | kSkip),
+    Row(&g_itemDorvexAsnBigint, 0, kOpt),
+};
+
 // Extensions ::= SEQUENCE SIZE (1..MAX) OF Extension, dispatched by extnID:
-//     id-ce-basicConstraints  -> isCA
+//     id-ce-basicConstraints  -> isCA, pathLenConstraint
 //     id-ce-keyUsage          -> keyUsage (KeyUsage BIT STRING octets)
-//     id-ce-extKeyUsage       -> extKeyUsage (first KeyPurposeId only)
+//     id-ce-extKeyUsage       -> extKeyUsage (every KeyPurposeId), extKeyUsageCritical
+//     any other, critical     -> unknownCritical
 constexpr DorvexAsnTempl g_templDorvexX509CertExts[] = {
     Keyed(&g_itemDorvexX509BasicConstraints, AOID_CE_BASICCONSTRAINTS,
           offsetof(DorvexX509CertExts, isCA)),
+    Keyed(&g_itemDorvexX509PathLen, AOID_CE_BASICCONSTRAINTS,
+          offsetof(DorvexX509CertExts, pathLenConstraint)),
     Keyed(&g_itemDorvexAsnBitsToInt, AOID_CE_KEYUSAGE, offsetof(DorvexX509CertExts, keyUsage)),
     Keyed(&g_itemDorvexAsnExku, AOID_CE_EXTKEYUSAGE, offsetof(DorvexX509CertExts, extKeyUsage)),
+    Critical(AOID_CE_EXTKEYUSAGE, offsetof(DorvexX509CertExts, extKeyUsageCritical)),
+    Critical(AOID_UNKNOWN, offsetof(DorvexX509CertExts, unknownCritical)),
 };
 
 // TBSCertificate ::= SEQUENCE {
@@ -161,8 +185,10 @@ constexpr DorvexAsnTempl g_templDorvexX509Cert[] = {
 
 // crlEntryExtensions, dispatched by extnID:
 //     id-ce-cRLReasons  -> reasonCode (CRLReason ENUMERATED)
+//     any other, critical -> unknownCritical
 constexpr DorvexAsnTempl g_templDorvexX509RevokeAttrs[] = {
     Keyed(&g_itemDorvexAsnEnum, AOID_CE_CRLREASONS, offsetof(DorvexX509RevokeAttrs, reasonCode)),
+    Critical(AOID_UNKNOWN, offsetof(DorvexX509RevokeAttrs, unknownCritical)),
 };
 
 // SEQUENCE {
@@ -206,9 +232,11 @@ constexpr DorvexAsnTempl g_templDorvexX509IssuingDistPoint[] = {
 
 // crlExtensions, dispatched by extnID:
 //     id-ce-issuingDistributionPoint  -> issuingDistPoint
+//     any other, critical             -> unknownCritical
 constexpr DorvexAsnTempl g_templDorvexX509CrlAttrs[] = {
     Keyed(&g_itemDorvexX509IssuingDistPoint, AOID_CE_ISSUINGDISTRIBUTIONPOINT,
           offsetof(DorvexX509CrlAttrs, issuingDistPoint)),
+    Critical(AOID_UNKNOWN, offsetof(DorvexX509CrlAttrs, unknownCritical)),
 };
 
 // TBSCertList ::= SEQUENCE {
@@ -267,6 +295,8 @@ constexpr DorvexAsnItem g_itemDorvexX509PubkeyInfo =
     Structured(g_templDorvexX509PubkeyInfo, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509PubkeyInfo));
 constexpr DorvexAsnItem g_itemDorvexX509BasicConstraints = Structured(
     g_templDorvexX509BasicConstraints, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509BasicConstraints));
+constexpr DorvexAsnItem g_itemDorvexX509PathLen =
+    Structured(g_templDorvexX509PathLen, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexAsnBigint));
 constexpr DorvexAsnItem g_itemDorvexX509CertExts =
     Structured(g_templDorvexX509CertExts, kMap, DRX_ASN_SEQUENCE, sizeof(DorvexX509CertExts));
 constexpr DorvexAsnItem g_itemDorvexX509CertInfo =
@@ -294,7 +324,7 @@ static_assert(offsetof(DorvexX509Name, count) == 0 && offsetof(DorvexX509AttrBun
               offsetof(DorvexX509Revoked, count) == 0);
 // The map rows write 32-bit values into these members.
 static_assert(sizeof(DorvexX509BasicConstraints) == sizeof(DorvexAsnInt) &&
-              sizeof(DorvexX509CertExts) == 3 * sizeof(uint32_t));
+              sizeof(DorvexX509CertExts::extKeyUsageCritical) == sizeof(uint32_t));
 
 // ---- decode and release -----------------------------------------------------
 
@@ -337,7 +367,11 @@ void InternalRelease(Record *record, const DorvexAsnItem &item) {
 
 uint32_t DorvexX509DecodeCert(const uint8_t *data, uint32_t size, DorvexX509Cert **cert,
                               uint32_t *consumed) {
-    return InternalDecodeCounted(data, size, g_itemDorvexX509Cert, cert, consumed);
+    const uint32_t ret = InternalDecodeCounted(data, size, g_itemDorvexX509Cert, cert, consumed);
+    if (ret == DORVEX_OK) {
+        (*cert)->raw = DorvexAsnOcts{*consumed, DRX_ASN_CLASS_UNIVERSAL, 1, DRX_ASN_SEQUENCE, data};
+    }
+    return ret;
 }
 
 void DorvexX509FreeCert(DorvexX509Cert *cert) {

@@ -70,16 +70,24 @@ typedef struct DorvexX509PubkeyInfo {
     DorvexRsaPublicKey subjectPublicKey;  // read from inside the BIT STRING
 } DorvexX509PubkeyInfo;
 
-// What basic constraints leave behind: the path length is not recorded.
+// What basic constraints leave behind of cA; the path length has an item
+// of its own (g_itemDorvexX509PathLen), read from the same extension.
 typedef struct DorvexX509BasicConstraints {
     uint32_t isCA;
 } DorvexX509BasicConstraints;
 
-// The three certificate extensions the verifier understands; 0 when absent.
+// The certificate extensions the verifier understands; 0 when absent.
 typedef struct DorvexX509CertExts {
     uint32_t isCA;         // basicConstraints cA
-    uint32_t keyUsage;     // first bit-string octet, or the first two big-endian
-    uint32_t extKeyUsage;  // DRX_EXKU_... of the first purpose
+    uint32_t keyUsage;     // first bit-string octet, the second (if any) in bits 8-15
+    uint32_t extKeyUsage;  // DRX_EXKU_... of every purpose
+    uint32_t extKeyUsageCritical;
+    // 1 when a critical extension is present that none of the above reads:
+    // such a certificate must not be used (RFC 5280 4.2).
+    uint32_t unknownCritical;
+    // basicConstraints pathLenConstraint as INTEGER content; tagCode is
+    // DRX_ASN_INTEGER when present, 0 when absent.
+    DorvexAsnBigint pathLenConstraint;
 } DorvexX509CertExts;
 
 typedef struct DorvexX509CertInfo {
@@ -99,12 +107,14 @@ typedef struct DorvexX509Cert {
     // Outside the template, zero after decoding.
     struct DorvexX509Cert *issuerCert;  // verified issuer (itself when self-signed)
     int32_t refCount;
+    DorvexAsnOcts raw;  // the whole certificate DER, as ESS identifiers hash it
 } DorvexX509Cert;
 
 // ---- CRLs -------------------------------------------------------------------
 
 typedef struct DorvexX509RevokeAttrs {
-    DorvexAsnInt reasonCode;  // CRLReason; 0 also when absent
+    DorvexAsnInt reasonCode;   // CRLReason; 0 also when absent
+    uint32_t unknownCritical;  // a critical entry extension not read here
 } DorvexX509RevokeAttrs;
 
 typedef struct DorvexX509RevokeEntry {
@@ -129,6 +139,9 @@ typedef struct DorvexX509IssuingDistPoint {
 
 typedef struct DorvexX509CrlAttrs {
     DorvexX509IssuingDistPoint issuingDistPoint;
+    // A critical CRL extension not read here (a delta-CRL indicator, for
+    // one): the CRL must not be used (RFC 5280 5.2).
+    uint32_t unknownCritical;
 } DorvexX509CrlAttrs;
 
 typedef struct DorvexX509CrlInfo {
@@ -162,6 +175,7 @@ extern const DorvexAsnItem g_itemDorvexX509AttrBundle;
 extern const DorvexAsnItem g_itemDorvexX509AttrEntry;
 extern const DorvexAsnItem g_itemDorvexX509CertExts;
 extern const DorvexAsnItem g_itemDorvexX509BasicConstraints;
+extern const DorvexAsnItem g_itemDorvexX509PathLen;
 extern const DorvexAsnItem g_itemDorvexX509Crl;
 extern const DorvexAsnItem g_itemDorvexX509CrlInfo;
 extern const DorvexAsnItem g_itemDorvexX509Revoked;

@@ -50,12 +50,39 @@ bool ListsSerial(const DorvexX509Crl &crl, const DorvexAsnBigint &serial) {
     return false;
 }
 
+// InternalCrlUsableFor: whether the CRL may judge `cert` at all. RFC 5280
+// 5.2.5: a CRL limited to CA certificates says nothing about an end entity,
+// one limited to user certificates nothing about a CA, one limited to
+// attribute certificates nothing about either, and one limited to some
+// revocation reasons cannot show that none of the others applies. RFC 5280
+// 5.2, 5.3: a critical extension this verifier does not read, on the CRL or
+// on one of its entries, forbids using the CRL (a delta CRL, for one, is
+// not a complete list).
+bool InternalCrlUsableFor(const DorvexX509Crl &crl, const DorvexX509Cert &cert) {
+    const DorvexX509IssuingDistPoint &idp = crl.crlInfo.crlExtensions.issuingDistPoint;
+    const bool isCa = cert.certInfo.extensions.isCA != 0;
+    if ((idp.onlyContainsCACerts == 1 && !isCa) || (idp.onlyContainsUserCerts == 1 && isCa) ||
+        idp.onlyContainsAttributeCerts == 1 || idp.onlySomeReasons.tagCode != 0) {
+        return false;
+    }
+    if (crl.crlInfo.crlExtensions.unknownCritical != 0) {
+        return false;
+    }
+    for (int32_t i = 0; i < RevokedCount(crl); ++i) {
+        if (crl.crlInfo.revokedCertificates.entries[i].crlEntryExtensions.unknownCritical != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // InternalCrlGetScore: the score of one CRL for `cert`, or 0 when the CRL
-// cannot speak for it (no issuer relation, no signer chaining to `root`, no
-// readable nextUpdate, or expired without listing the certificate).
+// cannot speak for it (out of its scope, no issuer relation, no signer
+// chaining to `root`, no readable nextUpdate, or expired without listing the
+// certificate).
 uint32_t InternalCrlGetScore(const DorvexVrfCtx *ctx, const DorvexX509Cert *cert,
                              const DorvexX509Cert *root, const DorvexX509Crl *crl) {
-    if (cert->certInfo.issuer.count == 0) {
+    if (cert->certInfo.issuer.count == 0 || !InternalCrlUsableFor(*crl, *cert)) {
         return 0;
     }
     const bool same = DorvexCompareX509Name(&cert->certInfo.issuer, &crl->crlInfo.issuer) == 0;

@@ -23,6 +23,11 @@ extern "C" {
 typedef struct DorvexPkiStore {
     DorvexList certs;  // DorvexX509Cert *
     DorvexList crls;   // DorvexX509Crl *
+    // What DorvexPkiFindCrlIssuer learnt of the CRL at the same index: its
+    // signer once found, and how many certificates had been tried when none
+    // was, so each CRL signature is checked once per certificate at most.
+    DorvexX509Cert *crlSigner[DORVEX_LIST_CAPACITY];
+    int32_t crlSignerTried[DORVEX_LIST_CAPACITY];
 } DorvexPkiStore;
 
 // ---- list ------------------------------------------------------------------
@@ -71,7 +76,8 @@ DorvexX509Cert *DorvexPkiFindCertByIssuerSn(const DorvexVrfCtx *ctx, const Dorve
 
 // DorvexPkiFindCrlIssuer: the first stored certificate whose subject is the
 // CRL's issuer, whose key usage has cRLSign and whose key verifies the CRL's
-// signature; null when none does. Not cached: signatures are checked anew.
+// signature; null when none does. For a CRL of the store the answer is
+// remembered: later calls check only certificates added since.
 DorvexX509Cert *DorvexPkiFindCrlIssuer(const DorvexVrfCtx *ctx, const DorvexX509Crl *crl);
 
 // ---- path verification -----------------------------------------------------

@@ -98,28 +98,55 @@ DorvexX509Cert *DorvexPkiFindCertByIssuerSn(const DorvexVrfCtx *ctx, const Dorve
     return nullptr;
 }
 
+namespace {
+
+// Whether `cert` signed `crl`: subject is the CRL's issuer, cRLSign, and its
+// key verifies the CRL's signature.
+bool InternalSignedCrl(const DorvexX509Cert &cert, const DorvexX509Crl &crl) {
+    if (DorvexCompareX509Name(&cert.certInfo.subject, &crl.crlInfo.issuer) != 0 ||
+        (cert.certInfo.extensions.keyUsage & kDrxKuCrlSign) == 0) {
+        return false;
+    }
+    uint32_t verdict = 0;
+    const uint32_t ret = DorvexX509PubKeyVerify(
+        crl.tbsRaw.data, crl.tbsRaw.len, crl.signature.data, crl.signature.len,
+        &cert.certInfo.subjectPublicKeyInfo.subjectPublicKey, &crl.signatureAlgorithm, &verdict);
+    return ret == DORVEX_OK && verdict == 1;
+}
+
+}  // namespace
+
 // No basic-constraints check here: a CRL signer need only hold cRLSign, and
-// its own path is verified by whoever uses the CRL.
+// its own path is verified by whoever uses the CRL. The store only grows at
+// its end, so a remembered signer stays the first that fits.
 DorvexX509Cert *DorvexPkiFindCrlIssuer(const DorvexVrfCtx *ctx, const DorvexX509Crl *crl) {
     if (ctx == nullptr || ctx->pki == nullptr || crl == nullptr) {
         return nullptr;
     }
-    const DorvexList &certs = ctx->pki->certs;
-    for (int32_t i = 0; i < DrxListCount(certs); ++i) {
-        auto *cert = static_cast<DorvexX509Cert *>(certs.items[i]);
-        if (cert == nullptr ||
-            DorvexCompareX509Name(&cert->certInfo.subject, &crl->crlInfo.issuer) != 0 ||
-            (cert->certInfo.extensions.keyUsage & kDrxKuCrlSign) == 0) {
-            continue;
+    DorvexPkiStore &store = *ctx->pki;
+    int32_t slot = -1;
+    for (int32_t i = 0; i < DrxListCount(store.crls); ++i) {
+        if (store.crls.items[i] == crl) {
+            slot = i;
+            break;
         }
-        uint32_t verdict = 0;
-        uint32_t ret = DorvexX509PubKeyVerify(crl->tbsRaw.data, crl->tbsRaw.len,
-                                              crl->signature.data, crl->signature.len,
-                                              &cert->certInfo.subjectPublicKeyInfo.subjectPublicKey,
-                                              &crl->signatureAlgorithm, &verdict);
-        if (ret == DORVEX_OK && verdict == 1) {
+    }
+    if (slot >= 0 && store.crlSigner[slot] != nullptr) {
+        return store.crlSigner[slot];
+    }
+    const int32_t from = slot >= 0 ? store.crlSignerTried[slot] : 0;
+    const int32_t count = DrxListCount(store.certs);
+    for (int32_t i = from < 0 ? 0 : from; i < count; ++i) {
+        auto *cert = static_cast<DorvexX509Cert *>(store.certs.items[i]);
+        if (cert != nullptr && InternalSignedCrl(*cert, *crl)) {
+            if (slot >= 0) {
+                store.crlSigner[slot] = cert;
+            }
             return cert;
         }
+    }
+    if (slot >= 0) {
+        store.crlSignerTried[slot] = count;
     }
     return nullptr;
 }

@@ -3,9 +3,8 @@
 //
 // Departures from RFC 5280 6.1, on purpose: paths are built backwards from
 // the certificate through the store and end at any self-signed certificate
-// in it; pathLenConstraint, policies, name constraints and extended key usage
-// are not examined here; a self-signed certificate is trusted without a
-// revocation check.
+// in it; policies, name constraints and extended key usage are not examined
+// here; a self-signed certificate is trusted without a revocation check.
 #include "cms/asn1/oid.h"
 #include "cms/asn1/pubkey.h"
 #include "cms/pki/internal.h"
@@ -42,6 +41,60 @@ uint32_t InternalVerifyCertificate(const DorvexVrfCtx *ctx, DorvexX509Cert *cert
     return DORVEX_OK;
 }
 
+// Path length a CA allows below itself; no constraint is no limit.
+uint64_t InternalPathLenLimit(const DorvexX509CertExts &ext) {
+    const DorvexAsnBigint &pathLen = ext.pathLenConstraint;
+    if (pathLen.tagCode != DRX_ASN_INTEGER || pathLen.len > sizeof(uint64_t)) {
+        return UINT64_MAX;
+    }
+    uint64_t value = 0;
+    for (uint32_t i = 0; i < pathLen.len; ++i) {
+        value = value << 8 | pathLen.data[i];
+    }
+    return value;
+}
+
+// InternalCheckPathConstraints: every certificate from `cert` up to its root
+// carries no critical extension this verifier does not read (RFC 5280 4.2),
+// and every CA above `cert` has no more intermediate CAs (self-issued ones
+// not counted) below it than its pathLenConstraint allows (RFC 5280
+// 4.2.1.9, 6.1.4 (l)-(m)). The issuers are the cached ones that the root
+// search has just found.
+uint32_t InternalCheckPathConstraints(const DorvexVrfCtx *ctx, DorvexX509Cert *cert) {
+    DorvexX509Cert *current = cert;
+    uint64_t intermediates = 0;
+    for (uint32_t depth = 0;; ++depth) {
+        const DorvexX509CertExts &ext = current->certInfo.extensions;
+        if (ext.unknownCritical != 0) {
+            DORVEX_LOG_ERR(DORVEX_ERR_CERT_CRITICAL_EXT,
+                           "Certificate on the path has an unknown critical extension.");
+            return DORVEX_ERR_CERT_CRITICAL_EXT;
+        }
+        if (depth > 0 && intermediates > InternalPathLenLimit(ext)) {
+            DORVEX_LOG_ERR(DORVEX_ERR_PATH_TOO_DEEP, "Path is longer than a CA allows.");
+            return DORVEX_ERR_PATH_TOO_DEEP;
+        }
+        uint32_t selfSigned = 0;
+        uint32_t ret = DorvexX509IsSelfSigned(current, &selfSigned);
+        if (ret != DORVEX_OK) {
+            return ret;
+        }
+        if (selfSigned == 1) {
+            return DORVEX_OK;
+        }
+        DorvexX509Cert *issuer =
+            depth < kDrxMaxRootDepth ? InternalFindCertIssuer(&ctx->pki->certs, current) : nullptr;
+        if (issuer == nullptr) {
+            return DORVEX_ERR_NO_ROOT;
+        }
+        if (depth > 0 &&
+            DorvexCompareX509Name(&current->certInfo.subject, &current->certInfo.issuer) != 0) {
+            ++intermediates;
+        }
+        current = issuer;
+    }
+}
+
 // The body of one verification level: the certificate, then, while the CRL
 // that judged it is indirect, its issuers. The climb ends: every step has
 // found a root through the same cached issuer links, at most
@@ -60,6 +113,12 @@ uint32_t VerifyPath(DorvexVrfCtx *ctx, DorvexX509Cert *cert, uint32_t strictRevo
         const DorvexX509Cert *root = InternalFindCertRoot(ctx, current, 0);
         if (root == nullptr) {
             return DORVEX_ERR_NO_ROOT;
+        }
+        if (current == cert) {
+            ret = InternalCheckPathConstraints(ctx, cert);
+            if (ret != DORVEX_OK) {
+                return ret;
+            }
         }
         DorvexX509Crl *crl = nullptr;
         ret = InternalFindBestCrlOfCert(ctx, current, root, strictRevocation, &crl);

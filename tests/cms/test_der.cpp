@@ -142,7 +142,7 @@ TEST(DerPrimitive, Table) {
         {"bits without content", B, "03 00", DORVEX_ERR_ASN_BITS},
         {"bits constructed", B, "23 02 0080", DORVEX_ERR_ASN_TAG},
         {"key usage one octet", K, "03 02 07 80", DORVEX_OK, "80"},
-        {"key usage two octets", K, "03 03 07 8680", DORVEX_OK, "8680"},
+        {"key usage two octets: first octet low", K, "03 03 07 0880", DORVEX_OK, "8008"},
         {"key usage three octets", K, "03 04 00 010203", DORVEX_ERR_ASN_BITS},
         {"key usage without bits", K, "03 01 00", DORVEX_ERR_ASN_BITS},
     };
@@ -208,13 +208,22 @@ constexpr DorvexAsnItem kInts = {kIntsRow, &g_drxAsnFuncSetOf, 0, 1, 17, 1, size
 struct Exts {
     uint32_t keyUsage;
     uint32_t extKeyUsage;
+    uint32_t ekuCritical;
+    uint32_t unknownCritical;
+    uint32_t keyUsageCount;
 };
+constexpr uint16_t kMapOpt = DRX_ASN_OPTIONAL;
 constexpr DorvexAsnTempl kExtsRows[] = {
-    Row(&g_itemDorvexAsnBitsToInt, offsetof(Exts, keyUsage), DRX_ASN_OPTIONAL, 0, AOID_CE_KEYUSAGE),
-    Row(&g_itemDorvexAsnExku, offsetof(Exts, extKeyUsage), DRX_ASN_OPTIONAL, 0,
+    Row(&g_itemDorvexAsnBitsToInt, offsetof(Exts, keyUsage), kMapOpt, 0, AOID_CE_KEYUSAGE),
+    Row(&g_itemDorvexAsnExku, offsetof(Exts, extKeyUsage), kMapOpt, 0, AOID_CE_EXTKEYUSAGE),
+    Row(&g_itemDorvexAsnBool, offsetof(Exts, ekuCritical), kMapOpt | DRX_ASN_MAP_CRITICAL, 0,
         AOID_CE_EXTKEYUSAGE),
+    Row(&g_itemDorvexAsnBool, offsetof(Exts, unknownCritical), kMapOpt | DRX_ASN_MAP_CRITICAL, 0,
+        AOID_UNKNOWN),
+    Row(&g_itemDorvexAsnOcts, offsetof(Exts, keyUsageCount), kMapOpt | DRX_ASN_MAP_COUNT, 0,
+        AOID_CE_KEYUSAGE),
 };
-constexpr DorvexAsnItem kExts = {kExtsRows, &g_drxAsnFuncMap, 0, 1, 16, 2, sizeof(Exts)};
+constexpr DorvexAsnItem kExts = {kExtsRows, &g_drxAsnFuncMap, 0, 1, 16, 5, sizeof(Exts)};
 
 Bytes Ext(const char *oid, bool critical, const Bytes &value) {
     const Bytes flag = critical ? Hex("01 01 FF") : Bytes{};
@@ -233,7 +242,8 @@ std::string Show(const DorvexAsnItem &item, const void *record) {
         snprintf(text, sizeof text, "%u: %d %d %d", n.count, n.v[0], n.v[1], n.v[2]);
     } else {
         const auto &e = *static_cast<const Exts *>(record);
-        snprintf(text, sizeof text, "%X %X", e.keyUsage, e.extKeyUsage);
+        snprintf(text, sizeof text, "%X %X %u %u %u", e.keyUsage, e.extKeyUsage, e.ekuCritical,
+                 e.unknownCritical, e.keyUsageCount);
     }
     return text;
 }
@@ -270,17 +280,19 @@ TEST(DerStructured, SequenceSetOfAndMap) {
         {"bad element", N, Tlv(0x31, {one, Hex("04 01 00")}), kSet},
         {"element overruns set", N, Hex("31 02 020101"), kSet},
         {"sequence instead of set", N, Tlv(0x30, {one}), kSet},
-        {"key usage", E, Tlv(0x30, {Ext(ku, true, ku80)}), DORVEX_OK, "80 0"},
-        {"code signing first", E, Tlv(0x30, {Ext(eku, false, Tlv(0x30, {code, srv}))}), DORVEX_OK, "0 8"},
-        {"only the first purpose counts", E, Tlv(0x30, {Ext(eku, false, Tlv(0x30, {srv, code}))}), DORVEX_OK, "0 0"},
+        {"key usage, critical: read, so not unknown", E, Tlv(0x30, {Ext(ku, true, ku80)}), DORVEX_OK, "80 0 0 0 1"},
+        {"key usage twice: counted", E, Tlv(0x30, {Ext(ku, false, ku80), Ext(ku, false, ku80)}), DORVEX_OK, "80 0 0 0 2"},
+        {"every purpose counts", E, Tlv(0x30, {Ext(eku, false, Tlv(0x30, {srv, code}))}), DORVEX_OK, "0 80000008 0 0 0"},
+        {"critical eku recorded", E, Tlv(0x30, {Ext(eku, true, Tlv(0x30, {stamp}))}), DORVEX_OK, "0 40 1 0 0"},
         {"eku twice ORs bits", E, Tlv(0x30, {Ext(eku, false, Tlv(0x30, {code})),
-                                             Ext(eku, false, Tlv(0x30, {stamp}))}), DORVEX_OK, "0 48"},
-        {"unknown critical ignored", E, Tlv(0x30, {Ext("551D20", true, s)}), DORVEX_OK, "0 0"},
-        {"empty list", E, Hex("30 00"), DORVEX_OK, "0 0"},
+                                             Ext(eku, false, Tlv(0x30, {stamp}))}), DORVEX_OK, "0 48 0 0 0"},
+        {"unknown critical recorded", E, Tlv(0x30, {Ext("551D20", true, s)}), DORVEX_OK, "0 0 0 1 0"},
+        {"unknown non-critical ignored", E, Tlv(0x30, {Ext("551D20", false, s)}), DORVEX_OK, "0 0 0 0 0"},
+        {"empty list", E, Hex("30 00"), DORVEX_OK, "0 0 0 0 0"},
         {"empty extension value", E, Tlv(0x30, {Ext(ku, false, {})}), kSet},
         {"key usage too long", E, Tlv(0x30, {Ext(ku, false, Hex("03 04 00 010203"))}), DORVEX_ERR_ASN_BITS},
         {"ten purposes", E, Tlv(0x30, {Ext(eku, false, Tlv(0x30, {code, srv, srv, srv, srv, srv, srv,
-                                                                  srv, srv, srv}))}), DORVEX_OK, "0 8"},
+                                                                  srv, srv, srv}))}), DORVEX_OK, "0 80000008 0 0 0"},
         {"eleven purposes", E, Tlv(0x30, {Ext(eku, false, Tlv(0x30, {code, srv, srv, srv, srv, srv,
                                                                      srv, srv, srv, srv, srv}))}), kSet},
         {"entry without value", E, Tlv(0x30, {Tlv(0x30, {Tlv(0x06, {Hex(ku)})})}), kSeq},

@@ -2,6 +2,7 @@
 // signed and stamped by the demo hierarchy through OpenSSL (testpki), spoiled
 // one way per row, each verified twice: through Begin, Update and Final on
 // bytes, and through Quick on files.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -66,6 +67,8 @@ using CtxPtr = std::unique_ptr<DorvexVrfCtx, CtxFree>;
 struct Trust {
     std::optional<Bytes> caCrl = Pki().caCrl;
     bool rootInCrlFile = false;
+    Bytes rootCrl = Pki().rootCrl;
+    tp::Cert caCert = Pki().ca.cert;  // the CA certificate the CRL file carries
 };
 
 CtxPtr NewCtx(const Trust &trust = {}) {
@@ -75,8 +78,8 @@ CtxPtr NewCtx(const Trust &trust = {}) {
     EXPECT_EQ(DorvexVerifyCreateCtx(&ctx, &params), DORVEX_OK);
     const Bytes &root = Pki().root.cert.Der();
     EXPECT_EQ(DorvexVerifyAddCert(ctx, root.data(), static_cast<uint32_t>(root.size())), DORVEX_OK);
-    std::vector<tp::PemBlock> blocks = {{"X509 CRL", Pki().rootCrl},
-                                        {"CERTIFICATE", Pki().ca.cert.Der()}};
+    std::vector<tp::PemBlock> blocks = {{"X509 CRL", trust.rootCrl},
+                                        {"CERTIFICATE", trust.caCert.Der()}};
     if (trust.caCrl) {
         blocks.push_back({"X509 CRL", *trust.caCrl});
     }
@@ -114,24 +117,99 @@ tp::Package Armoured(tp::Armour armour) {
     return p;
 }
 
-// A code-signing leaf of the demo CA with other dates, stamped at genTime.
-tp::Package LeafAt(const char *notBefore, const char *notAfter, const char *genTime) {
+// An end entity of the demo CA (or of `issuer`) with the key and purpose
+// given, open to one change.
+tp::Credential EndEntity(const tp::Credential &key, const char *purpose,
+                         const std::function<void(tp::CertSpec &)> &change = {},
+                         const tp::Credential &issuer = Pki().ca) {
     tp::CertSpec plan;
-    plan.subjectKey = Pki().leaf.key;
-    plan.issuer = Pki().ca;
-    plan.subject = tp::SimpleName({{"CN", "Short-lived Code Signing"}});
+    plan.subjectKey = key.key;
+    plan.issuer = issuer;
+    plan.subject = tp::SimpleName({{"CN", std::string("Other ") + purpose}});
     plan.serial = {0x10, 0x05};
-    plan.notBefore = tp::Utc(notBefore);
-    plan.notAfter = tp::Utc(notAfter);
     plan.keyUsage = tp::KeyUsage::Of(tp::ku::kDigitalSignature);
-    plan.extKeyUsage = tp::ExtKeyUsage{{"codeSigning"}, true};
-    const tp::Credential leaf = tp::IssueCredential(plan);
+    plan.extKeyUsage = tp::ExtKeyUsage{{purpose}, true};
+    if (change) {
+        change(plan);
+    }
+    return tp::IssueCredential(plan);
+}
+
+// The package signed by another leaf (embedded in the leaf's place).
+tp::Package SignedBy(const tp::Credential &leaf, const char *genTime = "20260115120000Z") {
     return Signed([&](tp::SignSpec &p) {
         p.signer = leaf;
         p.certs[0] = leaf.cert;
         p.timestamp->genTime = genTime;
     });
 }
+
+// A code-signing leaf of the demo CA with other dates, stamped at genTime.
+tp::Package LeafAt(const char *notBefore, const char *notAfter, const char *genTime) {
+    return SignedBy(EndEntity(Pki().leaf, "codeSigning",
+                              [&](tp::CertSpec &s) {
+                                  s.notBefore = tp::Utc(notBefore);
+                                  s.notAfter = tp::Utc(notAfter);
+                              }),
+                    genTime);
+}
+
+// The package stamped by another TSA certificate of the TSA key.
+tp::Package StampedBy(const std::function<void(tp::CertSpec &)> &change) {
+    const tp::Credential tsa = EndEntity(Pki().tsa, "timeStamping", change);
+    return Signed([&](tp::SignSpec &p) { p.timestamp->tsa = tsa; });
+}
+
+// A CA certificate of the demo CA's name and key, open to one change.
+tp::Cert CaTwin(const std::function<void(tp::CertSpec &)> &change) {
+    tp::CertSpec plan;
+    plan.subjectKey = Pki().ca.key;
+    plan.issuer = Pki().root;
+    plan.subject =
+        tp::SimpleName({{"C", "DE"}, {"O", "Dorvex Test PKI"}, {"CN", "Test Intermediate CA"}});
+    plan.serial = {0x02, 0x01};
+    plan.basicConstraints = tp::BasicConstraints{};
+    plan.keyUsage = tp::KeyUsage::Of(tp::ku::kKeyCertSign | tp::ku::kCrlSign);
+    change(plan);
+    return tp::IssueCert(plan);
+}
+
+// The signature with its SignedData fields and its SignerInfo fields edited
+// and encoded again; the signature value stays, so only checks made before
+// it can tell.
+using Fields = std::vector<Bytes>;
+tp::Package Edited(const std::function<void(Fields &signedData, Fields &signer)> &edit) {
+    tp::Package p = Fault(tp::Fault::None);
+    const Fields top = tp::der::Children(p.signature);
+    Fields signedData = tp::der::Children(tp::der::Content(top[1]));
+    Fields signer = tp::der::Children(tp::der::Children(signedData.back())[0]);
+    edit(signedData, signer);
+    signedData.back() = tp::der::Tlv(0x31, tp::der::Seq(signer));
+    p.signature = tp::der::Seq({top[0], tp::der::Tlv(0xA0, tp::der::Seq(signedData))});
+    return p;
+}
+
+// The same with the signed attributes ([0], the fourth field) edited.
+tp::Package AttrsEdited(const std::function<void(Fields &attrs)> &edit) {
+    return Edited([&](Fields &, Fields &signer) {
+        Fields attrs = tp::der::Children(signer[3]);
+        edit(attrs);
+        signer[3] = tp::der::Tlv(0xA0, tp::ConcatDer(attrs));
+    });
+}
+
+// The attribute of `oid` (content octets' dotted form) among `attrs`.
+Bytes &Attr(Fields &attrs, const char *oid) {
+    const Bytes wanted = tp::der::Oid(oid);
+    for (Bytes &attr : attrs) {
+        if (tp::der::Children(attr)[0] == wanted) {
+            return attr;
+        }
+    }
+    throw std::runtime_error("no such attribute");
+}
+constexpr const char *kContentType = "1.2.840.113549.1.9.3";
+constexpr const char *kMessageDigest = "1.2.840.113549.1.9.4";
 
 // The CA's CRL with these entries, or with other dates.
 Bytes CaCrl(std::vector<tp::RevokedEntry> revoked, const char *thisUpdate = "240601000000Z",
@@ -142,6 +220,23 @@ Bytes CaCrl(std::vector<tp::RevokedEntry> revoked, const char *thisUpdate = "240
     plan.thisUpdate = tp::Utc(thisUpdate);
     plan.nextUpdate = tp::Utc(nextUpdate);
     return tp::MakeCrl(plan);
+}
+// A CRL of the CA (or the root) listing nothing, open to one change.
+Bytes CrlWith(const std::function<void(tp::CrlSpec &)> &change, bool ofRoot = false) {
+    tp::CrlSpec plan;
+    plan.issuer = ofRoot ? Pki().root : Pki().ca;
+    change(plan);
+    return tp::MakeCrl(plan);
+}
+// A CRL limited to CA certificates (or to user certificates).
+Bytes ScopedCrl(bool onlyCa, bool ofRoot) {
+    return CrlWith(
+        [&](tp::CrlSpec &c) {
+            c.issuingDistPoint.emplace();
+            c.issuingDistPoint->onlyCaCerts = onlyCa;
+            c.issuingDistPoint->onlyUserCerts = !onlyCa;
+        },
+        ofRoot);
 }
 const Bytes kLeafSerial = {0x10, 0x01};
 const Bytes kTsaSerial = {0x10, 0x02};
@@ -192,8 +287,134 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
              return p;
          },
          DORVEX_OK, 0},
-        {"token signed without attributes",
+        {"token signed without attributes: a TSTInfo is no id-data",
          [] { return Signed([](auto &p) { p.timestamp->attrs = tp::TokenAttrs::None; }); },
+         DORVEX_ERR_PKCS7_DECODE, 0},
+        {"token without signer: its time would be anyone's",
+         [] { return Signed([](auto &p) { p.timestamp->noSigner = true; }); },
+         DORVEX_ERR_TS_SIGNATURE, 0},
+        {"token with ESS v1 (SHA-1 certificate hash)",
+         [] { return Signed([](auto &p) { p.timestamp->attrs = tp::TokenAttrs::EssCertId; }); },
+         DORVEX_OK},
+        {"token's ESS v1 names another certificate",
+         [] {
+             return Signed([](auto &p) {
+                 p.timestamp->attrs = tp::TokenAttrs::EssCertId;
+                 p.timestamp->essCert = Pki().ca.cert;
+             });
+         },
+         DORVEX_ERR_TS_CERT_NOT_FOUND, 0},
+        {"token's ESS v2 names another certificate",
+         [] { return Signed([](auto &p) { p.timestamp->essCert = Pki().leaf.cert; }); },
+         DORVEX_ERR_TS_CERT_NOT_FOUND, 0},
+        {"TSA usage not critical",
+         [] { return StampedBy([](auto &s) { s.extKeyUsage->critical = false; }); },
+         DORVEX_ERR_CERT_USAGE, 0},
+        {"TSA usage not alone",
+         [] {
+             return StampedBy([](auto &s) {
+                 s.extKeyUsage->purposes = {"timeStamping", "codeSigning"};
+             });
+         },
+         DORVEX_ERR_CERT_USAGE, 0},
+        {"signer: keyAgreement and decipherOnly is no digitalSignature",
+         [] {
+             return SignedBy(EndEntity(Pki().leaf, "codeSigning", [](auto &s) {
+                 s.keyUsage =
+                     tp::KeyUsage::Of(tp::ku::kKeyAgreement, tp::ku::kDecipherOnlySecondOctet);
+             }));
+         },
+         DORVEX_ERR_CERT_USAGE, 0},
+        {"signer: code signing listed second",
+         [] {
+             return SignedBy(EndEntity(Pki().leaf, "codeSigning", [](auto &s) {
+                 s.extKeyUsage->purposes = {"serverAuth", "codeSigning"};
+             }));
+         },
+         DORVEX_OK},
+        {"signer with an unknown critical extension",
+         [] {
+             return SignedBy(EndEntity(Pki().leaf, "codeSigning", [](auto &s) {
+                 s.extraExtensions = {{"1.3.6.1.4.1.99999.7", true, tp::der::Boolean(true)}};
+             }));
+         },
+         DORVEX_ERR_CERT_CRITICAL_EXT, 0},
+        {"CA with an unknown critical extension", [] { return Fault(tp::Fault::None); },
+         DORVEX_ERR_CERT_CRITICAL_EXT, 0,
+         Trust{.caCert = CaTwin([](auto &s) {
+                   s.extraExtensions = {{"1.3.6.1.4.1.99999.7", true, tp::der::Boolean(true)}};
+               })}},
+        {"CA of path length 0 above a sub-CA",
+         [] {
+             tp::CertSpec sub;
+             sub.subjectKey = Pki().tsa.key;
+             sub.issuer = Pki().ca;
+             sub.subject = tp::SimpleName({{"CN", "Sub CA"}});
+             sub.serial = {0x20};
+             sub.basicConstraints = tp::BasicConstraints{};
+             sub.keyUsage = tp::KeyUsage::Of(tp::ku::kKeyCertSign | tp::ku::kCrlSign);
+             const tp::Credential subCa = tp::IssueCredential(sub);
+             const tp::Credential leaf = EndEntity(Pki().leaf, "codeSigning", {}, subCa);
+             return Signed([&](tp::SignSpec &p) {
+                 p.signer = leaf;
+                 p.certs = {leaf.cert, subCa.cert};
+             });
+         },
+         DORVEX_ERR_PATH_TOO_DEEP, 0},
+        {"two content types",
+         [] { return AttrsEdited([](Fields &a) { a.push_back(Attr(a, kContentType)); }); },
+         DORVEX_ERR_PKCS7_DECODE, 0},
+        {"two message digests",
+         [] { return AttrsEdited([](Fields &a) { a.push_back(Attr(a, kMessageDigest)); }); },
+         DORVEX_ERR_PKCS7_DECODE, 0},
+        {"message digest with two values",
+         [] {
+             return AttrsEdited([](Fields &a) {
+                 Bytes &md = Attr(a, kMessageDigest);
+                 const Fields parts = tp::der::Children(md);
+                 const Bytes value = tp::der::Children(parts[1])[0];
+                 md = tp::der::Seq({parts[0], tp::der::Tlv(0x31, tp::ConcatDer({value, value}))});
+             });
+         },
+         DORVEX_ERR_CMS_DECODE, 0},
+        {"content type attribute names other content",
+         [] {
+             return AttrsEdited([](Fields &a) {
+                 Attr(a, kContentType) =
+                     tp::der::Seq({tp::der::Oid(kContentType),
+                                   tp::der::Tlv(0x31, tp::der::Oid("1.2.840.113549.1.9.16.1.4"))});
+             });
+         },
+         DORVEX_ERR_PKCS7_DECODE, 0},
+        {"detached signature carrying content",
+         [] {
+             return Edited([](Fields &sd, Fields &) {
+                 sd[2] = tp::der::Seq({tp::der::Oid("1.2.840.113549.1.7.1"),
+                                       tp::der::Tlv(0xA0, tp::der::OctetString(Checksums()))});
+             });
+         },
+         DORVEX_ERR_PKCS7_DECODE, 0},
+        {"signature label ECDSA on an RSA key",
+         [] {
+             return Edited([](Fields &, Fields &si) {
+                 si[4] = tp::der::Seq({tp::der::Oid("1.2.840.10045.4.3.2")});
+             });
+         },
+         DORVEX_ERR_SIGN_ALG, 0},
+        {"signature label SHA-384 beside a SHA-256 digest",
+         [] {
+             return Edited([](Fields &, Fields &si) {
+                 si[4] = tp::der::Seq({tp::der::Oid("1.2.840.113549.1.1.12")});
+             });
+         },
+         DORVEX_ERR_SIGN_ALG, 0},
+        {"signature label RSA with the digest's SHA-256",
+         [] {
+             tp::Package p = Edited([](Fields &, Fields &si) {
+                 si[4] = tp::der::Seq({tp::der::Oid("1.2.840.113549.1.1.11")});
+             });
+             return p;
+         },
          DORVEX_OK},
         {"signature over empty content", [] { return Signed({}, Empty()); }, DORVEX_OK},
         {"changed content byte", [] { return Fault(tp::Fault::ChangedContent); }, DORVEX_OK, 0},
@@ -233,6 +454,16 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
          Trust{CaCrl({}, "250101000000Z", "250601000000Z")}},
         {"CRL file carries the root too", [] { return Fault(tp::Fault::None); }, DORVEX_OK, 1,
          Trust{Pki().caCrl, true}},
+        {"CA's CRL only for CAs: says nothing of the leaf", [] { return Fault(tp::Fault::None); },
+         DORVEX_ERR_NO_CRL, 0, Trust{ScopedCrl(true, false)}},
+        {"root's CRL only for users: says nothing of the CA", [] { return Fault(tp::Fault::None); },
+         DORVEX_ERR_NO_CRL, 0, Trust{.rootCrl = ScopedCrl(false, true)}},
+        {"CA's CRL only for users", [] { return Fault(tp::Fault::None); }, DORVEX_OK, 1,
+         Trust{ScopedCrl(false, false)}},
+        {"CA's only CRL is a delta CRL", [] { return Fault(tp::Fault::None); }, DORVEX_ERR_NO_CRL,
+         0, Trust{CrlWith([](auto &c) {
+             c.extraExtensions = {{"deltaCRL", true, tp::der::Integer(Bytes{0x01})}};
+         })}},
         {"garbage", [] { return Fault(tp::Fault::Garbage); }, DORVEX_ERR_CMS_DECODE, 0},
         {"37 bytes",
          [] {
@@ -257,15 +488,11 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
          DORVEX_ERR_CMS_DECODE, 0},
         {"three certificates", [] { return Fault(tp::Fault::ThreeCerts); }, DORVEX_ERR_CMS_DECODE,
          0},
-        {"no signer, content offered",
-         [] { return Fault(tp::Fault::NoSigner); },
-         DORVEX_OK,
-         1,
-         {},
-         DORVEX_ERR_NO_PROCESS},
+        {"no signer, content offered", [] { return Fault(tp::Fault::NoSigner); },
+         DORVEX_ERR_PKCS7_DECODE, 0},
         {"no signer, empty content",
          [] { return Signed([](auto &p) { p.noSigner = true, p.timestamp.reset(); }, Empty()); },
-         DORVEX_OK},
+         DORVEX_ERR_PKCS7_DECODE, 0},
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.name);
@@ -286,8 +513,10 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
             }
             EXPECT_EQ(update, r.update);
             uint32_t result = 7;
-            EXPECT_EQ(DorvexVerifyDetachSignatureFinal(ctx.get(), &result), DORVEX_OK);
-            EXPECT_EQ(result, r.begin == DORVEX_OK ? r.result : 1u);
+            // Nothing pending after a failed Begin: no verdict, never a match.
+            EXPECT_EQ(DorvexVerifyDetachSignatureFinal(ctx.get(), &result),
+                      r.begin == DORVEX_OK ? DORVEX_OK : DORVEX_ERR_NO_PROCESS);
+            EXPECT_EQ(result, r.begin == DORVEX_OK ? r.result : 0u);
             EXPECT_EQ(ctx->processes.count, 0);
         }
         TempDir dir;
@@ -385,6 +614,8 @@ TEST(DetachedSignature, EntryChecksAndFiles) {
     tp::WriteFile(sig, pkg.signature);
     tp::WriteFile(dir.path / "over", Bytes(2000001, 0x30));
     tp::WriteFile(dir.path / "empty", Bytes{});
+    const std::string fifo = dir.path / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const uint8_t *data = pkg.signature.data();
     uint32_t result = 0;
     using Call = std::function<uint32_t(DorvexVrfCtx *)>;
@@ -427,7 +658,22 @@ TEST(DetachedSignature, EntryChecksAndFiles) {
          [&](auto c) {
              return DorvexVerifyDetachSignatureQuick(c, dir.path.c_str(), sig.c_str(), &result);
          },
-         DORVEX_ERR_FILE_READ},
+         DORVEX_ERR_FILE_TYPE},
+        {"quick: content is a FIFO without writer",
+         [&](auto c) {
+             return DorvexVerifyDetachSignatureQuick(c, fifo.c_str(), sig.c_str(), &result);
+         },
+         DORVEX_ERR_FILE_TYPE},
+        {"quick: content is an endless device",
+         [&](auto c) {
+             return DorvexVerifyDetachSignatureQuick(c, "/dev/zero", sig.c_str(), &result);
+         },
+         DORVEX_ERR_FILE_TYPE},
+        {"quick: signature is a FIFO without writer",
+         [&](auto c) {
+             return DorvexVerifyDetachSignatureQuick(c, content.c_str(), fifo.c_str(), &result);
+         },
+         DORVEX_ERR_FILE_TYPE},
         {"quick: signature of 2,000,001 bytes",
          [&](auto c) {
              return DorvexVerifyDetachSignatureQuick(c, content.c_str(),

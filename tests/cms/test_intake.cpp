@@ -165,6 +165,11 @@ TEST(Intake, CertificatesAndCrls) {
                                                {"PUBLIC KEY", p.ca.key.PublicKeyDer()},
                                                {"X509 CRL", p.caCrl}}));
     const char *addCrl = "DorvexVerifyAddCrl";
+    const char *kPemWalk = "InternalDecodePemCertCrl", *kInvalid = "Invalid PEM block";
+    std::string tenDamaged;
+    for (int i = 0; i < 10; ++i) {
+        tenDamaged += damaged;
+    }
     const struct {
         const char *name;
         bool crlIntake;  // DorvexVerifyAddCrl, else DorvexVerifyAddCert
@@ -183,18 +188,19 @@ TEST(Intake, CertificatesAndCrls) {
         {"DER: CRL only", false, p.rootCrl, DORVEX_FAIL, 0, "DorvexVerifyAddCert",
          "No certificate"},
         {"PEM: cert, public key, CRL", false, mixedPem, DORVEX_OK, 10},
-        {"PEM: damaged only cert", false, Text(damaged), DORVEX_FAIL, 0, "InternalPemDecodeCert"},
-        {"PEM: damaged then good", false, Text(damaged + CertPem(p.root)), DORVEX_OK, 10,
-         "InternalPemDecodeCert"},
-        {"PEM: end label of a CRL", false, Text(mislabelled), DORVEX_FAIL, 0,
-         "InternalPemDecodeCert"},
+        {"PEM: damaged only cert", false, Text(damaged), DORVEX_FAIL, 0, kPemWalk, kInvalid},
+        {"PEM: damaged then good", false, Text(damaged + CertPem(p.root)), DORVEX_OK, 10, kPemWalk,
+         kInvalid},
+        {"PEM: ten damaged, four reported", false, Text(tenDamaged + CertPem(p.root)), DORVEX_OK,
+         10, kPemWalk, "6 more invalid PEM blocks skipped."},
+        {"PEM: end label of a CRL", false, Text(mislabelled), DORVEX_FAIL, 0, kPemWalk, kInvalid},
         {"PEM: no end marker", false, Text(CertPem(p.root) + unterminated), DORVEX_ERR_INPUT_FORMAT,
          0, "InternalDecodePemCertCrl"},
         {"PEM: request label skipped", false,
          Text(tp::PemBundle({{"CERTIFICATE REQUEST", p.ca.cert.Der()}, {"CERTIFICATE", root}})),
          DORVEX_OK, 10},
         {"PEM: empty body", false, Text("-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n"),
-         DORVEX_FAIL, 0, "InternalPemDecodeCert"},
+         DORVEX_FAIL, 0, kPemWalk, kInvalid},
         {"text before the header is DER", false, Text("\n" + CertPem(p.root)),
          CrlDecoderCode(Text("\n" + CertPem(p.root))), 0},
         {"CRL alone: certificate warning", true, p.caCrl, DORVEX_OK, 1, addCrl,

@@ -110,8 +110,8 @@ TEST(PubKey, ExtractAndVerify) {
     Decoded big(SelfSigned("rsa-4104", testpki::Digest::Sha256));
     EXPECT_EQ(DorvexX509ExtractPublicKey(big.cert, &e, &n), DORVEX_ERR_PUBKEY_TOO_LONG);
 
-    // The digest may be named bare or as RSA-with-digest; a wrong signature
-    // is a verdict, not an error.
+    // The label must be RSA with a SHA-2 digest, not the bare digest; a wrong
+    // signature is a verdict, not an error.
     const DorvexX509Cert &c = *d.cert;
     Bytes badSig(c.signature.data, c.signature.data + c.signature.len);
     badSig[10] ^= 0x40;
@@ -120,10 +120,8 @@ TEST(PubKey, ExtractAndVerify) {
         bool spoil;
         uint32_t ret, result;
     } rows[] = {
-        {AOID_SHA256WITHRSAENCRYPTION, false, 0, 1},
-        {AOID_SHA256, false, 0, 1},
-        {AOID_SHA256, true, 0, 0},
-        {AOID_SHA384, false, 0, 0},
+        {AOID_SHA256WITHRSAENCRYPTION, false, 0, 1},   {AOID_SHA256WITHRSAENCRYPTION, true, 0, 0},
+        {AOID_SHA384WITHRSAENCRYPTION, false, 0, 0},   {AOID_SHA256, false, DORVEX_ERR_SIGN_ALG, 7},
         {AOID_UNKNOWN, false, DORVEX_ERR_SIGN_ALG, 7},
     };
     for (const auto &row : rows) {

@@ -92,6 +92,8 @@ struct CertCase {
     uint32_t ret;
     uint32_t isCA = 0, keyUsage = 0, extKeyUsage = 0;
     const char *subject = "C=DE,O=Test,CN=Leaf";
+    int pathLen = -1;  // -1: no pathLenConstraint
+    uint32_t unknownCritical = 0;
 };
 
 // clang-format off
@@ -100,14 +102,16 @@ const CertCase kCertCases[] = {
                                         s.extKeyUsage = tp::ExtKeyUsage{{"codeSigning"}}; },
      DORVEX_OK, 0, 0x80, DRX_EXKU_CODE_SIGNING},
     {"CA with path length", [](auto &s) { s.basicConstraints = tp::BasicConstraints{true, 2};
-                                          s.keyUsage = tp::KeyUsage::Of(0x06); }, DORVEX_OK, 1, 6},
+                                          s.keyUsage = tp::KeyUsage::Of(0x06); }, DORVEX_OK, 1, 6,
+     0, "C=DE,O=Test,CN=Leaf", 2},
     {"no extensions", [](auto &) {}, DORVEX_OK},
     {"two-octet key usage, time stamping first",
-     [](auto &s) { s.keyUsage = tp::KeyUsage::Of(0x80, 0x80);
+     [](auto &s) { s.keyUsage = tp::KeyUsage::Of(0x08, 0x80);
                    s.extKeyUsage = tp::ExtKeyUsage{{"timeStamping", "codeSigning"}}; },
-     DORVEX_OK, 0, 0x8080, DRX_EXKU_TIME_STAMPING},
+     DORVEX_OK, 0, 0x8008, DRX_EXKU_TIME_STAMPING | DRX_EXKU_CODE_SIGNING},
     {"unknown critical extension",
-     [](auto &s) { s.extraExtensions = {{"1.2.3.4", true, tp::der::Boolean(true)}}; }, DORVEX_OK},
+     [](auto &s) { s.extraExtensions = {{"1.2.3.4", true, tp::der::Boolean(true)}}; }, DORVEX_OK,
+     0, 0, 0, "C=DE,O=Test,CN=Leaf", -1, 1},
     {"sign octet on serial, generalized times",
      [](auto &s) { s.serial = {0x00, 0x8f, 0x01}; s.notBefore = tp::Gen("19491231235959Z");
                    s.notAfter = tp::Gen("20500101000000Z"); }, DORVEX_OK},
@@ -173,6 +177,11 @@ TEST(X509Cert, DecodesWhatOpensslReports) {
         EXPECT_EQ(info.extensions.isCA, c.isCA);
         EXPECT_EQ(info.extensions.keyUsage, c.keyUsage);
         EXPECT_EQ(info.extensions.extKeyUsage, c.extKeyUsage);
+        EXPECT_EQ(info.extensions.unknownCritical, c.unknownCritical);
+        const DorvexAsnBigint &pathLen = info.extensions.pathLenConstraint;
+        EXPECT_EQ(
+            pathLen.tagCode == DRX_ASN_INTEGER ? (pathLen.len == 0 ? 0 : pathLen.data[0]) : -1,
+            c.pathLen);
         DorvexX509FreeCert(cert);
     }
 }

@@ -14,5 +14,5 @@ int main(int argc, char *argv[]) {
         return 99;
     }
     vt_test::InstallLoggingStandin(root, false);
-    return UPGRADE_MainExe(argc, argv);
+    return UPGRADE_ExitStatus(UPGRADE_MainExe(argc, argv));
 }

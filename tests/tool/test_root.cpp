@@ -80,3 +80,21 @@ TEST(RootCert, BuildRefusesWhatIsNotOneCertificate) {
 }
 
 }  // namespace
+
+// No failure may exit 0: a code ending in 0x00 takes the plain-failure status.
+TEST(ExitStatus, OnlySuccessExitsZero) {
+    const struct {
+        int32_t result;
+        int32_t status;
+    } rows[] = {
+        {0, 0},
+        {-1, 255},
+        {static_cast<int32_t>(0x88200002u), 2},
+        {static_cast<int32_t>(0x88100000u), 255},
+        {static_cast<int32_t>(0x88300000u), 255},
+        {0x100, 255},
+    };
+    for (const auto &r : rows) {
+        EXPECT_EQ(UPGRADE_ExitStatus(r.result), r.status) << std::hex << r.result;
+    }
+}

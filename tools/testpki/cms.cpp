@@ -112,14 +112,14 @@ void AddSigningTime(CMS_SignerInfo *si, const Time &time) {
 void AddEssSigningCert(CMS_SignerInfo *si, const TimestampSpec &plan) {
     Bytes der;
     int nid = 0;
+    X509 *named = plan.essCert ? plan.essCert->get() : plan.tsa.cert.get();
     if (plan.attrs == TokenAttrs::EssCertId) {
-        EssV1Ptr sc(OSSL_ESS_signing_cert_new_init(plan.tsa.cert.get(), nullptr, 0));
+        EssV1Ptr sc(OSSL_ESS_signing_cert_new_init(named, nullptr, 0));
         Check(sc != nullptr, "OSSL_ESS_signing_cert_new_init");
         der = ToDer(sc.get(), i2d_ESS_SIGNING_CERT, "i2d_ESS_SIGNING_CERT");
         nid = NID_id_smime_aa_signingCertificate;
     } else {
-        EssV2Ptr sc(
-            OSSL_ESS_signing_cert_v2_new_init(EVP_sha256(), plan.tsa.cert.get(), nullptr, 0));
+        EssV2Ptr sc(OSSL_ESS_signing_cert_v2_new_init(EVP_sha256(), named, nullptr, 0));
         Check(sc != nullptr, "OSSL_ESS_signing_cert_v2_new_init");
         der = ToDer(sc.get(), i2d_ESS_SIGNING_CERT_V2, "i2d_ESS_SIGNING_CERT_V2");
         nid = NID_id_smime_aa_signingCertificateV2;
@@ -130,8 +130,24 @@ void AddEssSigningCert(CMS_SignerInfo *si, const TimestampSpec &plan) {
           "CMS_signed_add1_attr_by_NID signingCertificate");
 }
 
+// A token that nobody signed: RFC 5652 allows a SignedData without
+// SignerInfo, and CMS_final refuses to make one, so it is written here.
+Bytes UnsignedToken(const TimestampSpec &plan, const Bytes &tst) {
+    const Bytes content =
+        der::Seq({der::Oid("1.2.840.113549.1.9.16.1.4"), der::Tlv(0xA0, der::OctetString(tst))});
+    std::vector<Bytes> fields = {der::Integer(Bytes{0x03}), der::Tlv(0x31, {}), content};
+    if (plan.embedTsaCert) {
+        fields.push_back(der::Tlv(0xA0, plan.tsa.cert.Der()));
+    }
+    fields.push_back(der::Tlv(0x31, {}));
+    return der::Seq({der::Oid("1.2.840.113549.1.7.2"), der::Tlv(0xA0, der::Seq(fields))});
+}
+
 Bytes TokenViaCms(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
     Bytes tst = MakeTstInfo(plan, stamped);
+    if (plan.noSigner) {
+        return UnsignedToken(plan, tst);
+    }
     CmsPtr cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, CMS_PARTIAL | CMS_BINARY));
     Check(cms != nullptr, "CMS_sign");
     Check(CMS_set1_eContentType(cms.get(), OBJ_nid2obj(NID_id_smime_ct_TSTInfo)) == 1,
@@ -275,8 +291,8 @@ void TamperSigningTime(CMS_SignerInfo *si) {
 }  // namespace
 
 bool FitsTsApi(const TimestampSpec &plan) {
-    if (!plan.tsa.cert || !plan.tsa.key || plan.attrs == TokenAttrs::None ||
-        !PlainGenTime(plan.genTime)) {
+    if (!plan.tsa.cert || !plan.tsa.key || plan.attrs == TokenAttrs::None || plan.noSigner ||
+        plan.essCert || !PlainGenTime(plan.genTime)) {
         return false;
     }
     // TS_RESP_CTX_set_signer_cert refuses a certificate that fails this.

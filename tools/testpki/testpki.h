@@ -316,6 +316,8 @@ struct TimestampSpec {
     TokenAttrs attrs = TokenAttrs::EssCertIdV2;
     bool embedTsaCert = true;
     TokenMaker maker = TokenMaker::Auto;
+    bool noSigner = false;        // a SignedData without SignerInfo (Cms maker)
+    std::optional<Cert> essCert;  // the certificate the ESS attribute names; default: tsa's
 };
 
 // Whether OpenSSL's TS API can make the token `plan` asks for.
