@@ -227,15 +227,31 @@ TEST(ProviderVerify, Refusals) {
     const PublicKey pub = PublicOf(testpki::LoadTestKey("leaf-2048"));
     const PublicKey big = PublicOf(testpki::LoadTestKey("rsa-4104"));
     ASSERT_EQ(big.modulus.len, 513u);  // one more than the record holds
+    // Exponents real keys never have: each would only make checks costlier.
+    const auto withExponent = [&](std::initializer_list<uint8_t> e) {
+        PublicKey key = pub;
+        key.exponent.len = static_cast<uint32_t>(e.size());
+        std::copy(e.begin(), e.end(), key.exponent.data);
+        return key;
+    };
+    const PublicKey one = withExponent({0x01}), even = withExponent({0x01, 0x00, 0x00}),
+                    over = withExponent({0x01, 0x00, 0x00, 0x00, 0x03}),
+                    limit = withExponent({0x00, 0x01, 0x00, 0x00, 0x00, 0x01});
+    const char *kExponent = "RSA public exponent out of range.";
     const struct {
         const PublicKey *key;
         uint32_t aoid;
         const char *log;
+        uint32_t ret = DORVEX_FAIL;
     } rows[] = {
         {&pub, 0, "Failed to get algo handler."},
         {&pub, 63, "Failed to get algo handler."},  // signature id instead of digest id
         {&pub, 46, "Failed to get algo handler."},
+        {&pub, 41, "Failed to get algo handler."},  // SHA-1: identifiers only
         {&big, kSha256, "Failed to build rsa public key."},
+        {&one, kSha256, kExponent, DORVEX_ERR_PUBKEY_EXPONENT},
+        {&even, kSha256, kExponent, DORVEX_ERR_PUBKEY_EXPONENT},
+        {&over, kSha256, kExponent, DORVEX_ERR_PUBKEY_EXPONENT},
     };
     uint8_t sig[256] = {};
     uint32_t valid = 7;
@@ -243,8 +259,7 @@ TEST(ProviderVerify, Refusals) {
         vt_test::ClearSyslog();
         DorvexCryptoVerifyCtx *ctx = nullptr;
         ASSERT_EQ(DorvexCryptoVerifyCreateCtx(&ctx), DORVEX_OK);
-        EXPECT_EQ(DorvexCryptoVerifyInit(ctx, &r.key->exponent, &r.key->modulus, r.aoid),
-                  DORVEX_FAIL)
+        EXPECT_EQ(DorvexCryptoVerifyInit(ctx, &r.key->exponent, &r.key->modulus, r.aoid), r.ret)
             << r.aoid;
         EXPECT_TRUE(Logged("DorvexCryptoVerifyInit", r.log)) << r.aoid;
         // No key is left behind, so Final refuses and leaves the verdict alone.
@@ -253,6 +268,10 @@ TEST(ProviderVerify, Refusals) {
     }
 
     DorvexCryptoVerifyCtx *ctx = nullptr;
+    ASSERT_EQ(DorvexCryptoVerifyCreateCtx(&ctx), DORVEX_OK);
+    EXPECT_EQ(DorvexCryptoVerifyInit(ctx, &limit.exponent, &limit.modulus, kSha256), DORVEX_OK);
+    DorvexCryptoVerifyDestroyCtx(ctx);
+    ctx = nullptr;
     EXPECT_EQ(DorvexCryptoVerifyCreateCtx(nullptr), DORVEX_FAIL);
     ASSERT_EQ(DorvexCryptoVerifyCreateCtx(&ctx), DORVEX_OK);
     // Before Init: no digest to feed, no key to check with.

@@ -119,6 +119,7 @@ constexpr int kMaxRsaBits = 4096;
 constexpr uint32_t kKuDigitalSignature = 0x80;
 constexpr uint32_t kEkuCodeSigning = 0x08;
 constexpr uint32_t kEkuTimeStamping = 0x40;
+constexpr uint32_t kEkuOther = 0x80000000u;
 // verify_tool decodes at most this many purposes in an extended key usage.
 constexpr int kMaxEkuPurposes = 10;
 // The policy local-tsa stamps under unless told otherwise: the example arc
@@ -405,18 +406,21 @@ void CheckCertCount(size_t count, const std::string &what) {
 struct VerifierUsage {
     uint32_t keyUsage = 0;
     uint32_t extKeyUsage = 0;
+    bool extKeyUsageCritical = false;
+    bool unknownCritical = false;
 };
 
 // The usage flags as verify_tool's certificate decoder makes them: the key
-// usage BIT STRING's octets taken as they stand (one octet, or two read
-// big-endian, which moves digitalSignature out of 0x80), and of an extended
-// key usage only the *first* purpose, a repeated extension OR-ing in. Mirrored
-// here rather than asked of X509_check_purpose, which reads all purposes.
+// usage BIT STRING's first octet in the low byte and its second above it,
+// every extended-key-usage purpose (others as kEkuOther), whether that
+// extension is critical, and whether a critical extension is there that
+// verify_tool does not read.
 VerifierUsage UsageOf(X509 *cert, const std::string &what) {
     VerifierUsage usage;
     for (int i = 0; i < X509_get_ext_count(cert); ++i) {
         X509_EXTENSION *ext = X509_get_ext(cert, i);
         const int nid = OBJ_obj2nid(X509_EXTENSION_get_object(ext));
+        const bool critical = X509_EXTENSION_get_critical(ext) == 1;
         const ASN1_OCTET_STRING *value = X509_EXTENSION_get_data(ext);
         const unsigned char *p = ASN1_STRING_get0_data(value);
         const long len = ASN1_STRING_length(value);
@@ -426,29 +430,23 @@ VerifierUsage UsageOf(X509 *cert, const std::string &what) {
                 Refuse(what + " certificate has a key usage that verify_tool cannot read");
             }
             const unsigned char *d = ASN1_STRING_get0_data(bits.get());
-            switch (ASN1_STRING_length(bits.get())) {
-                case 0:
-                    usage.keyUsage = 0;
-                    break;
-                case 1:
-                    usage.keyUsage = d[0];
-                    break;
-                default:
-                    usage.keyUsage = static_cast<uint32_t>(d[0]) << 8 | d[1];
-                    break;
-            }
+            const int octets = ASN1_STRING_length(bits.get());
+            usage.keyUsage = octets == 0 ? 0 : d[0] | (octets == 2 ? uint32_t{d[1]} << 8 : 0);
         } else if (nid == NID_ext_key_usage) {
             EkuPtr eku(d2i_EXTENDED_KEY_USAGE(nullptr, &p, len));
             if (eku == nullptr || sk_ASN1_OBJECT_num(eku.get()) > kMaxEkuPurposes) {
                 Refuse(what +
                        " certificate has an extended key usage that verify_tool cannot read");
             }
-            if (sk_ASN1_OBJECT_num(eku.get()) > 0) {
-                const int first = OBJ_obj2nid(sk_ASN1_OBJECT_value(eku.get(), 0));
-                usage.extKeyUsage |= first == NID_code_sign    ? kEkuCodeSigning
-                                     : first == NID_time_stamp ? kEkuTimeStamping
-                                                               : 0;
+            for (int k = 0; k < sk_ASN1_OBJECT_num(eku.get()); ++k) {
+                const int purpose = OBJ_obj2nid(sk_ASN1_OBJECT_value(eku.get(), k));
+                usage.extKeyUsage |= purpose == NID_code_sign    ? kEkuCodeSigning
+                                     : purpose == NID_time_stamp ? kEkuTimeStamping
+                                                                 : kEkuOther;
             }
+            usage.extKeyUsageCritical = usage.extKeyUsageCritical || critical;
+        } else if (nid != NID_basic_constraints && critical) {
+            usage.unknownCritical = true;
         }
     }
     return usage;
@@ -456,12 +454,19 @@ VerifierUsage UsageOf(X509 *cert, const std::string &what) {
 
 void CheckUsage(X509 *cert, uint32_t purpose, const std::string &what) {
     const VerifierUsage usage = UsageOf(cert, what);
+    if (usage.unknownCritical) {
+        Refuse(what + " certificate has a critical extension that verify_tool does not read");
+    }
     if ((usage.keyUsage & kKuDigitalSignature) == 0) {
         Refuse(what + " certificate's key usage lacks digitalSignature");
     }
     if ((usage.extKeyUsage & purpose) == 0) {
-        Refuse(what + " certificate's first extended key usage is not " +
+        Refuse(what + " certificate's extended key usage lacks " +
                (purpose == kEkuCodeSigning ? "codeSigning" : "timeStamping"));
+    }
+    if (purpose == kEkuTimeStamping &&
+        (usage.extKeyUsage != kEkuTimeStamping || !usage.extKeyUsageCritical)) {
+        Refuse(what + " certificate's extended key usage must be timeStamping alone, critical");
     }
 }
 
