@@ -146,7 +146,7 @@ void InternalGetCrlIssuerName(const DorvexX509Crl *crl, DorvexCrlInfo *info) {
 // Serials that do not fit an entry are left out and not counted.
 uint32_t InternalGetCrlRevoked(const DorvexX509Crl *crl, DorvexCrlInfo *info) {
     const DorvexX509Revoked &revoked = crl->crlInfo.revokedCertificates;
-    const uint32_t listed = std::min(revoked.count, DRX_X509_CRL_MAX_REVOKED);
+    const uint32_t listed = revoked.count;
     if (listed == 0) {
         return DORVEX_OK;
     }
@@ -223,7 +223,9 @@ CrlInfoPtr InternalGetCrlInfo(DorvexVrfCtx *ctx, const DorvexX509Crl *crl) {
     CrlInfoPtr info(static_cast<DorvexCrlInfo *>(block));
     InternalGetCrlIssuerName(crl, info.get());
     ret = DorvexConvertDatetimeToTime(&crl->crlInfo.thisUpdate, &info->thisUpdate);
-    if (ret == DORVEX_OK) {
+    if (ret == DORVEX_OK && crl->crlInfo.nextUpdate.tagCode == 0) {
+        info->nextUpdate = DORVEX_CRL_NO_NEXT_UPDATE;
+    } else if (ret == DORVEX_OK) {
         ret = DorvexConvertDatetimeToTime(&crl->crlInfo.nextUpdate, &info->nextUpdate);
     }
     if (ret != DORVEX_OK) {
@@ -341,7 +343,7 @@ bool InternalSerialRevoked(const DorvexCrlInfo *rootCrl, const DorvexCrlInfo *cr
     if (crl->issuerSerialLen == 0 || crl->issuerSerialLen > DORVEX_CRL_SERIAL_LEN) {
         return false;
     }
-    const uint32_t listed = std::min(rootCrl->revokedCount, DRX_X509_CRL_MAX_REVOKED);
+    const uint32_t listed = rootCrl->revoked == nullptr ? 0 : rootCrl->revokedCount;
     for (uint32_t i = 0; i < listed; ++i) {
         const DorvexCrlRevokedSerial &entry = rootCrl->revoked[i];
         if (entry.len == crl->issuerSerialLen &&
@@ -449,7 +451,7 @@ extern "C" uint32_t DorvexDecodeCrlFile(DorvexVrfCtx *ctx, const char *path,
     *list = nullptr;
     uint8_t *data = nullptr;
     uint32_t length = 0;
-    ret = InternalReadFile(path, &data, &length);
+    ret = InternalReadFile(path, DORVEX_MAX_CRL_FILE_SIZE, &data, &length);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to read CRL file.");
         return ret;

@@ -749,7 +749,7 @@ extern "C" uint32_t DorvexVerifyDetachSignatureQuick(DorvexVrfCtx *ctx, const ch
     *result = 0;
     uint8_t *bytes = nullptr;
     uint32_t length = 0;
-    ret = InternalReadFile(signaturePath, &bytes, &length);
+    ret = InternalReadFile(signaturePath, DORVEX_MAX_FILE_SIZE, &bytes, &length);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to read signature file.");
         return ret;

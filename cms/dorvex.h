@@ -18,8 +18,10 @@ extern "C" {
 // Value of DorvexCtxCreateParams.size.
 #define DORVEX_CTX_CREATE_PARAMS_SIZE 72u
 
-// Largest trust-material or signature file the library reads, in bytes.
+// Largest certificate or signature file the library reads, in bytes, and
+// largest CRL file (32 MiB: a CRL of 100,000 entries is about 4 MB in DER).
 #define DORVEX_MAX_FILE_SIZE 2000000u
+#define DORVEX_MAX_CRL_FILE_SIZE (32u * 1024u * 1024u)
 
 // Characters of the text DorvexGetVersion returns (terminator not counted).
 #define DORVEX_VERSION_LEN 17u
@@ -54,8 +56,8 @@ uint32_t DorvexVerifyAddCertFile(DorvexVrfCtx *ctx, const char *path);
 // a warning: the result is 0 once the CRLs are in.
 uint32_t DorvexVerifyAddCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length);
 
-// DorvexVerifyAddCrlFile: DorvexVerifyAddCrl over a whole file of at most
-// DORVEX_MAX_FILE_SIZE bytes.
+// DorvexVerifyAddCrlFile: DorvexVerifyAddCrl over a whole regular file of at
+// most DORVEX_MAX_CRL_FILE_SIZE bytes.
 uint32_t DorvexVerifyAddCrlFile(DorvexVrfCtx *ctx, const char *path);
 
 // DorvexVrfCtxFree: releases the store, the pending verifications, the
@@ -129,14 +131,20 @@ extern "C" {
 #define DORVEX_CRL_ISSUER_NAME_LEN 256u
 #define DORVEX_CRL_SERIAL_LEN 32u
 
+// DorvexCrlInfo.nextUpdate of a CRL that names no next update (RFC 5280
+// 5.1.2.5 wants one; a CRL without it promises no successor and is taken as
+// current for good, as OpenSSL takes it).
+#define DORVEX_CRL_NO_NEXT_UPDATE INT64_MAX
+
 // Results of DorvexCrlCompare.
 #define DORVEX_CRL_CMP_EQUAL 0u
 #define DORVEX_CRL_CMP_FIRST_NEWER 1u
 #define DORVEX_CRL_CMP_SECOND_NEWER 2u
 #define DORVEX_CRL_CMP_UNDECIDABLE 3u
 
-// One revoked serial number (content octets, no leading zero); len 0 when
-// the copy failed.
+// One revoked serial number (INTEGER content octets as encoded, so a
+// positive number with its top bit set keeps its 0x00 sign octet); len 0
+// when the copy failed.
 typedef struct DorvexCrlRevokedSerial {
     uint8_t serial[DORVEX_CRL_SERIAL_LEN];
     uint32_t len;
@@ -147,7 +155,7 @@ typedef struct DorvexCrlRevokedSerial {
 typedef struct DorvexCrlInfo {
     uint32_t verified;                            // 1: signer found and trusted at thisUpdate
     int64_t thisUpdate;                           // seconds since 1970-01-01 UTC
-    int64_t nextUpdate;                           // seconds since 1970-01-01 UTC
+    int64_t nextUpdate;                           // the same, or DORVEX_CRL_NO_NEXT_UPDATE
     char issuerName[DORVEX_CRL_ISSUER_NAME_LEN];  // "C=..,O=..,CN=..", empty if unrenderable
     uint8_t issuerSerial[DORVEX_CRL_SERIAL_LEN];  // serial of the signing certificate
     uint32_t issuerSerialLen;                     // 0: no signer, or serial over 32 bytes
@@ -174,7 +182,7 @@ uint32_t DorvexDecodeCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t size,
                          DorvexCrlInfoList **list);
 
 // DorvexDecodeCrlFile: DorvexDecodeCrl over a whole file of at most
-// DORVEX_MAX_FILE_SIZE bytes; the reading codes of DorvexVerifyAddCrlFile.
+// DORVEX_MAX_CRL_FILE_SIZE bytes; the reading codes of DorvexVerifyAddCrlFile.
 uint32_t DorvexDecodeCrlFile(DorvexVrfCtx *ctx, const char *path, DorvexCrlInfoList **list);
 
 // DorvexCrlCompare: which of two decoded CRL sets is the newer, in *result

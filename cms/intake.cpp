@@ -83,15 +83,6 @@ struct FileClose {
 };
 using FilePtr = std::unique_ptr<FILE, FileClose>;
 
-// Finds `needle` in the zero-terminated text from `from` on.
-const char *InternalFind(const char *from, std::string_view needle) {
-    return DorvexStrStr(from, needle.data());
-}
-
-bool InternalStartsWith(const char *text, std::string_view prefix) {
-    return DorvexStrNCmp(text, prefix.data(), prefix.size()) == 0;
-}
-
 // Damaged PEM blocks reported one by one; the rest are counted in one line,
 // so a hostile file cannot flood the log.
 constexpr uint32_t kDrxPemReportMax = 4;
@@ -106,15 +97,14 @@ struct PemDerArea {
     uint32_t used = 0;
 };
 
-// InternalPemBlockDer: decodes the body of one PEM block [block, blockEnd)
+// InternalPemBlockDer: decodes the body of one PEM block `text`
 // that begins with `header` into the next free bytes of `area`. The body
 // starts `bodySkip` characters behind the header and runs to the first
 // `footer` inside the block; the search never leaves the block, so a walk
 // over many blocks stays linear in the text.
-uint32_t InternalPemBlockDer(const char *block, const char *blockEnd, std::string_view header,
-                             size_t bodySkip, std::string_view footer, PemDerArea *area,
-                             const uint8_t **der, uint32_t *derLen) {
-    const std::string_view text(block, static_cast<size_t>(blockEnd - block));
+uint32_t InternalPemBlockDer(std::string_view text, std::string_view header, size_t bodySkip,
+                             std::string_view footer, PemDerArea *area, const uint8_t **der,
+                             uint32_t *derLen) {
     const size_t bodyStart = header.size() + bodySkip;
     const size_t bodyEnd = text.find(footer);
     if (bodyEnd == std::string_view::npos || bodyEnd <= bodyStart) {
@@ -123,7 +113,7 @@ uint32_t InternalPemBlockDer(const char *block, const char *blockEnd, std::strin
     if (bodyEnd - bodyStart > INT32_MAX) {
         return DORVEX_ERR_BASE64;
     }
-    const auto *src = reinterpret_cast<const uint8_t *>(block + bodyStart);
+    const auto *src = reinterpret_cast<const uint8_t *>(text.data() + bodyStart);
     const auto srcLen = static_cast<int32_t>(bodyEnd - bodyStart);
     uint32_t room = area->capacity - area->used;
     uint8_t *dst = area->bytes + area->used;
@@ -142,13 +132,12 @@ uint32_t InternalPemBlockDer(const char *block, const char *blockEnd, std::strin
 // InternalPemDecodeCert: one "CERTIFICATE" block into `certs`, its DER in
 // `area`. A failure leaves nothing in the list; the caller reports it and
 // goes on with the next block.
-uint32_t InternalPemDecodeCert(const char *block, const char *blockEnd, PemDerArea *area,
-                               DorvexList *certs) {
+uint32_t InternalPemDecodeCert(std::string_view block, PemDerArea *area, DorvexList *certs) {
     // The body starts behind the header and one line-break character.
     const uint8_t *der = nullptr;
     uint32_t derLen = 0;
-    uint32_t ret = InternalPemBlockDer(block, blockEnd, kPemCertHeader, 1, kPemCertFooter, area,
-                                       &der, &derLen);
+    uint32_t ret =
+        InternalPemBlockDer(block, kPemCertHeader, 1, kPemCertFooter, area, &der, &derLen);
     if (ret != DORVEX_OK) {
         return ret;
     }
@@ -171,14 +160,12 @@ uint32_t InternalPemDecodeCert(const char *block, const char *blockEnd, PemDerAr
 // InternalPemDecodeCrl: one "X509 CRL" block, as InternalPemDecodeCert. When
 // the caller collects no CRLs the block is still decoded, so that a damaged
 // one is reported, and then dropped.
-uint32_t InternalPemDecodeCrl(const char *block, const char *blockEnd, PemDerArea *area,
-                              DorvexList *crls) {
+uint32_t InternalPemDecodeCrl(std::string_view block, PemDerArea *area, DorvexList *crls) {
     // The body starts right behind the header; the base64 decoder steps over
     // the line break.
     const uint8_t *der = nullptr;
     uint32_t derLen = 0;
-    uint32_t ret =
-        InternalPemBlockDer(block, blockEnd, kPemCrlHeader, 0, kPemCrlFooter, area, &der, &derLen);
+    uint32_t ret = InternalPemBlockDer(block, kPemCrlHeader, 0, kPemCrlFooter, area, &der, &derLen);
     if (ret != DORVEX_OK) {
         return ret;
     }
@@ -205,46 +192,43 @@ uint32_t InternalPemDecodeCrl(const char *block, const char *blockEnd, PemDerAre
 // one ended, so the walk is linear in the text.
 uint32_t InternalDecodePemCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length,
                                   DorvexList *certs, DorvexList *crls) {
-    // A zero-terminated copy lets every search stop at the end of the input.
-    BufferPtr text;
-    uint32_t ret = InternalAllocBuffer(static_cast<uint64_t>(length) + 1, &text);
-    if (ret != DORVEX_OK) {
-        return ret;
-    }
-    memcpy(text.get(), data, length);
+    const std::string_view text(reinterpret_cast<const char *>(data), length);
+    // Base64 gives three bytes for every four characters at most.
+    const uint32_t capacity = length / 4 * 3 + 3;
     BufferPtr derBuffer;
-    ret = InternalAllocBuffer(length, &derBuffer);
+    uint32_t ret = InternalAllocBuffer(capacity, &derBuffer);
     if (ret != DORVEX_OK) {
         return ret;
     }
-    PemDerArea area{derBuffer.get(), length, 0};
+    PemDerArea area{derBuffer.get(), capacity, 0};
     uint32_t damaged = 0;
-    const char *block = InternalFind(reinterpret_cast<const char *>(text.get()), kPemBegin);
-    while (block != nullptr) {
+    size_t block = text.find(kPemBegin);
+    while (block != std::string_view::npos) {
         // "-----BEGIN" holds no dash after its fifth character, so the end
         // marker lies behind it and so does the label (one blank after it).
-        const char *endMarker = InternalFind(block, kPemEnd);
-        const char *closing =
-            endMarker == nullptr ? nullptr : InternalFind(endMarker + kPemEnd.size(), kPemDashes);
-        if (closing == nullptr) {
+        const size_t endMarker = text.find(kPemEnd, block);
+        const size_t closing = endMarker == std::string_view::npos
+                                   ? endMarker
+                                   : text.find(kPemDashes, endMarker + kPemEnd.size());
+        if (closing == std::string_view::npos) {
             DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "PEM block without end marker.");
             ret = DORVEX_ERR_INPUT_FORMAT;
             break;
         }
-        const char *blockEnd = closing + kPemDashes.size();
+        const size_t blockEnd = closing + kPemDashes.size();
+        const std::string_view whole = text.substr(block, blockEnd - block);
         // The exact header implies the label; "CERTIFICATE REQUEST" and the
         // like do not match it and are skipped.
         uint32_t blockRet = DORVEX_OK;
-        if (InternalStartsWith(block, kPemCertHeader)) {
-            blockRet = InternalPemDecodeCert(block, blockEnd, &area, certs);
-        } else if (InternalStartsWith(block, kPemCrlHeader)) {
-            blockRet = InternalPemDecodeCrl(block, blockEnd, &area, crls);
+        if (whole.starts_with(kPemCertHeader)) {
+            blockRet = InternalPemDecodeCert(whole, &area, certs);
+        } else if (whole.starts_with(kPemCrlHeader)) {
+            blockRet = InternalPemDecodeCrl(whole, &area, crls);
         }
         if (blockRet != DORVEX_OK && ++damaged <= kDrxPemReportMax) {
-            DORVEX_LOG_ERR(blockRet, "Invalid PEM block at offset %ld.",
-                           static_cast<long>(block - reinterpret_cast<const char *>(text.get())));
+            DORVEX_LOG_ERR(blockRet, "Invalid PEM block at offset %zu.", block);
         }
-        block = InternalFind(blockEnd, kPemBegin);
+        block = text.find(kPemBegin, blockEnd);
     }
     if (damaged > kDrxPemReportMax) {
         DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "%u more invalid PEM blocks skipped.",
@@ -377,7 +361,7 @@ void InternalFreeCrlList(DorvexList *crls) {
     DorvexListFree(crls, InternalFreeCrlItem);
 }
 
-uint32_t InternalReadFile(const char *path, uint8_t **data, uint32_t *length) {
+uint32_t InternalReadFile(const char *path, uint32_t maxSize, uint8_t **data, uint32_t *length) {
     if (path == nullptr || data == nullptr || length == nullptr) {
         return DORVEX_ERR_PARAM;
     }
@@ -402,7 +386,7 @@ uint32_t InternalReadFile(const char *path, uint8_t **data, uint32_t *length) {
         DORVEX_LOG_ERR(DORVEX_ERR_FILE_EMPTY, "File '%s' is empty.", path);
         return DORVEX_ERR_FILE_EMPTY;
     }
-    if (size > DORVEX_MAX_FILE_SIZE) {
+    if (size > maxSize) {
         DORVEX_LOG_ERR(DORVEX_ERR_FILE_TOO_LARGE, "File '%s' is too large.", path);
         return DORVEX_ERR_FILE_TOO_LARGE;
     }
@@ -555,7 +539,7 @@ extern "C" uint32_t DorvexVerifyAddCertFile(DorvexVrfCtx *ctx, const char *path)
     }
     uint8_t *data = nullptr;
     uint32_t length = 0;
-    ret = InternalReadFile(path, &data, &length);
+    ret = InternalReadFile(path, DORVEX_MAX_FILE_SIZE, &data, &length);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to read certificate file.");
         return ret;
@@ -603,7 +587,7 @@ extern "C" uint32_t DorvexVerifyAddCrlFile(DorvexVrfCtx *ctx, const char *path) 
     }
     uint8_t *data = nullptr;
     uint32_t length = 0;
-    uint32_t ret = InternalReadFile(path, &data, &length);
+    uint32_t ret = InternalReadFile(path, DORVEX_MAX_CRL_FILE_SIZE, &data, &length);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to read CRL file.");
         return ret;

@@ -18,7 +18,7 @@ inline constexpr uint32_t kDrxMinInputLen = 38;
 
 // Longest digest and signature a pending verification keeps.
 #define DORVEX_MD_MAX_LEN 64u
-#define DORVEX_SIG_MAX_LEN 516u
+#define DORVEX_SIG_MAX_LEN DORVEX_BIGINT_MAX_LEN
 
 // DorvexMdInfo: one pending verification of detached content. A digest
 // process has mdCtx (the content is hashed and compared with
@@ -42,12 +42,12 @@ void InternalFreeMdInfo(void *info);
 // DORVEX_ERR_CTX_SIZE for one whose size field is wrong; not logged.
 uint32_t InternalCheckCtx(const DorvexVrfCtx *ctx);
 
-// InternalReadFile: reads a whole file of 1 to DORVEX_MAX_FILE_SIZE bytes
-// into a new buffer (*data, *length), which the caller frees with
-// DorvexFree. On failure nothing is handed out: DORVEX_ERR_PARAM for an
-// empty path, DORVEX_ERR_FILE_OPEN, DORVEX_ERR_FILE_EMPTY,
+// InternalReadFile: reads a whole regular file of 1 to maxSize bytes into a
+// new buffer (*data, *length), which the caller frees with DorvexFree. On
+// failure nothing is handed out: DORVEX_ERR_PARAM for an empty path,
+// DORVEX_ERR_FILE_OPEN, DORVEX_ERR_FILE_TYPE, DORVEX_ERR_FILE_EMPTY,
 // DORVEX_ERR_FILE_TOO_LARGE, DORVEX_ERR_FILE_READ, or the allocator's code.
-uint32_t InternalReadFile(const char *path, uint8_t **data, uint32_t *length);
+uint32_t InternalReadFile(const char *path, uint32_t maxSize, uint8_t **data, uint32_t *length);
 
 // InternalBase64Decode: decodes the base64 text [start, end) into a new
 // buffer freed with DorvexFree. DORVEX_ERR_INPUT_FORMAT for text that decodes

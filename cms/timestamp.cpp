@@ -63,7 +63,7 @@ uint32_t InternalVerifyTstInfo(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *s
         return DORVEX_ERR_TS_MISMATCH;
     }
     DorvexDatetime genTime{};
-    ret = DorvexConvertFromTime(&info->genTime, &genTime);
+    ret = DorvexConvertFromGenTime(&info->genTime, &genTime);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Invalid generation time of timestamp.");
         return ret;

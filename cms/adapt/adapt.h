@@ -32,8 +32,7 @@ extern "C" {
 // Size of the message buffer of DorvexLogCallback, terminator included.
 #define DORVEX_LOG_MSG_SIZE 2048u
 
-// Broken-down UTC time. `year` is the full year, or years since 1900 when
-// below 1901 (DorvexMktime adds 1900 then).
+// Broken-down UTC time; `year` is the full year, 1 to 9999.
 typedef struct {
     uint16_t year;
     uint8_t month;  // 1..12
@@ -128,8 +127,9 @@ uint32_t DorvexBase64Decode(const uint8_t *src, int32_t srcLength, uint8_t *dst,
                             uint32_t *dstLength);
 
 // DorvexMktime: seconds since 1970-01-01 00:00:00 UTC of a proleptic
-// Gregorian date-time; 0 for null. Fields are not validated: out-of-range
-// days or months simply carry over.
+// Gregorian date-time (negative before 1970); 0 for null. Fields are not
+// validated here (the time decoders do): out-of-range days or months simply
+// carry over.
 int64_t DorvexMktime(const DorvexDatetime *time);
 
 #ifdef __cplusplus

@@ -9,10 +9,8 @@ extern "C" int64_t DorvexMktime(const DorvexDatetime *time) {
     if (time == nullptr) {
         return 0;
     }
+    // Every year is taken as written: a date of 1850 is 1850, not 3750.
     int64_t year = time->year;
-    if (year < 1901) {
-        year += 1900;  // years since 1900
-    }
     int64_t month = static_cast<int64_t>(time->month) - 2;
     if (month <= 0) {
         month += 12;

@@ -29,7 +29,8 @@ struct DorvexCryptoVerifyCtx {
 static_assert(std::is_standard_layout_v<DorvexMdCtx> && std::is_trivial_v<DorvexMdCtx>);
 static_assert(std::is_standard_layout_v<DorvexCryptoVerifyCtx> &&
               std::is_trivial_v<DorvexCryptoVerifyCtx>);
-static_assert(std::is_standard_layout_v<DorvexBigInt> && sizeof(DorvexBigInt) == 4 + 512);
+static_assert(std::is_standard_layout_v<DorvexBigInt> &&
+              sizeof(DorvexBigInt) == 4 + DORVEX_BIGINT_MAX_LEN);
 
 // The provider logs straight to the debug log, under its own function name.
 #define DRX_PROVIDER_LOG_ERR(message) \
@@ -72,7 +73,7 @@ using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, OpensslFree<EVP_PKEY_CTX_free>>
 // padding applies, never PSS) from big-endian exponent and modulus bytes;
 // null when a length is out of range or OpenSSL fails. The caller owns the key.
 EVP_PKEY *InternalBuildRsaKey(const DorvexBigInt &exponent, const DorvexBigInt &modulus) {
-    // The record holds 512 bytes whatever its length field says.
+    // The record holds DORVEX_BIGINT_MAX_LEN bytes whatever its length field says.
     if (exponent.len > DORVEX_BIGINT_MAX_LEN || modulus.len > DORVEX_BIGINT_MAX_LEN) {
         return nullptr;
     }
@@ -114,6 +115,22 @@ bool InternalExponentUsable(const DorvexBigInt &exponent) {
         value = value << 8 | exponent.data[i];
     }
     return value >= 3 && value <= kMaxExponent && (value & 1) == 1;
+}
+
+// Significant bits of a big-endian magnitude.
+uint32_t InternalBitLength(const DorvexBigInt &n) {
+    uint32_t i = 0;
+    while (i < n.len && n.data[i] == 0) {
+        ++i;
+    }
+    if (i == n.len) {
+        return 0;
+    }
+    uint32_t bits = (n.len - i) * 8;
+    for (uint8_t top = n.data[i]; (top & 0x80) == 0; top = static_cast<uint8_t>(top << 1)) {
+        --bits;
+    }
+    return bits;
 }
 
 // InternalDigestStarted: whether the digest context exists and has been
@@ -243,6 +260,11 @@ extern "C" uint32_t DorvexCryptoVerifyInit(DorvexCryptoVerifyCtx *ctx, const Dor
         DRX_PROVIDER_LOG_ERR("RSA public exponent out of range.");
         return DORVEX_ERR_PUBKEY_EXPONENT;
     }
+    if (modulus->len <= DORVEX_BIGINT_MAX_LEN &&
+        InternalBitLength(*modulus) < DORVEX_RSA_MIN_BITS) {
+        DRX_PROVIDER_LOG_ERR("RSA modulus below 2048 bits.");
+        return DORVEX_ERR_PUBKEY_TOO_SHORT;
+    }
     // SHA-1 is there for certificate identifiers, never for signatures.
     if (hashAlgorithm == kAoidSha1) {
         DRX_PROVIDER_LOG_ERR("Failed to get algo handler.");
@@ -295,27 +317,28 @@ extern "C" uint32_t DorvexCryptoVerifyFinal(DorvexCryptoVerifyCtx *ctx, const ui
         return DORVEX_FAIL;
     }
     // Encoders may drop a signature's leading zero bytes, while OpenSSL wants
-    // exactly the modulus length. Rounding up to a multiple of 4 restores
-    // them for the key sizes in use (2048 and 4096 bits).
-    uint32_t paddedLength = (signatureLength + 3u) & ~3u;
-    int rc;
-    if (paddedLength == signatureLength) {
+    // exactly the modulus length: put them back, whatever the modulus.
+    const int keyBytes = EVP_PKEY_get_size(ctx->pkey);
+    if (keyBytes <= 0) {
+        return DORVEX_FAIL;
+    }
+    const auto modulusLength = static_cast<uint32_t>(keyBytes);
+    int rc = 0;
+    if (signatureLength > modulusLength) {
+        rc = 0;  // longer than the modulus: no valid signature, nothing to read
+    } else if (signatureLength == modulusLength) {
         rc =
             EVP_VerifyFinal_ex(ctx->mdCtx, signature, signatureLength, ctx->pkey, nullptr, nullptr);
     } else {
-        // A length within 3 of 2^32 wraps around; no buffer can be made then.
-        if (paddedLength < signatureLength) {
-            return DORVEX_FAIL;
-        }
         void *block = nullptr;
-        if (DorvexMalloc(&block, paddedLength) != DORVEX_OK || block == nullptr) {
+        if (DorvexMalloc(&block, modulusLength) != DORVEX_OK || block == nullptr) {
             return DORVEX_FAIL;
         }
         auto *padded = static_cast<uint8_t *>(block);
-        uint32_t zeros = paddedLength - signatureLength;
+        const uint32_t zeros = modulusLength - signatureLength;
         memset(padded, 0, zeros);
         memcpy(padded + zeros, signature, signatureLength);
-        rc = EVP_VerifyFinal_ex(ctx->mdCtx, padded, paddedLength, ctx->pkey, nullptr, nullptr);
+        rc = EVP_VerifyFinal_ex(ctx->mdCtx, padded, modulusLength, ctx->pkey, nullptr, nullptr);
         DorvexFree(block);
     }
     // A bad signature and an OpenSSL error are the same verdict; leave no

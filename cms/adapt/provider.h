@@ -21,8 +21,10 @@
 extern "C" {
 #endif
 
-// Largest RSA modulus or exponent, in bytes (4096 bits).
-#define DORVEX_BIGINT_MAX_LEN 512u
+// Largest RSA modulus or exponent, in bytes (8192 bits), and the smallest
+// modulus accepted, in bits: keys below 2048 bits are too weak to trust.
+#define DORVEX_BIGINT_MAX_LEN 1024u
+#define DORVEX_RSA_MIN_BITS 2048u
 
 // Big-endian magnitude of an RSA modulus or exponent: the first `len`
 // bytes of `data` are significant.
@@ -65,10 +67,11 @@ void DorvexMdDestoryCtx(DorvexMdCtx *ctx);
 uint32_t DorvexCryptoVerifyCreateCtx(DorvexCryptoVerifyCtx **out);
 
 // DorvexCryptoVerifyInit: sets the RSA public key (exponent first, modulus
-// second; each at most 512 bytes) and starts hashing with `hashAlgorithm`
+// second; each at most 1024 bytes) and starts hashing with `hashAlgorithm`
 // (AOID_SHA256/384/512). The exponent must be odd and between 3 and
 // 2^32+1, as real keys have it, so no key can make a check expensive:
-// DORVEX_ERR_PUBKEY_EXPONENT. -1 on any other failure; the context then
+// DORVEX_ERR_PUBKEY_EXPONENT; a modulus below 2048 bits gives
+// DORVEX_ERR_PUBKEY_TOO_SHORT. -1 on any other failure; the context then
 // holds no key.
 uint32_t DorvexCryptoVerifyInit(DorvexCryptoVerifyCtx *ctx, const DorvexBigInt *exponent,
                                 const DorvexBigInt *modulus, uint32_t hashAlgorithm);
@@ -80,9 +83,9 @@ uint32_t DorvexCryptoVerifyUpdate(DorvexCryptoVerifyCtx *ctx, const uint8_t *dat
 // DorvexCryptoVerifyFinal: checks an RSA PKCS #1 v1.5 signature over the
 // data hashed so far. Returns 0 when the check was carried out, with *valid
 // 1 for a good signature and 0 otherwise (a bad signature is no failure).
-// A signature whose length is not a multiple of 4 gets 1 to 3 zero bytes in
-// front, so one that lost its leading zero bytes is checked at the modulus
-// length again (for moduli whose length is a multiple of 4).
+// A signature shorter than the modulus gets zero bytes in front, so one
+// that lost its leading zero bytes is checked at the modulus length again;
+// a longer one is no valid signature.
 // -1 for a null context, key, signature or `valid`, or when the padded copy
 // cannot be made; *valid is then untouched.
 uint32_t DorvexCryptoVerifyFinal(DorvexCryptoVerifyCtx *ctx, const uint8_t *signature,

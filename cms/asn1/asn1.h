@@ -62,6 +62,9 @@ typedef struct DorvexAsnTag {
                                       // set when a critical entry is read by no decoding row
 #define DRX_ASN_MAP_COUNT 0x80u       // member += 1 per entry of the key
 #define DRX_ASN_MAP_ONE_VALUE 0x100u  // the decoded value must fill the entry's value
+// INTEGER captures: keep the two's-complement content as encoded (no sign
+// octet dropped) and refuse a non-minimal one, so equal bytes mean equal numbers.
+#define DRX_ASN_SIGNED_INT 0x200u
 
 struct DorvexAsnTempl;
 
@@ -113,7 +116,8 @@ typedef struct DorvexAsnOcts {
 // BIT STRING: data/len cover the bytes after the unused-bits octet.
 typedef DorvexAsnOcts DorvexAsnBits;
 
-// INTEGER as big-endian content bytes, one leading 0x00 octet removed.
+// INTEGER as big-endian content bytes, one leading 0x00 octet removed
+// (a magnitude), or, under DRX_ASN_SIGNED_INT, exactly as encoded.
 typedef DorvexAsnOcts DorvexAsnBigint;
 
 // INTEGER, ENUMERATED, or BOOLEAN as 0/1.

@@ -375,12 +375,22 @@ uint32_t DorvexDecodeOctet(DorvexBuf *buf, void *target, uint32_t *consumed,
     if (ret != DORVEX_OK) {
         return ret;
     }
+    if (len == 0 && number == DRX_ASN_INTEGER && (flags & DRX_ASN_SIGNED_INT) != 0) {
+        return DORVEX_ERR_ASN_INT;  // X.690 8.3.1: one content octet at least
+    }
     if (len == 0 && out != nullptr) {
         out->data = nullptr;
     } else {
         if ((flags & DRX_ASN_WITH_HEADER) != 0) {
             len += rewind.Advanced();
             buf->pos = rewind.Start();
+        } else if (number == DRX_ASN_INTEGER && (flags & DRX_ASN_SIGNED_INT) != 0) {
+            // X.690 8.3.2: the first nine bits are never all zeros or all
+            // ones; otherwise two encodings of one number would compare unequal.
+            const uint8_t *c = buf->data + buf->pos;
+            if (len >= 2 && ((c[0] == 0x00 && c[1] < 0x80) || (c[0] == 0xFF && c[1] >= 0x80))) {
+                return DORVEX_ERR_ASN_INT;
+            }
         } else if (len != 0 && number == DRX_ASN_INTEGER && buf->data[buf->pos] == 0x00) {
             // A sign octet in front of a positive INTEGER is not part of
             // its magnitude (one octet at most).

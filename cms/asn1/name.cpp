@@ -148,40 +148,98 @@ uint32_t DorvexConvertFromX509Name(const DorvexX509Name *name, char **str, uint3
     return DORVEX_OK;
 }
 
-uint32_t DorvexConvertFromTime(const DorvexAsnOcts *time, DorvexDatetime *out) {
+namespace {
+
+// Digits only: a letter or sign is not a time.
+bool AllDigits(const uint8_t *text, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i) {
+        if (text[i] < '0' || text[i] > '9') {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool IsLeapYear(uint32_t year) {
+    return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+}
+
+// A real calendar date and time of day; no leap second (RFC 5280 4.1.2.5
+// times are UTC with seconds 00-59).
+bool ValidDatetime(const DorvexDatetime &t) {
+    static constexpr uint8_t kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (t.year < 1 || t.month < 1 || t.month > 12 || t.hour > 23 || t.minute > 59 ||
+        t.second > 59) {
+        return false;
+    }
+    const uint32_t days = kDays[t.month - 1] + (t.month == 2 && IsLeapYear(t.year) ? 1 : 0);
+    return t.day >= 1 && t.day <= days;
+}
+
+// A fraction of a second ".d...d" before the Z (X.690 11.7: at least one
+// digit, no trailing zero); it is dropped, times count whole seconds.
+bool ValidFraction(const uint8_t *text, uint32_t n) {
+    return n >= 2 && text[0] == '.' && AllDigits(text + 1, n - 1) && text[n - 1] != '0';
+}
+
+// InternalConvertTime: UTCTime YYMMDDHHMMSSZ or GeneralizedTime
+// YYYYMMDDHHMMSS[.f]Z, the fraction only when allowed; every character and
+// the date itself checked.
+uint32_t InternalConvertTime(const DorvexAsnOcts *time, DorvexDatetime *out, bool fraction) {
     constexpr uint32_t kUtcLen = 13;          // YYMMDDHHMMSSZ
     constexpr uint32_t kGeneralizedLen = 15;  // YYYYMMDDHHMMSSZ
     if (time == nullptr || out == nullptr) {
         return DORVEX_ERR_PARAM;
     }
     const uint8_t *text = time->data;
+    const uint32_t len = time->len;
+    DorvexDatetime parsed{};
     const uint8_t *rest = nullptr;
-    if (time->tagCode == DRX_ASN_UTC_TIME && time->len == kUtcLen && text != nullptr) {
+    bool ok = false;
+    if (time->tagCode == DRX_ASN_UTC_TIME && len == kUtcLen && text != nullptr) {
         // RFC 5280 4.1.2.5.1: YY below 50 is 20YY, otherwise 19YY.
+        ok = AllDigits(text, 12) && text[12] == 'Z';
         const uint8_t yy = TwoDigits(text);
-        out->year = static_cast<uint16_t>(yy < 50 ? 2000 + yy : 1900 + yy);
+        parsed.year = static_cast<uint16_t>(yy < 50 ? 2000 + yy : 1900 + yy);
         rest = text + 2;
-    } else if (time->tagCode == DRX_ASN_GENERALIZED_TIME && time->len == kGeneralizedLen &&
+    } else if (time->tagCode == DRX_ASN_GENERALIZED_TIME && len >= kGeneralizedLen &&
                text != nullptr) {
-        uint32_t year = 0;
-        for (int i = 0; i < 4; ++i) {
-            year = year * 10 + static_cast<uint32_t>(text[i] - '0');
-        }
-        out->year = static_cast<uint16_t>(year);
+        ok = AllDigits(text, 14) && text[len - 1] == 'Z' &&
+             (len == kGeneralizedLen || (fraction && ValidFraction(text + 14, len - 15)));
+        parsed.year = static_cast<uint16_t>(TwoDigits(text) * 100 + TwoDigits(text + 2));
         rest = text + 4;
-    } else {
-        // Fractional seconds, offsets from UTC and UTCTime without seconds
-        // are not DER for certificates (RFC 5280 4.1.2.5) and are refused.
+    }
+    if (ok) {
+        parsed.month = TwoDigits(rest);
+        parsed.day = TwoDigits(rest + 2);
+        parsed.hour = TwoDigits(rest + 4);
+        parsed.minute = TwoDigits(rest + 6);
+        parsed.second = TwoDigits(rest + 8);
+        ok = ValidDatetime(parsed);
+    }
+    if (!ok) {
+        // Offsets from UTC, UTCTime without seconds, letters, month 13 or
+        // February 30 are no DER time (RFC 5280 4.1.2.5).
         DORVEX_LOG_ERR(DORVEX_ERR_TIME_FORMAT, "unsupported time format, tag %u length %u.",
-                       time->tagCode, time->len);
+                       time->tagCode, len);
         return DORVEX_ERR_TIME_FORMAT;
     }
-    out->month = TwoDigits(rest);
-    out->day = TwoDigits(rest + 2);
-    out->hour = TwoDigits(rest + 4);
-    out->minute = TwoDigits(rest + 6);
-    out->second = TwoDigits(rest + 8);
+    *out = parsed;
     return DORVEX_OK;
+}
+
+}  // namespace
+
+uint32_t DorvexConvertFromTime(const DorvexAsnOcts *time, DorvexDatetime *out) {
+    return InternalConvertTime(time, out, false);
+}
+
+uint32_t DorvexConvertFromGenTime(const DorvexAsnOcts *time, DorvexDatetime *out) {
+    if (time != nullptr && time->tagCode != DRX_ASN_GENERALIZED_TIME) {
+        DORVEX_LOG_ERR(DORVEX_ERR_TIME_FORMAT, "genTime is no GeneralizedTime.");
+        return DORVEX_ERR_TIME_FORMAT;
+    }
+    return InternalConvertTime(time, out, true);
 }
 
 uint32_t DorvexConvertDatetimeToTime(const DorvexAsnOcts *time, int64_t *seconds) {

@@ -72,10 +72,11 @@ constexpr DorvexAsnTempl g_templDorvexX509CertRawBundle[] = {
 
 // IssuerAndSerialNumber ::= SEQUENCE {
 //     issuer        Name,
-//     serialNumber  CertificateSerialNumber }
+//     serialNumber  CertificateSerialNumber }   -- as encoded, minimal
 constexpr DorvexAsnTempl g_templDorvexPkcs7IssuerAndSerial[] = {
     Row(&g_itemDorvexX509Name, offsetof(DorvexPkcs7IssuerAndSerial, issuer)),
-    Row(&g_itemDorvexAsnBigint, offsetof(DorvexPkcs7IssuerAndSerial, serialNumber)),
+    Row(&g_itemDorvexAsnBigint, offsetof(DorvexPkcs7IssuerAndSerial, serialNumber),
+        DRX_ASN_SIGNED_INT),
 };
 
 // A map row counting the attributes of `key`.

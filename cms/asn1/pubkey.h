@@ -13,12 +13,12 @@ extern "C" {
 
 // InternalGetBigIntFromOcts: copies `length` big-endian bytes into `out`.
 // DORVEX_ERR_PARAM (and an "Unsupported key length" report in bits) above
-// 512 bytes; the copy routine's code if the copy fails.
+// DORVEX_BIGINT_MAX_LEN bytes; the copy routine's code if the copy fails.
 uint32_t InternalGetBigIntFromOcts(DorvexBigInt *out, uint32_t length, const uint8_t *data);
 
 // DorvexX509ExtractPublicKey: the certificate's RSA exponent and modulus, in
 // that order. DORVEX_ERR_PARAM for a missing argument, DORVEX_ERR_PUBKEY_TOO_LONG
-// for a part over 512 bytes.
+// for a part over DORVEX_BIGINT_MAX_LEN (1024) bytes.
 uint32_t DorvexX509ExtractPublicKey(const DorvexX509Cert *cert, DorvexBigInt *exponent,
                                     DorvexBigInt *modulus);
 

@@ -10,9 +10,12 @@
 // SEQUENCE reports its left-over bytes.
 #include "cms/asn1/x509.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
+#include "cms/asn1/internal.h"
 #include "cms/asn1/oid.h"
 
 namespace {
@@ -21,6 +24,8 @@ constexpr uint16_t kOpt = DRX_ASN_OPTIONAL;
 constexpr uint16_t kDef = DRX_ASN_DEFAULT;
 constexpr uint16_t kSkip = DRX_ASN_SKIP;
 constexpr uint16_t kPeekWhole = DRX_ASN_PEEK | DRX_ASN_WITH_HEADER;
+// Serial numbers are compared as numbers: kept as encoded, minimal only.
+constexpr uint16_t kSerial = DRX_ASN_SIGNED_INT;
 
 // A row carrying the item's own tag.
 constexpr DorvexAsnTempl Row(const DorvexAsnItem *item, uint32_t offset, uint16_t flags = 0) {
@@ -147,7 +152,7 @@ constexpr DorvexAsnTempl g_templDorvexX509CertExts[] = {
 
 // TBSCertificate ::= SEQUENCE {
 //     version               [0] EXPLICIT Version,   -- required here, value not examined
-//     serialNumber          CertificateSerialNumber,
+//     serialNumber          CertificateSerialNumber,   -- as encoded, minimal
 //     signature             AlgorithmIdentifier,     -- not compared with the outer one
 //     issuer                Name,
 //     validity              Validity,
@@ -158,7 +163,7 @@ constexpr DorvexAsnTempl g_templDorvexX509CertExts[] = {
 //     extensions            [3] EXPLICIT Extensions OPTIONAL }
 constexpr DorvexAsnTempl g_templDorvexX509CertInfo[] = {
     Tagged(&g_itemDorvexAsnInt, DRX_ASN_TAG_EXPLICIT, 0, 0, kSkip),
-    Row(&g_itemDorvexAsnBigint, offsetof(DorvexX509CertInfo, serialNumber)),
+    Row(&g_itemDorvexAsnBigint, offsetof(DorvexX509CertInfo, serialNumber), kSerial),
     Row(&g_itemDorvexAsnSeq, 0, kSkip),
     Row(&g_itemDorvexX509Name, offsetof(DorvexX509CertInfo, issuer)),
     Row(&g_itemDorvexX509Validity, offsetof(DorvexX509CertInfo, validity)),
@@ -196,15 +201,9 @@ constexpr DorvexAsnTempl g_templDorvexX509RevokeAttrs[] = {
 //     revocationDate      Time,
 //     crlEntryExtensions  Extensions OPTIONAL }
 constexpr DorvexAsnTempl g_templDorvexX509RevokeEntry[] = {
-    Row(&g_itemDorvexAsnBigint, offsetof(DorvexX509RevokeEntry, userCertificate)),
+    Row(&g_itemDorvexAsnBigint, offsetof(DorvexX509RevokeEntry, userCertificate), kSerial),
     Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509RevokeEntry, revocationDate)),
     Row(&g_itemDorvexX509RevokeAttrs, offsetof(DorvexX509RevokeEntry, crlEntryExtensions), kOpt),
-};
-
-// revokedCertificates ::= SEQUENCE SIZE (1..20) OF entry
-constexpr DorvexAsnTempl g_templDorvexX509Revoked[] = {
-    Elements(&g_itemDorvexX509RevokeEntry, offsetof(DorvexX509Revoked, entries),
-             DRX_X509_CRL_MAX_REVOKED),
 };
 
 // IssuingDistributionPoint ::= SEQUENCE {
@@ -239,21 +238,29 @@ constexpr DorvexAsnTempl g_templDorvexX509CrlAttrs[] = {
     Critical(AOID_UNKNOWN, offsetof(DorvexX509CrlAttrs, unknownCritical)),
 };
 
+// A Time: UTCTime or GeneralizedTime, told apart when converted. Any
+// universal primitive tag matches, so a SEQUENCE or [0] that follows an
+// absent nextUpdate is never taken for it.
+constexpr DorvexAsnItem g_itemDorvexX509Time = {
+    nullptr, &g_drxAsnFuncOct,     DRX_ASN_CLASS_UNIVERSAL, 0, DRX_ASN_ANY_TAG,
+    0,       sizeof(DorvexAsnOcts)};
+
 // TBSCertList ::= SEQUENCE {
-//     version              Version,            -- required here (v2 only)
+//     version              Version OPTIONAL,    -- absent in a v1 CRL
 //     signature            AlgorithmIdentifier,
 //     issuer               Name,
 //     thisUpdate           Time,
-//     nextUpdate           Time,               -- required here
-//     revokedCertificates  SEQUENCE OF ... OPTIONAL,
+//     nextUpdate           Time OPTIONAL,
+//     revokedCertificates  SEQUENCE OF ... OPTIONAL,   -- content captured, entries decoded after
 //     crlExtensions        [0] EXPLICIT Extensions OPTIONAL }
 constexpr DorvexAsnTempl g_templDorvexX509CrlInfo[] = {
-    Row(&g_itemDorvexAsnInt, offsetof(DorvexX509CrlInfo, version)),
+    Row(&g_itemDorvexAsnInt, offsetof(DorvexX509CrlInfo, version), kOpt),
     Row(&g_itemDorvexX509AlgoIdentifier, offsetof(DorvexX509CrlInfo, signature)),
     Row(&g_itemDorvexX509Name, offsetof(DorvexX509CrlInfo, issuer)),
-    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509CrlInfo, thisUpdate)),
-    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509CrlInfo, nextUpdate)),
-    Row(&g_itemDorvexX509Revoked, offsetof(DorvexX509CrlInfo, revokedCertificates), kOpt),
+    Row(&g_itemDorvexX509Time, offsetof(DorvexX509CrlInfo, thisUpdate)),
+    Row(&g_itemDorvexX509Time, offsetof(DorvexX509CrlInfo, nextUpdate), kOpt),
+    Row(&g_itemDorvexAsnSeq,
+        offsetof(DorvexX509CrlInfo, revokedCertificates) + offsetof(DorvexX509Revoked, raw), kOpt),
     Tagged(&g_itemDorvexX509CrlAttrs, DRX_ASN_TAG_EXPLICIT, 0,
            offsetof(DorvexX509CrlInfo, crlExtensions), kOpt),
 };
@@ -308,8 +315,6 @@ constexpr DorvexAsnItem g_itemDorvexX509RevokeAttrs =
     Structured(g_templDorvexX509RevokeAttrs, kMap, DRX_ASN_SEQUENCE, sizeof(DorvexX509RevokeAttrs));
 constexpr DorvexAsnItem g_itemDorvexX509RevokeEntry =
     Structured(g_templDorvexX509RevokeEntry, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509RevokeEntry));
-constexpr DorvexAsnItem g_itemDorvexX509Revoked =
-    Structured(g_templDorvexX509Revoked, kSetOf, DRX_ASN_SEQUENCE, sizeof(DorvexX509Revoked));
 constexpr DorvexAsnItem g_itemDorvexX509IssuingDistPoint = Structured(
     g_templDorvexX509IssuingDistPoint, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509IssuingDistPoint));
 constexpr DorvexAsnItem g_itemDorvexX509CrlAttrs =
@@ -320,8 +325,7 @@ constexpr DorvexAsnItem g_itemDorvexX509Crl =
     Structured(g_templDorvexX509Crl, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509Crl));
 
 // The SET OF decoder stores the count in the record's first word.
-static_assert(offsetof(DorvexX509Name, count) == 0 && offsetof(DorvexX509AttrBundle, count) == 0 &&
-              offsetof(DorvexX509Revoked, count) == 0);
+static_assert(offsetof(DorvexX509Name, count) == 0 && offsetof(DorvexX509AttrBundle, count) == 0);
 // The map rows write 32-bit values into these members.
 static_assert(sizeof(DorvexX509BasicConstraints) == sizeof(DorvexAsnInt) &&
               sizeof(DorvexX509CertExts::extKeyUsageCritical) == sizeof(uint32_t));
@@ -378,11 +382,137 @@ void DorvexX509FreeCert(DorvexX509Cert *cert) {
     InternalRelease(cert, g_itemDorvexX509Cert);
 }
 
+namespace {
+
+// Serial order of the index: shorter first, then bytewise. Minimal
+// encodings make equal numbers equal bytes, so this finds every entry of one
+// number next to each other.
+int CompareSerial(const DorvexAsnBigint &a, const DorvexAsnBigint &b) {
+    if (a.len != b.len) {
+        return a.len < b.len ? -1 : 1;
+    }
+    return a.len == 0 ? 0 : memcmp(a.data, b.data, a.len);
+}
+
+// Elements of a SEQUENCE OF content, counted by their headers alone.
+uint32_t CountElements(const DorvexAsnOcts &raw, uint32_t *count) {
+    DorvexBuf buf{};
+    uint32_t ret = DorvexBufInit(&buf, raw.data, raw.len);
+    uint32_t n = 0;
+    while (ret == DORVEX_OK && buf.pos < buf.size) {
+        DorvexAsnTag tag{};
+        uint32_t len = 0;
+        ret = InternalDecTag(&buf, &tag);
+        if (ret == DORVEX_OK) {
+            ret = InternalDecLen(&buf, &len);
+        }
+        if (ret == DORVEX_OK) {
+            buf.pos += len;  // checked against what remains by InternalDecLen
+            ++n;
+        }
+    }
+    *count = n;
+    return ret;
+}
+
+// InternalDecodeRevoked: every entry of revokedCertificates into a block of
+// its own, in CRL order, and the index ordered by serial. The entries point
+// into the CRL's DER like the rest of the record.
+uint32_t InternalDecodeRevoked(DorvexX509Revoked &revoked) {
+    static constexpr DorvexAsnTempl kEntryRow = {
+        &g_itemDorvexX509RevokeEntry, 0, DRX_ASN_TAG_UNIVERSAL, 0, 0, 0};
+    if (revoked.raw.data == nullptr || revoked.raw.len == 0) {
+        return DORVEX_OK;
+    }
+    uint32_t count = 0;
+    uint32_t ret = CountElements(revoked.raw, &count);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    void *entries = nullptr;
+    void *index = nullptr;
+    ret = DorvexMallocWith0(&entries, uint64_t{count} * sizeof(DorvexX509RevokeEntry));
+    if (ret == DORVEX_OK) {
+        ret = DorvexMallocWith0(&index, uint64_t{count} * sizeof(uint32_t));
+    }
+    revoked.entries = static_cast<DorvexX509RevokeEntry *>(entries);
+    revoked.bySerial = static_cast<uint32_t *>(index);
+    if (ret != DORVEX_OK) {
+        return DORVEX_ERR_MALLOC;
+    }
+    DorvexBuf buf{};
+    ret = DorvexBufInit(&buf, revoked.raw.data, revoked.raw.len);
+    for (uint32_t i = 0; ret == DORVEX_OK && i < count; ++i) {
+        uint32_t used = 0;
+        ret = DorvexDecodeSeq(&buf, &revoked.entries[i], &used, &kEntryRow);
+        revoked.bySerial[i] = i;
+        revoked.unknownCritical |= revoked.entries[i].crlEntryExtensions.unknownCritical;
+    }
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    revoked.count = count;
+    const DorvexX509RevokeEntry *all = revoked.entries;
+    std::stable_sort(revoked.bySerial, revoked.bySerial + count, [all](uint32_t a, uint32_t b) {
+        return CompareSerial(all[a].userCertificate, all[b].userCertificate) < 0;
+    });
+    return DORVEX_OK;
+}
+
+void InternalFreeRevoked(DorvexX509Revoked &revoked) {
+    DorvexFree(revoked.entries);
+    DorvexFree(revoked.bySerial);
+    revoked.entries = nullptr;
+    revoked.bySerial = nullptr;
+    revoked.count = 0;
+}
+
+}  // namespace
+
 uint32_t DorvexX509DecodeCrl(const uint8_t *data, uint32_t size, DorvexX509Crl **crl,
                              uint32_t *consumed) {
-    return InternalDecodeCounted(data, size, g_itemDorvexX509Crl, crl, consumed);
+    uint32_t ret = InternalDecodeCounted(data, size, g_itemDorvexX509Crl, crl, consumed);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    ret = InternalDecodeRevoked((*crl)->crlInfo.revokedCertificates);
+    if (ret != DORVEX_OK) {
+        DorvexX509FreeCrl(*crl);
+        *crl = nullptr;
+    }
+    return ret;
 }
 
 void DorvexX509FreeCrl(DorvexX509Crl *crl) {
+    if (crl != nullptr && crl->refCount <= 1) {
+        InternalFreeRevoked(crl->crlInfo.revokedCertificates);
+    }
     InternalRelease(crl, g_itemDorvexX509Crl);
+}
+
+void DorvexX509CrlFindSerial(const DorvexX509Crl *crl, const DorvexAsnBigint *serial,
+                             uint32_t *first, uint32_t *count) {
+    if (first == nullptr || count == nullptr) {
+        return;
+    }
+    *first = 0;
+    *count = 0;
+    if (crl == nullptr || serial == nullptr ||
+        crl->crlInfo.revokedCertificates.bySerial == nullptr) {
+        return;
+    }
+    const DorvexX509Revoked &revoked = crl->crlInfo.revokedCertificates;
+    const uint32_t *begin = revoked.bySerial;
+    const uint32_t *end = begin + revoked.count;
+    const DorvexX509RevokeEntry *all = revoked.entries;
+    const uint32_t *low =
+        std::lower_bound(begin, end, *serial, [all](uint32_t i, const DorvexAsnBigint &value) {
+            return CompareSerial(all[i].userCertificate, value) < 0;
+        });
+    const uint32_t *high =
+        std::upper_bound(low, end, *serial, [all](const DorvexAsnBigint &value, uint32_t i) {
+            return CompareSerial(value, all[i].userCertificate) < 0;
+        });
+    *first = static_cast<uint32_t>(low - begin);
+    *count = static_cast<uint32_t>(high - low);
 }

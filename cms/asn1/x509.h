@@ -21,8 +21,6 @@ extern "C" {
 // Most relative distinguished names in a name, and attributes in one RDN.
 #define DRX_X509_NAME_MAX_RDNS 10u
 #define DRX_X509_RDN_MAX_ATTRS 10u
-// Most revoked entries a CRL may list.
-#define DRX_X509_CRL_MAX_REVOKED 20u
 
 // Readable names: at most this many characters, in a buffer one larger.
 #define DRX_X509_NAME_STR_MAX 255u
@@ -123,9 +121,17 @@ typedef struct DorvexX509RevokeEntry {
     DorvexX509RevokeAttrs crlEntryExtensions;
 } DorvexX509RevokeEntry;
 
+// revokedCertificates: the SEQUENCE OF's content as captured by the
+// template, and the entries DorvexX509DecodeCrl decodes from it: `entries`
+// in CRL order, `bySerial` their indexes ordered by serial (length, then
+// bytes; equal serials in CRL order) for lookups. Both blocks belong to the
+// CRL record; a CRL decoded any other way has none (count 0).
 typedef struct DorvexX509Revoked {
+    DorvexAsnOcts raw;
     uint32_t count;
-    DorvexX509RevokeEntry entries[DRX_X509_CRL_MAX_REVOKED];
+    DorvexX509RevokeEntry *entries;
+    uint32_t *bySerial;
+    uint32_t unknownCritical;  // 1 when an entry has a critical extension not read
 } DorvexX509Revoked;
 
 typedef struct DorvexX509IssuingDistPoint {
@@ -145,11 +151,11 @@ typedef struct DorvexX509CrlAttrs {
 } DorvexX509CrlAttrs;
 
 typedef struct DorvexX509CrlInfo {
-    DorvexAsnInt version;
+    DorvexAsnInt version;  // 0 for a v1 CRL, which has no version field
     DorvexX509AlgoIdentifier signature;
     DorvexX509Name issuer;
     DorvexAsnOcts thisUpdate;
-    DorvexAsnOcts nextUpdate;
+    DorvexAsnOcts nextUpdate;  // tagCode 0 when absent: no promise of a next CRL
     DorvexX509Revoked revokedCertificates;
     DorvexX509CrlAttrs crlExtensions;
 } DorvexX509CrlInfo;
@@ -178,7 +184,6 @@ extern const DorvexAsnItem g_itemDorvexX509BasicConstraints;
 extern const DorvexAsnItem g_itemDorvexX509PathLen;
 extern const DorvexAsnItem g_itemDorvexX509Crl;
 extern const DorvexAsnItem g_itemDorvexX509CrlInfo;
-extern const DorvexAsnItem g_itemDorvexX509Revoked;
 extern const DorvexAsnItem g_itemDorvexX509RevokeEntry;
 extern const DorvexAsnItem g_itemDorvexX509RevokeAttrs;
 extern const DorvexAsnItem g_itemDorvexX509CrlAttrs;
@@ -198,10 +203,20 @@ uint32_t DorvexX509DecodeCert(const uint8_t *data, uint32_t size, DorvexX509Cert
 // is left. A missing record is ignored.
 void DorvexX509FreeCert(DorvexX509Cert *cert);
 
-// DorvexX509DecodeCrl / DorvexX509FreeCrl: the same for a CertificateList.
+// DorvexX509DecodeCrl / DorvexX509FreeCrl: the same for a CertificateList,
+// whose revoked entries (any number) are decoded into their own blocks and
+// indexed by serial; an entry that does not decode fails the CRL with the
+// decoder's code, and DORVEX_ERR_MALLOC when the index cannot be made.
 uint32_t DorvexX509DecodeCrl(const uint8_t *data, uint32_t size, DorvexX509Crl **crl,
                              uint32_t *consumed);
 void DorvexX509FreeCrl(DorvexX509Crl *crl);
+
+// DorvexX509CrlFindSerial: the entries of the CRL listing `serial` (INTEGER
+// content octets as encoded): positions [*first, *first + *count) of
+// revokedCertificates.bySerial, *count 0 when none. Binary search: the cost
+// grows with the logarithm of the CRL's length.
+void DorvexX509CrlFindSerial(const DorvexX509Crl *crl, const DorvexAsnBigint *serial,
+                             uint32_t *first, uint32_t *count);
 
 // ---- names and times --------------------------------------------------------
 
@@ -219,12 +234,18 @@ int32_t DorvexCompareX509Name(const DorvexX509Name *a, const DorvexX509Name *b);
 // an attribute type outside the identifier table.
 uint32_t DorvexConvertFromX509Name(const DorvexX509Name *name, char **str, uint32_t *len);
 
-// DorvexConvertFromTime: fills *out (zero it first) from a 13-character
-// UTCTime (YYMMDDHHMMSSZ; years 1950..2049) or a 15-character
-// GeneralizedTime (YYYYMMDDHHMMSSZ). Other tags and lengths, among them
-// fractional seconds and offsets, give DORVEX_ERR_TIME_FORMAT. Digits and
-// ranges are not checked here.
+// DorvexConvertFromTime: fills *out from a 13-character UTCTime
+// (YYMMDDHHMMSSZ; years 1950..2049) or a 15-character GeneralizedTime
+// (YYYYMMDDHHMMSSZ, the year as written). Digits only, a real calendar date,
+// hours 00-23, minutes and seconds 00-59, a final Z; anything else
+// (fractions, offsets, month 13, February 30) gives DORVEX_ERR_TIME_FORMAT
+// and leaves *out alone.
 uint32_t DorvexConvertFromTime(const DorvexAsnOcts *time, DorvexDatetime *out);
+
+// DorvexConvertFromGenTime: the same for a TSTInfo genTime, a
+// GeneralizedTime that may carry a fraction of a second before the Z
+// (RFC 3161 2.4.2: ".d...d" without trailing zeros); the fraction is dropped.
+uint32_t DorvexConvertFromGenTime(const DorvexAsnOcts *time, DorvexDatetime *out);
 
 // DorvexConvertDatetimeToTime: seconds since 1970-01-01 00:00:00 UTC of a
 // time value accepted by DorvexConvertFromTime.

@@ -35,19 +35,11 @@ struct CandidateList {
     ~CandidateList() { DorvexListFree(&list, FreeScoreItem); }
 };
 
-int32_t RevokedCount(const DorvexX509Crl &crl) {
-    uint32_t n = crl.crlInfo.revokedCertificates.count;
-    return static_cast<int32_t>(n > DRX_X509_CRL_MAX_REVOKED ? DRX_X509_CRL_MAX_REVOKED : n);
-}
-
 bool ListsSerial(const DorvexX509Crl &crl, const DorvexAsnBigint &serial) {
-    for (int32_t i = 0; i < RevokedCount(crl); ++i) {
-        if (DorvexCompareAsnOcts(&crl.crlInfo.revokedCertificates.entries[i].userCertificate,
-                                 &serial) == 0) {
-            return true;
-        }
-    }
-    return false;
+    uint32_t first = 0;
+    uint32_t count = 0;
+    DorvexX509CrlFindSerial(&crl, &serial, &first, &count);
+    return count != 0;
 }
 
 // InternalCrlUsableFor: whether the CRL may judge `cert` at all. RFC 5280
@@ -65,15 +57,8 @@ bool InternalCrlUsableFor(const DorvexX509Crl &crl, const DorvexX509Cert &cert) 
         idp.onlyContainsAttributeCerts == 1 || idp.onlySomeReasons.tagCode != 0) {
         return false;
     }
-    if (crl.crlInfo.crlExtensions.unknownCritical != 0) {
-        return false;
-    }
-    for (int32_t i = 0; i < RevokedCount(crl); ++i) {
-        if (crl.crlInfo.revokedCertificates.entries[i].crlEntryExtensions.unknownCritical != 0) {
-            return false;
-        }
-    }
-    return true;
+    return crl.crlInfo.crlExtensions.unknownCritical == 0 &&
+           crl.crlInfo.revokedCertificates.unknownCritical == 0;
 }
 
 // InternalCrlGetScore: the score of one CRL for `cert`, or 0 when the CRL
@@ -98,8 +83,12 @@ uint32_t InternalCrlGetScore(const DorvexVrfCtx *ctx, const DorvexX509Cert *cert
     if (ListsSerial(*crl, cert->certInfo.serialNumber)) {
         score |= kDrxCrlListsCert;
     }
-    int64_t nextUpdate = 0;
-    if (DorvexConvertDatetimeToTime(&crl->crlInfo.nextUpdate, &nextUpdate) != DORVEX_OK) {
+    // No nextUpdate: the CRL promises no successor and is current for good
+    // (RFC 5280 5.1.2.5 wants one; OpenSSL reads its absence the same way).
+    // The device's guard against an old CRL file is crl_info --compare.
+    int64_t nextUpdate = INT64_MAX;
+    if (crl->crlInfo.nextUpdate.tagCode != 0 &&
+        DorvexConvertDatetimeToTime(&crl->crlInfo.nextUpdate, &nextUpdate) != DORVEX_OK) {
         return 0;
     }
     if (ctx->verifyTime > nextUpdate) {
@@ -186,11 +175,12 @@ uint32_t InternalFindBestCrlOfCert(DorvexVrfCtx *ctx, DorvexX509Cert *cert,
 
 uint32_t InternalCheckCrlOfCert(const DorvexVrfCtx *ctx, const DorvexX509Cert *cert,
                                 const DorvexX509Crl *crl, uint32_t strictRevocation) {
-    for (int32_t i = 0; i < RevokedCount(*crl); ++i) {
-        const DorvexX509RevokeEntry &entry = crl->crlInfo.revokedCertificates.entries[i];
-        if (DorvexCompareAsnOcts(&entry.userCertificate, &cert->certInfo.serialNumber) != 0) {
-            continue;
-        }
+    const DorvexX509Revoked &revoked = crl->crlInfo.revokedCertificates;
+    uint32_t first = 0;
+    uint32_t count = 0;
+    DorvexX509CrlFindSerial(crl, &cert->certInfo.serialNumber, &first, &count);
+    for (uint32_t k = first; k < first + count; ++k) {
+        const DorvexX509RevokeEntry &entry = revoked.entries[revoked.bySerial[k]];
         const DorvexAsnInt reason = entry.crlEntryExtensions.reasonCode;
         const bool keyStillSound = reason == kReasonAffiliationChanged ||
                                    reason == kReasonSuperseded ||

@@ -128,10 +128,11 @@ TEST(AdaptBase64, Decode) {
 
 TEST(AdaptMktime, MatchesTimegm) {
     EXPECT_EQ(DorvexMktime(nullptr), 0);
-    DorvexDatetime t{124, 2, 29, 12, 34, 56};  // years since 1900
+    DorvexDatetime t{2024, 2, 29, 12, 34, 56};
     EXPECT_EQ(DorvexMktime(&t), 1709210096);
-    // Every year, the first and last days of each month and the leap day.
-    for (int year = 1901; year <= 2099; ++year) {
+    // Every year, the first and last days of each month and the leap day;
+    // years before 1901 are taken as written too.
+    for (int year = 1601; year <= 2099; ++year) {
         for (int month = 1; month <= 12; ++month) {
             for (int day : {1, 28, 29, 30, 31}) {
                 struct tm tm = {58, 59, 23, day, month - 1, year - 1900, 0, 0, 0, 0, nullptr};

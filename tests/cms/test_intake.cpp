@@ -279,6 +279,9 @@ TEST(Intake, Files) {
     tp::WriteFile(dir / "max", pem + std::string(2000000 - pem.size(), '\n'));
     tp::WriteFile(dir / "over", pem + std::string(2000001 - pem.size(), '\n'));
     tp::WriteFile(dir / "empty", std::string());
+    // CRL files may be larger; one byte over their limit, sparse on disk.
+    tp::WriteFile(dir / "crl-over", std::string());
+    std::filesystem::resize_file(dir / "crl-over", DORVEX_MAX_CRL_FILE_SIZE + 1ull);
     tp::WriteFile(dir / "crls.der",
                   tp::ConcatDer({Pki().rootCrl, Pki().ca.cert.Der(), Pki().caCrl}));
     const struct {
@@ -293,7 +296,8 @@ TEST(Intake, Files) {
         {"missing", false, DORVEX_ERR_FILE_OPEN, 0},
         {"", false, DORVEX_ERR_PARAM, 0},
         {"crls.der", true, DORVEX_OK, 12},
-        {"over", true, DORVEX_ERR_FILE_TOO_LARGE, 0},
+        {"over", true, DORVEX_ERR_CRL_DECODE, 0},  // within the CRL file limit
+        {"crl-over", true, DORVEX_ERR_FILE_TOO_LARGE, 0},
         {"", true, DORVEX_ERR_PARAM, 0},
         {"max", true, DORVEX_ERR_CRL_DECODE, 0},  // certificates only
     };

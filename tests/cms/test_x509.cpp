@@ -30,6 +30,15 @@ Bytes Asn1Bytes(const ASN1_STRING *s) {
     return Bytes(ASN1_STRING_get0_data(s), ASN1_STRING_get0_data(s) + ASN1_STRING_length(s));
 }
 
+// An INTEGER's content octets as DER writes them (sign octet included).
+Bytes IntegerContent(const ASN1_INTEGER *i) {
+    unsigned char *der = nullptr;
+    const int len = i2d_ASN1_INTEGER(i, &der);
+    const Bytes whole(der, der + (len > 0 ? len : 0));
+    OPENSSL_free(der);
+    return tp::der::Content(whole);
+}
+
 // Our reading of a time against OpenSSL's.
 void ExpectTime(const DorvexAsnOcts &ours, const ASN1_TIME *t) {
     struct tm tm {};
@@ -162,7 +171,7 @@ TEST(X509Cert, DecodesWhatOpensslReports) {
         X509 *x = ossl.get();
         EXPECT_EQ(Content(cert->tbsRaw), Tbs(i2d_re_X509_tbs, x));
         const DorvexX509CertInfo &info = cert->certInfo;
-        EXPECT_EQ(Content(info.serialNumber), Asn1Bytes(X509_get0_serialNumber(x)));
+        EXPECT_EQ(Content(info.serialNumber), IntegerContent(X509_get0_serialNumber(x)));
         EXPECT_EQ(Render(info.issuer), "C=DE,O=Test,CN=Test CA");
         EXPECT_EQ(Render(info.subject), c.subject);
         ExpectTime(info.validity.notBefore, X509_get0_notBefore(x));
@@ -246,9 +255,11 @@ const struct CrlCase {
      [](auto &s) { s.issuingDistPoint = Idp(nullptr, true, false, false, false); }, DORVEX_OK},
     {"only CA and attribute certificates",
      [](auto &s) { s.issuingDistPoint = Idp(nullptr, false, true, false, true); }, DORVEX_OK},
-    {"twenty entries", [](auto &s) { s.revoked = Revoked(20); }, DORVEX_OK},
-    {"twenty-one entries", [](auto &s) { s.revoked = Revoked(21); }, DORVEX_ERR_ASN_SEQUENCE},
-    {"version 1", [](auto &s) { s.version = 1; }, DORVEX_ERR_ASN_TAG},
+    {"1000 entries", [](auto &s) { s.revoked = Revoked(1000); }, DORVEX_OK},
+    {"version 1, no extensions", [](auto &s) { s.version = 1; s.crlNumber.reset(); }, DORVEX_OK},
+    {"no nextUpdate", [](auto &s) { s.nextUpdate.reset(); s.revoked = Revoked(2); }, DORVEX_OK},
+    {"non-minimal serial", [](auto &s) { s.revoked = {{{0x00, 0x10}, tp::Utc("250101000000Z"), {}}}; },
+     DORVEX_ERR_ASN_INT},
     {"empty extension value", [](auto &s) { s.extraExtensions = {{"1.2.3.4", false, {}}}; },
      DORVEX_ERR_ASN_SEQUENCE},
 };
@@ -277,16 +288,24 @@ TEST(X509Crl, DecodesWhatOpensslReports) {
         ASSERT_NE(x, nullptr);
         EXPECT_EQ(Content(crl->tbsRaw), Tbs(i2d_re_X509_CRL_tbs, x.get()));
         const DorvexX509CrlInfo &info = crl->crlInfo;
-        EXPECT_EQ(info.version, 1);
+        EXPECT_EQ(info.version, plan.version - 1);
         EXPECT_EQ(Render(info.issuer), "C=DE,O=Test,CN=Test CA");
         ExpectTime(info.thisUpdate, X509_CRL_get0_lastUpdate(x.get()));
-        ExpectTime(info.nextUpdate, X509_CRL_get0_nextUpdate(x.get()));
+        if (plan.nextUpdate) {
+            ExpectTime(info.nextUpdate, X509_CRL_get0_nextUpdate(x.get()));
+        } else {
+            EXPECT_EQ(info.nextUpdate.tagCode, 0u);
+        }
         ASSERT_EQ(info.revokedCertificates.count, plan.revoked.size());
         for (uint32_t i = 0; i < info.revokedCertificates.count; ++i) {
             const DorvexX509RevokeEntry &e = info.revokedCertificates.entries[i];
             const X509_REVOKED *r =
                 sk_X509_REVOKED_value(X509_CRL_get_REVOKED(x.get()), static_cast<int>(i));
-            EXPECT_EQ(Content(e.userCertificate), Asn1Bytes(X509_REVOKED_get0_serialNumber(r)));
+            EXPECT_EQ(Content(e.userCertificate),
+                      IntegerContent(X509_REVOKED_get0_serialNumber(r)));
+            uint32_t first = 0, count = 0;
+            DorvexX509CrlFindSerial(crl, &e.userCertificate, &first, &count);
+            EXPECT_GE(count, 1u);
             ExpectTime(e.revocationDate, X509_REVOKED_get0_revocationDate(r));
             EXPECT_EQ(e.crlEntryExtensions.reasonCode, plan.revoked[i].reason.value_or(0));
         }
@@ -302,6 +321,33 @@ TEST(X509Crl, DecodesWhatOpensslReports) {
         EXPECT_EQ(Content(crl->signature), Asn1Bytes(sig));
         DorvexX509FreeCrl(crl);
     }
+}
+
+// Serials are numbers: an entry for -128 does not revoke +128, and the
+// lookup finds every entry of a serial listed twice.
+TEST(X509Crl, SerialLookupComparesNumbers) {
+    tp::CrlSpec plan;
+    plan.issuer = TestCa();
+    plan.revoked = {{{0x80}, tp::Utc("250101000000Z"), {}},
+                    {{0x05}, tp::Utc("250101000000Z"), {}},
+                    {{0x05}, tp::Utc("250201000000Z"), {}}};
+    const Bytes der = tp::MakeCrl(plan);
+    DorvexX509Crl *crl = nullptr;
+    uint32_t used = 0;
+    ASSERT_EQ(DorvexX509DecodeCrl(der.data(), static_cast<uint32_t>(der.size()), &crl, &used),
+              DORVEX_OK);
+    const struct {
+        Bytes serial;
+        uint32_t count;
+    } rows[] = {{{0x80}, 1}, {{0x00, 0x80}, 0}, {{0x05}, 2}, {{0x06}, 0}};
+    for (const auto &r : rows) {
+        const DorvexAsnBigint serial{static_cast<uint32_t>(r.serial.size()), 0, 0, 2,
+                                     r.serial.data()};
+        uint32_t first = 9, count = 9;
+        DorvexX509CrlFindSerial(crl, &serial, &first, &count);
+        EXPECT_EQ(count, r.count) << int(r.serial.back());
+    }
+    DorvexX509FreeCrl(crl);
 }
 
 // A decoded certificate with the names given; owns the DER it points into.

@@ -150,7 +150,9 @@ void PrintCrl(FILE *out, const DorvexCrlInfo &info, uint32_t index, uint32_t cou
     fprintf(out, "  issuer:      %s\n",
             info.issuerName[0] != '\0' ? Printable(info.issuerName).c_str() : "(unreadable)");
     fprintf(out, "  thisUpdate:  %s\n", Iso8601(info.thisUpdate).c_str());
-    fprintf(out, "  nextUpdate:  %s\n", Iso8601(info.nextUpdate).c_str());
+    fprintf(
+        out, "  nextUpdate:  %s\n",
+        info.nextUpdate == DORVEX_CRL_NO_NEXT_UPDATE ? "none" : Iso8601(info.nextUpdate).c_str());
     fprintf(out, "  signer:      %s, serial %s\n", info.verified == 1 ? "trusted" : "untrusted",
             serial.c_str());
     // The library lists revoked serials only for CRLs signed by a root.
