@@ -29,7 +29,9 @@ constexpr uint8_t kOidBasicConstraints[] = {0x55, 0x1d, 0x13};
 constexpr uint8_t kOidExtKeyUsage[] = {0x55, 0x1d, 0x25};
 constexpr uint8_t kOidCodeSigning[] = {0x2b, 0x06, 0x01, 0x05, 0x05, 0x07, 0x03, 0x03};
 constexpr uint8_t kOidTimeStamping[] = {0x2b, 0x06, 0x01, 0x05, 0x05, 0x07, 0x03, 0x08};
+constexpr uint8_t kOidCertificateIssuer[] = {0x55, 0x1d, 0x1d};
 constexpr uint8_t kOidIssuingDistPoint[] = {0x55, 0x1d, 0x1c};
+constexpr uint8_t kOidCrlDistPoints[] = {0x55, 0x1d, 0x1f};
 constexpr uint8_t kOidCrlReasons[] = {0x55, 0x1d, 0x15};
 constexpr uint8_t kOidData[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x01};
 constexpr uint8_t kOidContentType[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x09, 0x03};
@@ -74,8 +76,10 @@ constexpr DorvexOidInfo g_drxOIDTable[] = {
     Entry(AOID_CE_EXTKEYUSAGE, kOidExtKeyUsage, "AOID_CE_EXTKEYUSAGE"),
     Entry(AOID_KP_CODESIGNING, kOidCodeSigning, "AOID_KP_CODESIGNING"),
     Entry(AOID_KP_TIMESTAMPING, kOidTimeStamping, "AOID_KP_TIMESTAMPING"),
+    Entry(AOID_CE_CERTIFICATEISSUER, kOidCertificateIssuer, "AOID_CE_CERTIFICATEISSUER"),
     Entry(AOID_CE_ISSUINGDISTRIBUTIONPOINT, kOidIssuingDistPoint,
           "AOID_CE_ISSUINGDISTRIBUTIONPOINT"),
+    Entry(AOID_CE_CRLDISTRIBUTIONPOINTS, kOidCrlDistPoints, "AOID_CE_CRLDISTRIBUTIONPOINTS"),
     Entry(AOID_CE_CRLREASONS, kOidCrlReasons, "AOID_CE_CRLREASONS"),
     Entry(AOID_PKCS7_DATA, kOidData, "AOID_PKCS7_DATA"),
     Entry(AOID_PKCS7_SIGNEDDATA, kOidSignedData, "AOID_PKCS7_SIGNEDDATA"),
@@ -88,7 +92,7 @@ constexpr DorvexOidInfo g_drxOIDTable[] = {
 };
 
 constexpr uint32_t g_drxOidCount = sizeof(g_drxOIDTable) / sizeof(g_drxOIDTable[0]);
-static_assert(g_drxOidCount == 31);
+static_assert(g_drxOidCount == 33);
 
 namespace {
 

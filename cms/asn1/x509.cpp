@@ -138,6 +138,7 @@ constexpr DorvexAsnTempl g_templDorvexX509PathLen[] = {
 //     id-ce-basicConstraints  -> isCA, pathLenConstraint
 //     id-ce-keyUsage          -> keyUsage (KeyUsage BIT STRING octets)
 //     id-ce-extKeyUsage       -> extKeyUsage (every KeyPurposeId), extKeyUsageCritical
+//     id-ce-cRLDistributionPoints -> crlDistributionPoints (content, read when needed)
 //     any other, critical     -> unknownCritical
 constexpr DorvexAsnTempl g_templDorvexX509CertExts[] = {
     Keyed(&g_itemDorvexX509BasicConstraints, AOID_CE_BASICCONSTRAINTS,
@@ -147,6 +148,8 @@ constexpr DorvexAsnTempl g_templDorvexX509CertExts[] = {
     Keyed(&g_itemDorvexAsnBitsToInt, AOID_CE_KEYUSAGE, offsetof(DorvexX509CertExts, keyUsage)),
     Keyed(&g_itemDorvexAsnExku, AOID_CE_EXTKEYUSAGE, offsetof(DorvexX509CertExts, extKeyUsage)),
     Critical(AOID_CE_EXTKEYUSAGE, offsetof(DorvexX509CertExts, extKeyUsageCritical)),
+    Keyed(&g_itemDorvexAsnSeq, AOID_CE_CRLDISTRIBUTIONPOINTS,
+          offsetof(DorvexX509CertExts, crlDistributionPoints)),
     Critical(AOID_UNKNOWN, offsetof(DorvexX509CertExts, unknownCritical)),
 };
 
@@ -189,10 +192,13 @@ constexpr DorvexAsnTempl g_templDorvexX509Cert[] = {
 // ---- CRL --------------------------------------------------------------------
 
 // crlEntryExtensions, dispatched by extnID:
-//     id-ce-cRLReasons  -> reasonCode (CRLReason ENUMERATED)
-//     any other, critical -> unknownCritical
+//     id-ce-cRLReasons        -> reasonCode (CRLReason ENUMERATED)
+//     id-ce-certificateIssuer -> certificateIssuer (GeneralNames content)
+//     any other, critical     -> unknownCritical
 constexpr DorvexAsnTempl g_templDorvexX509RevokeAttrs[] = {
     Keyed(&g_itemDorvexAsnEnum, AOID_CE_CRLREASONS, offsetof(DorvexX509RevokeAttrs, reasonCode)),
+    Keyed(&g_itemDorvexAsnSeq, AOID_CE_CERTIFICATEISSUER,
+          offsetof(DorvexX509RevokeAttrs, certificateIssuer)),
     Critical(AOID_UNKNOWN, offsetof(DorvexX509RevokeAttrs, unknownCritical)),
 };
 
@@ -446,7 +452,13 @@ uint32_t InternalDecodeRevoked(DorvexX509Revoked &revoked) {
         uint32_t used = 0;
         ret = DorvexDecodeSeq(&buf, &revoked.entries[i], &used, &kEntryRow);
         revoked.bySerial[i] = i;
-        revoked.unknownCritical |= revoked.entries[i].crlEntryExtensions.unknownCritical;
+        DorvexX509RevokeAttrs &attrs = revoked.entries[i].crlEntryExtensions;
+        revoked.unknownCritical |= attrs.unknownCritical;
+        // RFC 5280 5.3.3: an entry without certificateIssuer belongs to the
+        // issuer of the entry before it.
+        if (attrs.certificateIssuer.data == nullptr && i > 0) {
+            attrs.certificateIssuer = revoked.entries[i - 1].crlEntryExtensions.certificateIssuer;
+        }
     }
     if (ret != DORVEX_OK) {
         return ret;
@@ -515,4 +527,87 @@ void DorvexX509CrlFindSerial(const DorvexX509Crl *crl, const DorvexAsnBigint *se
         });
     *first = static_cast<uint32_t>(low - begin);
     *count = static_cast<uint32_t>(high - low);
+}
+
+namespace {
+
+// Calls `visit` with the content of every element of a SEQUENCE OF content
+// and its tag, until it returns true; false when none did or the content
+// does not decode.
+template <typename Visit>
+bool ForEachElement(const DorvexAsnOcts &content, Visit visit) {
+    DorvexBuf buf{};
+    if (content.data == nullptr || DorvexBufInit(&buf, content.data, content.len) != DORVEX_OK) {
+        return false;
+    }
+    while (buf.pos < buf.size) {
+        DorvexAsnTag tag{};
+        uint32_t len = 0;
+        if (InternalDecTag(&buf, &tag) != DORVEX_OK || InternalDecLen(&buf, &len) != DORVEX_OK) {
+            return false;
+        }
+        const DorvexAsnOcts element{len, tag.tagClass, tag.constructed, tag.tagCode,
+                                    len == 0 ? nullptr : buf.data + buf.pos};
+        buf.pos += len;
+        if (visit(element)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+bool DorvexX509GeneralNamesHold(const DorvexAsnOcts *names, const DorvexX509Name *name) {
+    if (names == nullptr || name == nullptr) {
+        return false;
+    }
+    // GeneralName ::= CHOICE { ..., directoryName [4] Name, ... }: [4] wraps
+    // the Name explicitly, since Name is itself a CHOICE.
+    return ForEachElement(*names, [name](const DorvexAsnOcts &general) {
+        if (general.tagClass != DRX_ASN_CLASS_CONTEXT || general.tagCode != 4 ||
+            general.data == nullptr) {
+            return false;
+        }
+        void *record = nullptr;
+        uint32_t used = 0;
+        if (DorvexAsnDecode(general.data, general.len, &g_itemDorvexX509Name, 0, &record, &used) !=
+            DORVEX_OK) {
+            return false;
+        }
+        const bool same = used == general.len &&
+                          DorvexCompareX509Name(static_cast<DorvexX509Name *>(record), name) == 0;
+        DorvexAsnFree(record, &g_itemDorvexX509Name);
+        return same;
+    });
+}
+
+uint32_t DorvexX509CertPointsAt(const DorvexX509Cert *cert, const DorvexX509Crl *crl) {
+    if (cert == nullptr || crl == nullptr) {
+        return 0;
+    }
+    const DorvexAsnOcts &idpName = crl->crlInfo.crlExtensions.issuingDistPoint.distributionPoint;
+    uint32_t found = 0;
+    // DistributionPoint ::= SEQUENCE {
+    //     distributionPoint  [0] DistributionPointName OPTIONAL,
+    //     reasons            [1] ReasonFlags OPTIONAL,
+    //     cRLIssuer          [2] GeneralNames OPTIONAL }
+    (void)ForEachElement(
+        cert->certInfo.extensions.crlDistributionPoints, [&](const DorvexAsnOcts &point) {
+            (void)ForEachElement(point, [&](const DorvexAsnOcts &field) {
+                if (field.tagClass != DRX_ASN_CLASS_CONTEXT) {
+                    return false;
+                }
+                if (field.tagCode == 0 && idpName.len != 0 &&
+                    DorvexCompareAsnOcts(&field, &idpName) == 0) {
+                    found |= DRX_X509_DP_NAMED;
+                } else if (field.tagCode == 2 &&
+                           DorvexX509GeneralNamesHold(&field, &crl->crlInfo.issuer)) {
+                    found |= DRX_X509_DP_CRL_ISSUER;
+                }
+                return false;
+            });
+            return false;
+        });
+    return found;
 }

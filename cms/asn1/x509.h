@@ -86,6 +86,9 @@ typedef struct DorvexX509CertExts {
     // basicConstraints pathLenConstraint as INTEGER content; tagCode is
     // DRX_ASN_INTEGER when present, 0 when absent.
     DorvexAsnBigint pathLenConstraint;
+    // cRLDistributionPoints: the SEQUENCE OF DistributionPoint's content,
+    // read when a CRL is partitioned or indirect; empty when absent.
+    DorvexAsnOcts crlDistributionPoints;
 } DorvexX509CertExts;
 
 typedef struct DorvexX509CertInfo {
@@ -113,6 +116,10 @@ typedef struct DorvexX509Cert {
 typedef struct DorvexX509RevokeAttrs {
     DorvexAsnInt reasonCode;   // CRLReason; 0 also when absent
     uint32_t unknownCritical;  // a critical entry extension not read here
+    // certificateIssuer (RFC 5280 5.3.3): the GeneralNames' content of the
+    // issuer of this entry's certificate. DorvexX509DecodeCrl carries it on
+    // to the entries that follow, as the RFC says; empty: the CRL's issuer.
+    DorvexAsnOcts certificateIssuer;
 } DorvexX509RevokeAttrs;
 
 typedef struct DorvexX509RevokeEntry {
@@ -217,6 +224,20 @@ void DorvexX509FreeCrl(DorvexX509Crl *crl);
 // grows with the logarithm of the CRL's length.
 void DorvexX509CrlFindSerial(const DorvexX509Crl *crl, const DorvexAsnBigint *serial,
                              uint32_t *first, uint32_t *count);
+
+// DorvexX509GeneralNamesHold: whether the GeneralNames content `names`
+// holds a directoryName equal to `name` (DorvexCompareX509Name). Other
+// kinds of name, and elements that do not decode, never match.
+bool DorvexX509GeneralNamesHold(const DorvexAsnOcts *names, const DorvexX509Name *name);
+
+// What a certificate's cRLDistributionPoints say about a CRL (RFC 5280
+// 6.3.3 (b)): DRX_X509_DP_NAMED when a point's distributionPoint is the
+// same DistributionPointName as the CRL's issuing distribution point (bytes
+// compared), DRX_X509_DP_CRL_ISSUER when a point's cRLIssuer names the CRL's
+// issuer. 0 when the certificate has no such extension.
+#define DRX_X509_DP_NAMED 0x1u
+#define DRX_X509_DP_CRL_ISSUER 0x2u
+uint32_t DorvexX509CertPointsAt(const DorvexX509Cert *cert, const DorvexX509Crl *crl);
 
 // ---- names and times --------------------------------------------------------
 

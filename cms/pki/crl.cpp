@@ -1,10 +1,13 @@
-// CRL choice for one certificate and its revocation test.
+// Revocation of one certificate by the CRLs of the store (RFC 5280 6.3).
 //
-// Departures from RFC 5280 6.3, on purpose: the CRL is chosen by score
-// among the store's CRLs (a CRL listing the certificate first, even an
-// expired one), its signer must chain to the certificate's own root, and the
-// revocation date decides for end entities unless strict checking is asked
-// for. A certificate without a usable CRL is never trusted.
+// A CRL speaks for a certificate when it is in scope and authorised: signed
+// with the key of the certificate's actual issuer (direct), or marked
+// indirect, named by the certificate's cRLDistributionPoints as its CRL
+// issuer and signed by a certificate that is trusted in its own right.
+// Every such CRL is read and any one revocation wins; a current one must
+// exist. Departures from RFC 5280 6.3, on purpose: reason partitions are not
+// combined (a CRL limited to some reasons is not used), and the revocation
+// date decides for end entities unless strict checking is asked for.
 #include "cms/asn1/oid.h"
 #include "cms/pki/internal.h"
 
@@ -17,181 +20,80 @@ constexpr DorvexAsnInt kReasonAffiliationChanged = 3;
 constexpr DorvexAsnInt kReasonSuperseded = 4;
 constexpr DorvexAsnInt kReasonCessationOfOperation = 5;
 
-int32_t CompareScoreItems(const void *a, const void *b) {
-    return InternalCrlScoreSortDesc(static_cast<const DorvexCrlScore *>(a),
-                                    static_cast<const DorvexCrlScore *>(b));
+enum class CrlKind { None, Direct, Indirect };
+
+bool SameKey(const DorvexX509Cert &a, const DorvexX509Cert &b) {
+    const DorvexRsaPublicKey &x = a.certInfo.subjectPublicKeyInfo.subjectPublicKey;
+    const DorvexRsaPublicKey &y = b.certInfo.subjectPublicKeyInfo.subjectPublicKey;
+    return DorvexCompareAsnOcts(&x.modulus, &y.modulus) == 0 &&
+           DorvexCompareAsnOcts(&x.publicExponent, &y.publicExponent) == 0;
 }
 
-void FreeScoreItem(void *item) {
-    DorvexFree(item);
-}
-
-// Releases the candidate records on every way out of one choice.
-struct CandidateList {
-    DorvexList list{};
-    CandidateList() = default;
-    CandidateList(const CandidateList &) = delete;
-    CandidateList &operator=(const CandidateList &) = delete;
-    ~CandidateList() { DorvexListFree(&list, FreeScoreItem); }
-};
-
-bool ListsSerial(const DorvexX509Crl &crl, const DorvexAsnBigint &serial) {
-    uint32_t first = 0;
-    uint32_t count = 0;
-    DorvexX509CrlFindSerial(&crl, &serial, &first, &count);
-    return count != 0;
-}
-
-// InternalCrlUsableFor: whether the CRL may judge `cert` at all. RFC 5280
+// InternalCrlKind: whether `crl` may judge `cert` at all, and how. RFC 5280
 // 5.2.5: a CRL limited to CA certificates says nothing about an end entity,
 // one limited to user certificates nothing about a CA, one limited to
 // attribute certificates nothing about either, and one limited to some
-// revocation reasons cannot show that none of the others applies. RFC 5280
-// 5.2, 5.3: a critical extension this verifier does not read, on the CRL or
-// on one of its entries, forbids using the CRL (a delta CRL, for one, is
-// not a complete list).
-bool InternalCrlUsableFor(const DorvexX509Crl &crl, const DorvexX509Cert &cert) {
+// reasons cannot show that none of the others applies; a CRL for one
+// distribution point covers only certificates that name that point. RFC
+// 5280 5.2, 5.3: a critical extension this verifier does not read, on the
+// CRL or one of its entries, forbids using it (a delta CRL, for one, is no
+// complete list).
+CrlKind InternalCrlKind(const DorvexX509Crl &crl, const DorvexX509Cert &cert) {
     const DorvexX509IssuingDistPoint &idp = crl.crlInfo.crlExtensions.issuingDistPoint;
     const bool isCa = cert.certInfo.extensions.isCA != 0;
     if ((idp.onlyContainsCACerts == 1 && !isCa) || (idp.onlyContainsUserCerts == 1 && isCa) ||
-        idp.onlyContainsAttributeCerts == 1 || idp.onlySomeReasons.tagCode != 0) {
-        return false;
+        idp.onlyContainsAttributeCerts == 1 || idp.onlySomeReasons.tagCode != 0 ||
+        crl.crlInfo.crlExtensions.unknownCritical != 0 ||
+        crl.crlInfo.revokedCertificates.unknownCritical != 0) {
+        return CrlKind::None;
     }
-    return crl.crlInfo.crlExtensions.unknownCritical == 0 &&
-           crl.crlInfo.revokedCertificates.unknownCritical == 0;
+    const uint32_t points = DorvexX509CertPointsAt(&cert, &crl);
+    if (idp.distributionPoint.len != 0 && (points & DRX_X509_DP_NAMED) == 0) {
+        return CrlKind::None;
+    }
+    if (DorvexCompareX509Name(&cert.certInfo.issuer, &crl.crlInfo.issuer) == 0) {
+        return CrlKind::Direct;
+    }
+    // RFC 5280 6.3.3 (b)(2)(iii): an indirect CRL must say so and be the one
+    // the certificate names.
+    return idp.indirectCRL == 1 && (points & DRX_X509_DP_CRL_ISSUER) != 0 ? CrlKind::Indirect
+                                                                          : CrlKind::None;
 }
 
-// InternalCrlGetScore: the score of one CRL for `cert`, or 0 when the CRL
-// cannot speak for it (out of its scope, no issuer relation, no signer
-// chaining to `root`, no readable nextUpdate, or expired without listing the
-// certificate).
-uint32_t InternalCrlGetScore(const DorvexVrfCtx *ctx, const DorvexX509Cert *cert,
-                             const DorvexX509Cert *root, const DorvexX509Crl *crl) {
-    if (cert->certInfo.issuer.count == 0 || !InternalCrlUsableFor(*crl, *cert)) {
-        return 0;
+// Whether an entry is about a certificate of `issuerName`: its
+// certificateIssuer (carried on from earlier entries) names it, or, without
+// one, the CRL's own issuer is that name (RFC 5280 5.3.3).
+bool EntryOfIssuer(const DorvexX509Crl &crl, const DorvexX509RevokeEntry &entry,
+                   const DorvexX509Name &issuerName) {
+    const DorvexAsnOcts &names = entry.crlEntryExtensions.certificateIssuer;
+    if (names.data == nullptr) {
+        return DorvexCompareX509Name(&crl.crlInfo.issuer, &issuerName) == 0;
     }
-    const bool same = DorvexCompareX509Name(&cert->certInfo.issuer, &crl->crlInfo.issuer) == 0;
-    const bool indirect = DrxCrlIsIndirect(*crl);
-    if (!same && !indirect) {
-        return 0;
-    }
-    DorvexX509Cert *signer = DorvexPkiFindCrlIssuer(ctx, crl);
-    if (signer == nullptr || InternalFindCertRoot(ctx, signer, 0) != root) {
-        return 0;
-    }
-    uint32_t score = (same ? kDrxCrlSameIssuer : 0) | (indirect ? kDrxCrlIndirect : 0);
-    if (ListsSerial(*crl, cert->certInfo.serialNumber)) {
-        score |= kDrxCrlListsCert;
-    }
-    // No nextUpdate: the CRL promises no successor and is current for good
-    // (RFC 5280 5.1.2.5 wants one; OpenSSL reads its absence the same way).
-    // The device's guard against an old CRL file is crl_info --compare.
-    int64_t nextUpdate = INT64_MAX;
-    if (crl->crlInfo.nextUpdate.tagCode != 0 &&
-        DorvexConvertDatetimeToTime(&crl->crlInfo.nextUpdate, &nextUpdate) != DORVEX_OK) {
-        return 0;
-    }
-    if (ctx->verifyTime > nextUpdate) {
-        DORVEX_LOG_WARN(DORVEX_WARN_CRL_EXPIRED,
-                        "Found an expired CRL, it most likely cause NO CRL error.");
-        // An expired CRL still proves a revocation it lists.
-        return (score & kDrxCrlListsCert) != 0 ? score : 0;
-    }
-    return score | kDrxCrlCurrent;
+    return DorvexX509GeneralNamesHold(&names, &issuerName);
 }
 
-// Builds the scored candidates in store order; 0 or the code of a failed
-// allocation or append.
-uint32_t CollectCandidates(const DorvexVrfCtx *ctx, const DorvexX509Cert *cert,
-                           const DorvexX509Cert *root, DorvexList *candidates) {
-    const DorvexList &crls = ctx->pki->crls;
-    for (int32_t i = 0; i < DrxListCount(crls); ++i) {
-        auto *crl = static_cast<DorvexX509Crl *>(crls.items[i]);
-        if (crl == nullptr) {
-            continue;
-        }
-        uint32_t score = InternalCrlGetScore(ctx, cert, root, crl);
-        if (score == 0) {
-            continue;
-        }
-        void *block = nullptr;
-        uint32_t ret = DorvexMallocWith0(&block, sizeof(DorvexCrlScore));
-        if (ret != DORVEX_OK) {
-            return ret;
-        }
-        auto *record = static_cast<DorvexCrlScore *>(block);
-        record->score = score;
-        record->crl = crl;
-        ret = DorvexListAdd(candidates, record);
-        if (ret != DORVEX_OK) {
-            DorvexFree(record);
-            return ret;
-        }
-    }
-    return DORVEX_OK;
-}
-
-}  // namespace
-
-int32_t InternalCrlScoreSortDesc(const DorvexCrlScore *a, const DorvexCrlScore *b) {
-    if (a->score > b->score) {
-        return -1;
-    }
-    return a->score == b->score ? 0 : 1;
-}
-
-uint32_t InternalFindBestCrlOfCert(DorvexVrfCtx *ctx, DorvexX509Cert *cert,
-                                   const DorvexX509Cert *root, uint32_t strictRevocation,
-                                   DorvexX509Crl **crl) {
-    CandidateList candidates;
-    uint32_t ret = CollectCandidates(ctx, cert, root, &candidates.list);
-    if (ret != DORVEX_OK) {
-        return ret;
-    }
-    (void)DorvexListSort(&candidates.list, CompareScoreItems);
-    if (candidates.list.count == 0) {
-        DORVEX_LOG_ERR(0, "Can't find CRL for certificate.");
-        return DORVEX_ERR_NO_CRL;
-    }
-    uint32_t lastCode = 0;
-    for (int32_t i = 0; i < DrxListCount(candidates.list); ++i) {
-        auto *candidate = static_cast<const DorvexCrlScore *>(candidates.list.items[i]);
-        DorvexX509Cert *signer = DorvexPkiFindCrlIssuer(ctx, candidate->crl);
-        if (signer == nullptr) {
-            continue;
-        }
-        uint32_t valid = 0;
-        ret = DorvexPkiVerifyCert(ctx, signer, 0, strictRevocation, &valid);
-        if (ret == DORVEX_OK && valid == 1) {
-            *crl = candidate->crl;
-            return DORVEX_OK;
-        }
-        lastCode = ret;
-    }
-    DORVEX_LOG_ERR(lastCode, "Verify CRL failed.");
-    // 0 here means no candidate's signer was found at all.
-    return lastCode != 0 ? lastCode : DORVEX_ERR_CRL_VERIFY;
-}
-
-uint32_t InternalCheckCrlOfCert(const DorvexVrfCtx *ctx, const DorvexX509Cert *cert,
-                                const DorvexX509Crl *crl, uint32_t strictRevocation) {
-    const DorvexX509Revoked &revoked = crl->crlInfo.revokedCertificates;
+// InternalCrlRevokes: 0 when `crl` does not revoke `cert` at the context's
+// time, DORVEX_ERR_CERT_REVOKED when it does, a time conversion's code when
+// a revocation date cannot be read.
+uint32_t InternalCrlRevokes(const DorvexVrfCtx *ctx, const DorvexX509Cert &cert,
+                            const DorvexX509Crl &crl, uint32_t strict) {
+    const DorvexX509Revoked &revoked = crl.crlInfo.revokedCertificates;
     uint32_t first = 0;
     uint32_t count = 0;
-    DorvexX509CrlFindSerial(crl, &cert->certInfo.serialNumber, &first, &count);
+    DorvexX509CrlFindSerial(&crl, &cert.certInfo.serialNumber, &first, &count);
     for (uint32_t k = first; k < first + count; ++k) {
         const DorvexX509RevokeEntry &entry = revoked.entries[revoked.bySerial[k]];
+        if (!EntryOfIssuer(crl, entry, cert.certInfo.issuer)) {
+            continue;
+        }
         const DorvexAsnInt reason = entry.crlEntryExtensions.reasonCode;
         const bool keyStillSound = reason == kReasonAffiliationChanged ||
                                    reason == kReasonSuperseded ||
                                    reason == kReasonCessationOfOperation;
-        // Any non-zero flag counts as strict: a caller that asked for
-        // strictness in any form should never get the lenient rule.
-        bool revoked =
-            (strictRevocation != 0 || cert->certInfo.extensions.isCA != 0) && !keyStillSound;
+        bool revoked = (strict != 0 || cert.certInfo.extensions.isCA != 0) && !keyStillSound;
         if (!revoked) {
             int64_t revokedAt = 0;
-            uint32_t ret = DorvexConvertDatetimeToTime(&entry.revocationDate, &revokedAt);
+            const uint32_t ret = DorvexConvertDatetimeToTime(&entry.revocationDate, &revokedAt);
             if (ret != DORVEX_OK) {
                 return ret;
             }
@@ -205,4 +107,70 @@ uint32_t InternalCheckCrlOfCert(const DorvexVrfCtx *ctx, const DorvexX509Cert *c
         }
     }
     return DORVEX_OK;
+}
+
+// No nextUpdate: the CRL promises no successor and is current for good
+// (RFC 5280 5.1.2.5 wants one; OpenSSL reads its absence the same way). The
+// device's guard against an old CRL file is crl_info --compare.
+bool InternalCrlCurrent(const DorvexVrfCtx *ctx, const DorvexX509Crl &crl) {
+    if (crl.crlInfo.nextUpdate.tagCode == 0) {
+        return true;
+    }
+    int64_t nextUpdate = 0;
+    if (DorvexConvertDatetimeToTime(&crl.crlInfo.nextUpdate, &nextUpdate) != DORVEX_OK) {
+        return false;
+    }
+    if (ctx->verifyTime > nextUpdate) {
+        DORVEX_LOG_WARN(DORVEX_WARN_CRL_EXPIRED,
+                        "Found an expired CRL, it most likely cause NO CRL error.");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+uint32_t InternalCheckRevocation(DorvexVrfCtx *ctx, const DorvexX509Cert *cert,
+                                 const DorvexX509Cert *issuer, uint32_t strict, uint32_t depth) {
+    const DorvexList &crls = ctx->pki->crls;
+    bool current = false;
+    uint32_t lastCode = 0;
+    for (int32_t i = 0; i < DrxListCount(crls); ++i) {
+        const auto *crl = static_cast<const DorvexX509Crl *>(crls.items[i]);
+        const CrlKind kind = crl == nullptr ? CrlKind::None : InternalCrlKind(*crl, *cert);
+        if (kind == CrlKind::None) {
+            continue;
+        }
+        DorvexX509Cert *signer = DorvexPkiFindCrlIssuer(ctx, crl);
+        if (signer == nullptr) {
+            lastCode = DORVEX_ERR_CRL_VERIFY;
+            continue;
+        }
+        if (kind == CrlKind::Direct) {
+            // Signed with the key that issued the certificate: a CRL of a
+            // re-keyed CA's new key says nothing of what the old key signed.
+            if (!SameKey(*signer, *issuer)) {
+                continue;
+            }
+        } else {
+            int64_t budget = 0;
+            const uint32_t code = InternalCertStatus(ctx, signer, 1, depth + 1, &budget);
+            if (code != DORVEX_OK) {
+                lastCode = code;
+                continue;
+            }
+        }
+        // Any CRL that lists the certificate proves its revocation, even an
+        // expired one; only a current one shows that it is not revoked.
+        const uint32_t ret = InternalCrlRevokes(ctx, *cert, *crl, strict);
+        if (ret != DORVEX_OK) {
+            return ret;
+        }
+        current = current || InternalCrlCurrent(ctx, *crl);
+    }
+    if (current) {
+        return DORVEX_OK;
+    }
+    DORVEX_LOG_ERR(lastCode, "Can't find CRL for certificate.");
+    return lastCode != 0 ? lastCode : DORVEX_ERR_NO_CRL;
 }

@@ -24,7 +24,7 @@ TEST(PkiList, AddFreeAndSort) {
     DorvexListFree(&list, [](void *item) { released += *static_cast<int *>(item) + 1; });
     EXPECT_EQ(released * 100 + list.count, DORVEX_LIST_CAPACITY * 100);
 
-    // CRL scores: store order among equals, best first otherwise.
+    // A stable sort, highest first: order of addition among equals.
     const struct {
         std::vector<uint32_t> scores;
         std::vector<int> order;  // indexes into scores, expected result
@@ -35,17 +35,16 @@ TEST(PkiList, AddFreeAndSort) {
         {{0x50, 0x70, 0x60}, {1, 2, 0}},
     };
     for (const auto &row : rows) {
-        std::vector<DorvexCrlScore> records(row.scores.size());
+        std::vector<uint32_t> records = row.scores;
         DorvexList scored{};
         for (size_t i = 0; i < records.size(); ++i) {
-            records[i].score = row.scores[i];
             ASSERT_EQ(DorvexListAdd(&scored, &records[i]), 0u);
         }
         ASSERT_EQ(DorvexListSort(&scored,
                                  [](const void *a, const void *b) {
-                                     return InternalCrlScoreSortDesc(
-                                         static_cast<const DorvexCrlScore *>(a),
-                                         static_cast<const DorvexCrlScore *>(b));
+                                     const uint32_t x = *static_cast<const uint32_t *>(a);
+                                     const uint32_t y = *static_cast<const uint32_t *>(b);
+                                     return x > y ? -1 : (x == y ? 0 : 1);
                                  }),
                   0u);
         for (size_t i = 0; i < row.order.size(); ++i) {

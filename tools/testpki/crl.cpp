@@ -64,6 +64,12 @@ RevokedPtr MakeRevoked(const RevokedEntry &entry) {
             detail::MakeExtension("CRLReason", false, ReasonValue(*entry.reason));
         Check(X509_REVOKED_add_ext(rev.get(), ext.get(), -1) == 1, "X509_REVOKED_add_ext");
     }
+    if (entry.certificateIssuer) {
+        // GeneralNames { directoryName [4] Name }
+        const Bytes names = der::Seq({der::Tlv(0xA4, *entry.certificateIssuer)});
+        detail::ExtensionPtr ext = detail::MakeExtension("2.5.29.29", true, names);
+        Check(X509_REVOKED_add_ext(rev.get(), ext.get(), -1) == 1, "X509_REVOKED_add_ext");
+    }
     return rev;
 }
 
@@ -121,6 +127,24 @@ Bytes MakeCrl(const CrlSpec &plan) {
     Bytes der(out, out + len);
     OPENSSL_free(out);
     return der;
+}
+
+}  // namespace testpki
+
+namespace testpki {
+
+Bytes SubjectDer(const Cert &cert) {
+    unsigned char *out = nullptr;
+    const int len = i2d_X509_NAME(X509_get_subject_name(cert.get()), &out);
+    Check(len > 0, "i2d_X509_NAME");
+    Bytes der(out, out + len);
+    OPENSSL_free(out);
+    return der;
+}
+
+Bytes CrlIssuerPoint(const Bytes &crlIssuer) {
+    // DistributionPoint ::= SEQUENCE { cRLIssuer [2] IMPLICIT GeneralNames }
+    return der::Seq({der::Seq({der::Tlv(0xA2, der::Tlv(0xA4, crlIssuer))})});
 }
 
 }  // namespace testpki

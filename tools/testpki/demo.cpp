@@ -211,7 +211,7 @@ DemoPki MakeDemoPki(const std::filesystem::path &keyDir) {
     // list is not empty and the demo certificates stay valid.
     CrlSpec caCrl;
     caCrl.issuer = pki.ca;
-    caCrl.revoked = {{{0x10, 0x7F}, Utc("250301000000Z"), 1 /* keyCompromise */}};
+    caCrl.revoked = {{{0x10, 0x7F}, Utc("250301000000Z"), 1 /* keyCompromise */, std::nullopt}};
     pki.caCrl = MakeCrl(caCrl);
     return pki;
 }

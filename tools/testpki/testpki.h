@@ -218,7 +218,16 @@ struct RevokedEntry {
     Bytes serial;
     Time date = Utc("250101000000Z");
     std::optional<int> reason;  // CRLReason, written as an entry extension
+    // certificateIssuer (critical): the Name DER of the certificate's issuer,
+    // for an indirect CRL; it holds for the entries after it too.
+    std::optional<Bytes> certificateIssuer = std::nullopt;
 };
+
+// The DER of a certificate's subject Name.
+Bytes SubjectDer(const Cert &cert);
+// A cRLDistributionPoints extension value with one point whose cRLIssuer is
+// the Name `crlIssuer` (DER), for a certificate served by an indirect CRL.
+Bytes CrlIssuerPoint(const Bytes &crlIssuer);
 
 struct IssuingDistPoint {
     std::optional<std::string> uri;  // distributionPoint fullName
