@@ -382,6 +382,19 @@ int is_print_full(PidRecord *record) {
 
 }  // extern "C"
 
+namespace dbglog {
+
+void ForgetGidTable() {
+    while (struct rb_node *node = rb_first(&gid_tree_root)) {
+        rb_erase(node, &gid_tree_root);
+        GidRecord *record = rb_entry(node, GidRecord, node);
+        pthread_spin_destroy(&record->state.lock);
+        free(record);
+    }
+}
+
+}  // namespace dbglog
+
 extern "C" {
 
 int LZEB_reset_log_ratelimit(void) {

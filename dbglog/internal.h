@@ -176,6 +176,15 @@ class MutexGuard {
     pthread_mutex_t *mutex_;
 };
 
+// Returns the library to where it was before its first call: both tables
+// emptied, the shared record unmapped, every descriptor closed; the next
+// public call initialises it again. Only while no other thread is inside the
+// library (zeb_sys_install calls it).
+void ForgetState();
+// Free every record of one table (pid_level.cpp, gid_limit.cpp).
+void ForgetPidTable();
+void ForgetGidTable();
+
 // Opens a product path (with the seam's root) through LZEB_open; -1 when the
 // prefixed path does not fit.
 int OpenProductPath(const char *productPath, int flags, uint32_t mode);

@@ -69,7 +69,7 @@ int OpenLevelFileAfresh() {
     char path[PATH_MAX];
     int fd = -1;
     if (zeb_sys_path("/proc/zeb/log_level", path, sizeof path) == 0) {
-        fd = zeb_sys()->kmodOpen(path, O_RDWR);
+        fd = zeb_sys()->kmodOpen(path, O_RDWR | O_CLOEXEC);
     }
     if (fd < 0) {
         syslog(LOG_INFO, "open /proc/zeb/log_level fail\n");
@@ -275,6 +275,21 @@ void load_pid_conf(void) {
     __load_pid_conf();
 }
 
+}  // extern "C"
+
+namespace dbglog {
+
+void ForgetPidTable() {
+    while (struct rb_node *node = rb_first(&pid_tree_root)) {
+        rb_erase(node, &pid_tree_root);
+        free(rb_entry(node, PidRecord, node));
+    }
+}
+
+}  // namespace dbglog
+
+extern "C" {
+
 int save_pid_log_level(void) {
     dbglog::MutexGuard guard(&pid_tree_mutex);
     PidRecord *cursor = nullptr;
@@ -374,12 +389,17 @@ int LZEB_save_log_level(void) {
     return 0;
 }
 
+// The name is copied out under the table's lock (DBG_SetPidName may be
+// rewriting it) into a buffer of the calling thread's own, so that neither a
+// rename nor another thread's call changes the text a caller holds.
 const char *DBG_GetPidName(uint32_t pid) {
     zeb_debug_module_init();
-    static char buf[16];
-    PidRecord *record = search_pid_conf(pid);
-    if (record != nullptr && record->name[0] != '\0') {
-        return record->name;
+    static thread_local char buf[DBG_PID_NAME_SIZE];
+    if (PidRecord *record = search_pid_conf(pid); record != nullptr) {
+        dbg_copy_pid_name(record, buf);
+        if (buf[0] != '\0') {
+            return buf;
+        }
     }
     int rc = snprintf_s(buf, sizeof buf, sizeof buf - 1, "<%u>", pid);
     if (rc < 0) {

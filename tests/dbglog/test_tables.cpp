@@ -17,8 +17,12 @@ using Texts = std::vector<std::string>;
 
 class DbglogTables : public ::testing::Test {
   protected:
-    void Start(bool withModule = false) {
+    void Install(bool withModule = false) {
         vt_test::InstallLoggingStandin(root_.path(), withModule);
+        vt_test::ClearSyslog();
+    }
+    void Start(bool withModule = false) {
+        Install(withModule);
         zeb_debug_module_init();
         vt_test::ClearSyslog();
     }
@@ -104,7 +108,7 @@ TEST_F(DbglogTables, ModuleLines) {
 }
 
 TEST_F(DbglogTables, FilesLoadInOrderAndLocalLinesKeepBase) {
-    vt_test::InstallLoggingStandin(Root(), false);
+    Install();
     vt_test::WriteProductFile(
         "/KELM/conf/gid_print_limit.conf",
         "gid=20,num=1610612736,interval=1\ngid=21,num=4,interval=1,burst=3\n");
@@ -185,7 +189,7 @@ TEST_F(DbglogTables, GroupSettersAndSave) {
 }
 
 TEST_F(DbglogTables, ModuleNamesAndLevelSave) {
-    vt_test::InstallLoggingStandin(Root(), false);
+    Install();
     vt_test::WriteProductFile("/startup_disk/conf/conf_local/pid_log_level.conf",
                               "pid=60,level=2\n");
     zeb_debug_module_init();

@@ -1,4 +1,5 @@
-// Logging from several threads while another thread adds modules and groups.
+// Logging and reading names from several threads while another thread adds
+// modules and groups and renames a module.
 // Built with -DVT_TSAN=ON this is the data-race check of the tables.
 #include <stdio.h>
 
@@ -42,6 +43,9 @@ TEST(DbglogThreads, LoggingWhileTablesGrow) {
                 DBG_Log(100 + static_cast<uint32_t>((t + i) % 4), 2, "F", i, 0, "r%d", i);
                 // Modules that the adder is creating right now.
                 LZEB_log(1000 + static_cast<uint32_t>(i) % kAdded, 2, "F", i, 0, "n");
+                // A name read while the adder renames module 100 is one whole name.
+                const std::string name = DBG_GetPidName(100);
+                EXPECT_TRUE(name == "a" || name == "a-even" || name == "a-odd") << name;
             }
         });
     }
