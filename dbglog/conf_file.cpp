@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdint.h>
 #include <string.h>
 #include <syslog.h>
 
@@ -47,6 +48,63 @@ void CommasToBlanks(char *line) {
             *line = ' ';
         }
     }
+}
+
+const char *LineCursor::AfterKey(const char *key) const {
+    const size_t length = strlen(key);
+    if (strncmp(p_, key, length) != 0 || p_[length] != '=') {
+        return nullptr;
+    }
+    return p_ + length + 1;
+}
+
+bool LineCursor::Number(const char *key, uint32_t *value) {
+    const char *q = AfterKey(key);
+    if (q == nullptr || *q < '0' || *q > '9') {
+        return false;
+    }
+    uint64_t n = 0;
+    for (; *q >= '0' && *q <= '9'; ++q) {
+        n = n * 10 + static_cast<uint64_t>(*q - '0');
+        if (n > UINT32_MAX) {
+            return false;
+        }
+    }
+    *value = static_cast<uint32_t>(n);
+    p_ = q;
+    return true;
+}
+
+bool LineCursor::Word(const char *key, char *out, size_t size) {
+    const char *q = AfterKey(key);
+    if (q == nullptr) {
+        return false;
+    }
+    const size_t length = strcspn(q, " \t\r\n");
+    if (length == 0 || length >= size || memcpy_s(out, size, q, length) != 0) {
+        return false;
+    }
+    out[length] = '\0';
+    p_ = q + length;
+    return true;
+}
+
+bool LineCursor::Char(char c) {
+    if (*p_ != c || c == '\0') {
+        return false;
+    }
+    ++p_;
+    return true;
+}
+
+bool LineCursor::Blanks() {
+    const size_t length = strspn(p_, " \t");
+    p_ += length;
+    return length > 0;
+}
+
+bool LineCursor::AtEnd() const {
+    return p_[strspn(p_, " \t\r\n")] == '\0';
 }
 
 void ReadConfFile(const char *productPath, LineParser parse, uint32_t arg, const char *owner,

@@ -55,8 +55,8 @@ int DBG_SetPidLevel(uint32_t pid, uint8_t level);
 int DBG_GetAllPidLevel(void *array, uint32_t count);
 uint32_t LZEB_get_num_of_pid(void);
 int LZEB_save_log_level(void);
-// DBG_GetPidName: the module's name, or "<id>" in a static buffer shared by
-// all callers (overwritten by the next call for an unnamed module).
+// DBG_GetPidName: the module's name, or "<id>" for a module without one, in a
+// buffer of the calling thread's own that its next call overwrites.
 const char *DBG_GetPidName(uint32_t pid);
 void DBG_SetPidName(uint32_t pid, const char *name);
 

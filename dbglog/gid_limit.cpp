@@ -93,8 +93,13 @@ int NextGroupLine(void *ctx, char *buffer, size_t size) {
     return rc > 0 ? rc : -1;
 }
 
-// num * multiple, or 0xFFFFFFFF when the product does not fit.
+// num * multiple, or 0xFFFFFFFF when the product does not fit (false). The
+// unlimited quota 0xFFFFFFFF stays unlimited without being an overflow.
 bool Multiply(uint32_t num, uint32_t multiple, uint32_t *product) {
+    if (num == kDefaultNum) {
+        *product = num;
+        return true;
+    }
     const uint32_t p = num * multiple;
     if (p / multiple != num) {
         *product = 0xFFFFFFFFu;
@@ -276,6 +281,9 @@ int replace_or_add_gid(uint32_t gid, uint32_t num, uint32_t interval, uint32_t b
     return 0;
 }
 
+// "gid=%u,num=%u,interval=%u" with ",burst=%u,resume=%u" or nothing behind
+// it. A malformed or out-of-range line stores nothing (-22): the group keeps
+// what it had, and the file reader reports the line.
 int read_gid_conf_line(char *line, uint32_t local) {
     if (dbglog::IsSkippedLine(line)) {
         return 0;
@@ -285,9 +293,14 @@ int read_gid_conf_line(char *line, uint32_t local) {
     uint32_t interval = 0;
     uint32_t burst = 0;
     uint32_t resume = kDefaultResume;
-    int fields = sscanf_s(line, "gid=%u,num=%u,interval=%u,burst=%u,resume=%u\n", &gid, &num,
-                          &interval, &burst, &resume);
-    if ((fields != 5 && fields != 3) || gid == 0 || gid == kAllGroups) {
+    dbglog::LineCursor c(line);
+    bool ok = c.Number("gid", &gid) && c.Char(',') && c.Number("num", &num) && c.Char(',') &&
+              c.Number("interval", &interval);
+    if (ok && !c.AtEnd()) {
+        ok = c.Char(',') && c.Number("burst", &burst) && c.Char(',') &&
+             c.Number("resume", &resume) && c.AtEnd();
+    }
+    if (!ok || gid == 0 || gid == kAllGroups) {
         return -22;
     }
     replace_or_add_gid(gid, num, interval, burst, resume, static_cast<int32_t>(local));
@@ -382,6 +395,19 @@ int is_print_full(PidRecord *record) {
 
 }  // extern "C"
 
+namespace dbglog {
+
+void ForgetGidTable() {
+    while (struct rb_node *node = rb_first(&gid_tree_root)) {
+        rb_erase(node, &gid_tree_root);
+        GidRecord *record = rb_entry(node, GidRecord, node);
+        pthread_spin_destroy(&record->state.lock);
+        free(record);
+    }
+}
+
+}  // namespace dbglog
+
 extern "C" {
 
 int LZEB_reset_log_ratelimit(void) {
@@ -446,8 +472,15 @@ int LZEB_set_log_ratelimit(uint32_t gid, uint32_t multiple) {
         syslog(LOG_INFO, "<3>%s: gid=%u is inval\n", kOwner, gid);
         return -22;
     }
+    const uint32_t base = LoadField(record->state.baseNum);
+    if (base == 0) {
+        // No system or package file gave the group a quota: there is nothing
+        // to scale, and the quota in force (unlimited unless the local file
+        // set one) stays instead of becoming 0 and silencing the group.
+        return 0;
+    }
     uint32_t product;
-    if (!Multiply(LoadField(record->state.baseNum), multiple, &product)) {
+    if (!Multiply(base, multiple, &product)) {
         syslog(LOG_INFO,
                "<4>The number of logs of gid=%u after you have increased is more than %u, it will "
                "only be set to %u [%s].\n",

@@ -176,6 +176,15 @@ class MutexGuard {
     pthread_mutex_t *mutex_;
 };
 
+// Returns the library to where it was before its first call: both tables
+// emptied, the shared record unmapped, every descriptor closed; the next
+// public call initialises it again. Only while no other thread is inside the
+// library (zeb_sys_install calls it).
+void ForgetState();
+// Free every record of one table (pid_level.cpp, gid_limit.cpp).
+void ForgetPidTable();
+void ForgetGidTable();
+
 // Opens a product path (with the seam's root) through LZEB_open; -1 when the
 // prefixed path does not fit.
 int OpenProductPath(const char *productPath, int flags, uint32_t mode);
@@ -187,6 +196,30 @@ constexpr char kPidDir[] = "/etc/zeb/pid/";
 // A line that is empty or holds "#" is skipped.
 bool IsSkippedLine(const char *line);
 void CommasToBlanks(char *line);
+
+// Reads the "key=value" fields of one configuration line strictly: a read
+// either succeeds and moves past what it read, or fails and leaves the
+// cursor where it was. What sscanf would let through (a sign, blanks before
+// a number, a number that wraps, junk behind it, a cut name) fails here.
+class LineCursor {
+  public:
+    explicit LineCursor(const char *line) : p_(line) {}
+    // "key=" and 1..10 decimal digits whose value fits 32 bits.
+    bool Number(const char *key, uint32_t *value);
+    // "key=" and 1..size-1 characters up to the next blank or the end.
+    bool Word(const char *key, char *out, size_t size);
+    // Exactly the character `c`.
+    bool Char(char c);
+    // One or more blanks or tabs.
+    bool Blanks();
+    // Nothing but white space remains.
+    bool AtEnd() const;
+
+  private:
+    // The position behind "key=", or null when the line does not go on so.
+    const char *AfterKey(const char *key) const;
+    const char *p_;
+};
 
 // Feeds every line of a product-path file (at most 255 characters each) to
 // `parse`; a file that cannot be opened is skipped. A line that `parse`

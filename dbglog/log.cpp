@@ -10,6 +10,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <type_traits>
 
 #include "dbglog/internal.h"
@@ -34,9 +35,14 @@ namespace {
 using dbglog::LoadField;
 using dbglog::StoreField;
 
-pthread_once_t zeb_debug_is_initialized = PTHREAD_ONCE_INIT;
+// Set once initialize_zeb_debug has run; a flag under a mutex rather than a
+// pthread_once_t so that ForgetState can let the library start afresh.
+std::atomic<bool> zeb_debug_is_initialized{false};
+pthread_mutex_t g_initMutex = PTHREAD_MUTEX_INITIALIZER;
 // Whether the shared record was mapped writable (only then may it be changed).
 bool g_cfgWritable = false;
+// Descriptor of the mapped shared record, kept open for the life of the process.
+int g_cfgFd = -1;
 
 constexpr size_t kProcessNameSize = 256;
 char progress_name[kProcessNameSize];
@@ -71,7 +77,7 @@ int OpenKernelFile(const char *productPath) {
     if (zeb_sys_path(productPath, path, sizeof path) != 0) {
         return -1;
     }
-    return zeb_sys()->kmodOpen(path, O_RDWR);
+    return zeb_sys()->kmodOpen(path, O_RDWR | O_CLOEXEC);
 }
 
 // A read-only mapping of a file shorter than the record would fault on the
@@ -81,6 +87,21 @@ bool HoldsWholeRecord(int fd) {
     return fstat(fd, &st) == 0 && st.st_size >= static_cast<off_t>(sizeof(DbgUsrConfig));
 }
 
+bool RecordIntact(const DbgUsrConfig *record) {
+    const uint8_t level = LoadField(record->defaultLevel);
+    return LoadField(record->magic) == DBG_CONFIG_MAGIC && level >= DBG_LEVEL_CRI &&
+           level <= DBG_LEVEL_DBG;
+}
+
+// Said once, at initialisation, when a process that may not rebuild the
+// shared record finds it unusable.
+void ReportUnusableRecord(const char *what) {
+    syslog(LOG_INFO, "/dev/shm/dbglog.cfg %s: the default level %d applies\n", what,
+           DBG_FALLBACK_LEVEL);
+}
+
+// Maps the shared record. Group 0 rebuilds a short or damaged record; any
+// other group goes on with the fallback level (dbg_default_level) and says so.
 void MapSharedConfig(gid_t gid) {
     const bool owner = gid == 0;
     int fd = dbglog::OpenProductPath("/dev/shm/dbglog.cfg", owner ? (O_RDWR | O_CREAT) : O_RDONLY,
@@ -91,21 +112,34 @@ void MapSharedConfig(gid_t gid) {
     }
     if (!owner && !HoldsWholeRecord(fd)) {
         LZEB_close(fd);
+        ReportUnusableRecord("is shorter than its 16-byte record");
         return;
     }
     void *map =
         LZEB_mmap(fd, owner ? (PROT_READ | PROT_WRITE) : PROT_READ, 0, sizeof(DbgUsrConfig));
     if (map == nullptr || map == MAP_FAILED) {
         LZEB_close(fd);
+        ReportUnusableRecord("cannot be mapped");
         return;
     }
     auto *record = static_cast<DbgUsrConfig *>(map);
-    if (record->magic != DBG_CONFIG_MAGIC && owner) {
-        DBG_SetDefaultCfg(record);
+    if (!RecordIntact(record)) {
+        if (owner) {
+            DBG_SetDefaultCfg(record);
+        } else {
+            // Kept mapped: once group 0 rebuilds it, its level applies here too.
+            ReportUnusableRecord("holds no valid record");
+        }
     }
     g_cfgWritable = owner;
+    g_cfgFd = fd;
     g_pstUsrDbgConfig = record;
-    // The descriptor stays open for the life of the process.
+}
+
+// The kernel module's control files do not depend on the shared record: they
+// are opened whatever became of it. The descriptors stay open for the life of
+// the process.
+void OpenKernelFiles() {
     iFd_log_level = OpenKernelFile("/proc/zeb/log_level");
     if (iFd_log_level < 0) {
         syslog(LOG_INFO, "open /proc/zeb/log_level fail\n");
@@ -178,6 +212,24 @@ int OpenProductPath(const char *productPath, int flags, uint32_t mode) {
     return LZEB_open(path, flags, mode);
 }
 
+void ForgetState() {
+    MutexGuard guard(&g_initMutex);
+    if (g_pstUsrDbgConfig != nullptr) {
+        LZEB_munmap(g_pstUsrDbgConfig);
+        g_pstUsrDbgConfig = nullptr;
+    }
+    for (int *fd : {&g_cfgFd, &iFd_log_level, &iFd_log_limit}) {
+        if (*fd >= 0) {
+            LZEB_close(*fd);
+            *fd = -1;
+        }
+    }
+    g_cfgWritable = false;
+    ForgetPidTable();  // first: its records point into the group table
+    ForgetGidTable();
+    zeb_debug_is_initialized.store(false, std::memory_order_release);
+}
+
 }  // namespace dbglog
 
 extern "C" {
@@ -187,18 +239,27 @@ void initialize_zeb_debug(void) {
     load_gid_conf();
     load_pid_conf();
     MapSharedConfig(gid);
+    OpenKernelFiles();
 }
 
 void zeb_debug_module_init(void) {
-    pthread_once(&zeb_debug_is_initialized, initialize_zeb_debug);
+    if (zeb_debug_is_initialized.load(std::memory_order_acquire)) {
+        return;
+    }
+    dbglog::MutexGuard guard(&g_initMutex);
+    if (!zeb_debug_is_initialized.load(std::memory_order_relaxed)) {
+        initialize_zeb_debug();
+        zeb_debug_is_initialized.store(true, std::memory_order_release);
+    }
 }
 
 uint8_t dbg_default_level(void) {
-    // Without a shared record the banner has said that levels cannot be read;
-    // INFO (the level a fresh record gets) still lets every error of the
-    // verifier through instead of silently dropping it.
+    // Without a usable shared record the banner or the initialisation has
+    // said so; INFO (the level a fresh record gets) still lets every error of
+    // the verifier through instead of silently dropping it. The record is
+    // checked on every read: another process may damage or repair it.
     DbgUsrConfig *cfg = g_pstUsrDbgConfig;
-    return cfg != nullptr ? LoadField(cfg->defaultLevel) : DBG_FALLBACK_LEVEL;
+    return cfg != nullptr && RecordIntact(cfg) ? LoadField(cfg->defaultLevel) : DBG_FALLBACK_LEVEL;
 }
 
 void DBG_SetDefaultCfg(DbgUsrConfig *record) {

@@ -69,7 +69,7 @@ int OpenLevelFileAfresh() {
     char path[PATH_MAX];
     int fd = -1;
     if (zeb_sys_path("/proc/zeb/log_level", path, sizeof path) == 0) {
-        fd = zeb_sys()->kmodOpen(path, O_RDWR);
+        fd = zeb_sys()->kmodOpen(path, O_RDWR | O_CLOEXEC);
     }
     if (fd < 0) {
         syslog(LOG_INFO, "open /proc/zeb/log_level fail\n");
@@ -184,6 +184,10 @@ void replace_or_add_pid(const PidRecord *tmpl, uint32_t gid) {
     }
 }
 
+// "pid=%u pid_name=%s gid=%u", "pid=%u pid_name=%s" or "pid=%u gid=%u", with
+// commas read as blanks. A name longer than 31 characters, a number that does
+// not fit 32 bits or anything else malformed stores nothing (-22), so the
+// module keeps its name and group; the file reader reports the line.
 int read_pid_conf_line(char *line) {
     if (dbglog::IsSkippedLine(line)) {
         return 0;
@@ -191,39 +195,32 @@ int read_pid_conf_line(char *line) {
     dbglog::CommasToBlanks(line);
     PidRecord tmpl = {};
     uint32_t gid = 0;
-    int fields = sscanf_s(line, "pid=%u pid_name=%31s gid=%u\n", &tmpl.pid, tmpl.name,
-                          sizeof tmpl.name, &gid);
-    bool accepted = false;
-    if (fields == 3) {
-        accepted = gid != 0;
-    } else if (fields == 2) {
-        accepted = true;  // a name without a group
-        gid = 0;
-    } else if (fields == 1) {
-        int rc = memset_s(&tmpl, sizeof tmpl, 0, sizeof tmpl);
-        if (rc != 0) {
-            syslog(LOG_INFO, "memset_s failed, err is %d in %s func, %d line.\n", rc,
-                   "read_pid_conf_line", 317);
-            return -1;
-        }
-        gid = 0;
-        accepted = sscanf_s(line, "pid=%u gid=%u\n", &tmpl.pid, &gid) == 2;
+    dbglog::LineCursor c(line);
+    bool ok = c.Number("pid", &tmpl.pid) && c.Blanks();
+    if (ok && c.Word("pid_name", tmpl.name, sizeof tmpl.name)) {
+        // A name without a group, or a name and a group other than 0.
+        ok = c.AtEnd() || (c.Blanks() && c.Number("gid", &gid) && gid != 0 && c.AtEnd());
+    } else {
+        ok = ok && c.Number("gid", &gid) && c.AtEnd();
     }
-    if (!accepted || tmpl.pid == 0) {
+    if (!ok || tmpl.pid == 0) {
         return -22;
     }
     replace_or_add_pid(&tmpl, gid);
     return 0;
 }
 
+// "pid=%u level=%u" (commas read as blanks) with a level of 0 (unknown) to 5.
 int read_log_level_conf_line(char *line) {
     if (dbglog::IsSkippedLine(line)) {
         return 0;
     }
     dbglog::CommasToBlanks(line);
     uint32_t pid = 0;
-    uint32_t level = DBG_LEVEL_INFO;
-    if (sscanf_s(line, "pid=%u level=%u\n", &pid, &level) != 2 || pid == 0) {
+    uint32_t level = 0;
+    dbglog::LineCursor c(line);
+    if (!(c.Number("pid", &pid) && c.Blanks() && c.Number("level", &level) && c.AtEnd()) ||
+        pid == 0 || level > DBG_LEVEL_DBG) {
         return -22;
     }
     const auto byte = static_cast<uint8_t>(level);
@@ -274,6 +271,21 @@ void load_pid_conf(void) {
     read_pid_conf(kGidOfPidFile);
     __load_pid_conf();
 }
+
+}  // extern "C"
+
+namespace dbglog {
+
+void ForgetPidTable() {
+    while (struct rb_node *node = rb_first(&pid_tree_root)) {
+        rb_erase(node, &pid_tree_root);
+        free(rb_entry(node, PidRecord, node));
+    }
+}
+
+}  // namespace dbglog
+
+extern "C" {
 
 int save_pid_log_level(void) {
     dbglog::MutexGuard guard(&pid_tree_mutex);
@@ -374,12 +386,17 @@ int LZEB_save_log_level(void) {
     return 0;
 }
 
+// The name is copied out under the table's lock (DBG_SetPidName may be
+// rewriting it) into a buffer of the calling thread's own, so that neither a
+// rename nor another thread's call changes the text a caller holds.
 const char *DBG_GetPidName(uint32_t pid) {
     zeb_debug_module_init();
-    static char buf[16];
-    PidRecord *record = search_pid_conf(pid);
-    if (record != nullptr && record->name[0] != '\0') {
-        return record->name;
+    static thread_local char buf[DBG_PID_NAME_SIZE];
+    if (PidRecord *record = search_pid_conf(pid); record != nullptr) {
+        dbg_copy_pid_name(record, buf);
+        if (buf[0] != '\0') {
+            return buf;
+        }
     }
     int rc = snprintf_s(buf, sizeof buf, sizeof buf - 1, "<%u>", pid);
     if (rc < 0) {

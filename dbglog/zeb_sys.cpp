@@ -1,5 +1,6 @@
 #include "dbglog/zeb_sys.h"
 
+#include "dbglog/internal.h"
 #include "platform/securec.h"
 
 #include <fcntl.h>
@@ -41,6 +42,9 @@ extern "C" const ZebSys *zeb_sys(void) {
 }
 
 extern "C" void zeb_sys_install(const ZebSys *sys) {
+    // What the library learnt through the previous seam (tables, shared
+    // record, descriptors) belongs to that seam's device.
+    dbglog::ForgetState();
     if (sys == nullptr) {
         g_current.store(&kDevice, std::memory_order_release);
         return;

@@ -34,9 +34,11 @@ typedef struct ZebSys {
 
 // The seam in force (the device's own unless one was installed).
 const ZebSys *zeb_sys(void);
-// Replaces the seam; only valid before the library's first public call.
-// Null restores the device's own. The record must outlive its use; members
-// left null fall back to the device's own.
+// Replaces the seam and returns the library to where it was before its first
+// call (tables emptied, shared record unmapped, descriptors closed): the next
+// public call initialises it afresh through the new seam. Only valid while no
+// other thread is inside the library. Null restores the device's own. The
+// record must outlive its use; members left null fall back to the device's own.
 void zeb_sys_install(const ZebSys *sys);
 // Writes root + productPath into out; 0, or -1 when it does not fit.
 int zeb_sys_path(const char *productPath, char *out, size_t outSize);

@@ -26,15 +26,14 @@ int WaitForChild(pid_t child) {
     }
 }
 
-// Refuses ";" and "||" anywhere but in the last position. A trailing ";" is
-// harmless (nothing follows it) and a single "|" is an ordinary pipe.
+// Every character with which the shell starts another command: the command
+// separators and pipes (";", "&", "|", line feed), a subshell, and command or
+// parameter substitution ("`", "$"). Redirections stay allowed: the
+// libraries' own commands send their errors elsewhere with "2>".
+constexpr std::string_view kChaining = ";&|\n()`$";
+
 bool IsChained(std::string_view command) {
-    for (size_t i = 0; i + 1 < command.size(); ++i) {
-        if (command[i] == ';' || (command[i] == '|' && command[i + 1] == '|')) {
-            return true;
-        }
-    }
-    return false;
+    return command.find_first_of(kChaining) != std::string_view::npos;
 }
 
 constexpr std::string_view kShellMeta = "|;&$><{}()`\\'\"[]~?*!\n";

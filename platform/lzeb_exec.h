@@ -13,8 +13,8 @@ int LZEB_Execute(const char *command);
 
 // LZEB_system: runs `command` with "/bin/sh -c" and returns the raw wait
 // status (exit code c reads as c * 256; 127 * 256 when no shell could start),
-// or -1 for a null command, a chained command (";" before the last
-// character, or "||"), or a failed fork or wait.
+// or -1 for a null command, a command that could run a second one (any of
+// ; & | ( ) ` $ or a line feed, wherever it stands), or a failed fork or wait.
 int LZEB_system(const char *command);
 
 // __zeb_execv: runs argv[0] (a path, no PATH search) with the vector `argv`

@@ -5,7 +5,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <stdint.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -60,12 +62,37 @@ int CopyPieces(int srcFd, int dstFd, const char *source, const char *destination
     return 0;
 }
 
+// Makes sure the whole range [offset, offset+length) of the file is backed,
+// so that touching the mapping cannot fault: a regular file open read-write
+// that is shorter is extended with zero bytes. No byte already in the file
+// changes, and the descriptor's position stays where it was. False when the
+// descriptor cannot be read (as a mapping would need) or the file cannot grow.
+bool BackMappedRange(int fd, int64_t offset, uint64_t length) {
+    if (offset < 0 || length > static_cast<uint64_t>(INT64_MAX - offset)) {
+        return false;
+    }
+    const auto end = static_cast<off_t>(offset + static_cast<int64_t>(length));
+    unsigned char byte;
+    struct stat st;
+    if (pread(fd, &byte, 1, end) < 0 || fstat(fd, &st) != 0) {
+        return false;
+    }
+    const int flags = fcntl(fd, F_GETFL);
+    if (!S_ISREG(st.st_mode) || st.st_size >= end || flags == -1 || (flags & O_ACCMODE) != O_RDWR) {
+        return true;
+    }
+    return ftruncate(fd, end) == 0;
+}
+
 }  // namespace
 
 extern "C" {
 
+// Every descriptor is opened close-on-exec: the libraries run shell commands
+// (LZEB_system), and no child of theirs is meant to inherit a configuration
+// file or a kernel module's control file.
 int LZEB_open(const char *path, int flags, uint32_t mode) {
-    return open(path, flags, static_cast<mode_t>(mode));
+    return open(path, flags | O_CLOEXEC, static_cast<mode_t>(mode));
 }
 
 void LZEB_close(int fd) {
@@ -128,12 +155,12 @@ int LZEB_copy(const char *source, const char *destination) {
         syslog(LOG_INFO, "Input para null.\n");
         return -1;
     }
-    int srcFd = open(source, O_RDWR);
+    int srcFd = open(source, O_RDWR | O_CLOEXEC);
     if (srcFd < 0) {
         syslog(LOG_INFO, "Open source file (%s) error,return.\n", source);
         return -1;
     }
-    int dstFd = open(destination, O_RDWR | O_CREAT | O_TRUNC, 0600);
+    int dstFd = open(destination, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (dstFd < 0) {
         syslog(LOG_INFO, "Open dest file (%s) error,return.\n", destination);
         close(srcFd);
@@ -146,14 +173,13 @@ int LZEB_copy(const char *source, const char *destination) {
 }
 
 // LZEB_mmap: maps `length` bytes of `fd` at `offset` (MAP_SHARED) and records
-// the mapping for LZEB_munmap. Returns the start address, null (the growth
-// step failed, or the table is full), or MAP_FAILED.
+// the mapping for LZEB_munmap. Returns the start address, null (the
+// descriptor cannot be read, the file cannot be grown, or the table is
+// full), or MAP_FAILED.
 //
-// Before mapping, a descriptor open read-write gets one byte written behind
-// offset+length, so the mapped range is backed by the file: the byte at offset+length
-// is read and written again at the position the read left (offset+length+1),
-// or a zero byte is written at offset+length when nothing was there. The file
-// is then at least offset+length+1 bytes long.
+// A regular file open read-write that is shorter than offset+length is first
+// extended with zero bytes to that length (see BackMappedRange); mapping
+// never changes a byte that is already in the file.
 //
 // MAP_FAILED is not recorded: a
 // failed mapping covers no addresses, nobody unmaps it, and a row spent on it
@@ -161,20 +187,8 @@ int LZEB_copy(const char *source, const char *destination) {
 // the table is full would mean calling munmap on MAP_FAILED.
 void *LZEB_mmap(int fd, int prot, int64_t offset, uint64_t length) {
     InitMmap();
-    lseek(fd, static_cast<off_t>(offset + static_cast<int64_t>(length)), SEEK_SET);
-    unsigned char byte = 0;
-    ssize_t got = read(fd, &byte, 1);
-    if (got < 0) {
+    if (!BackMappedRange(fd, offset, length)) {
         return nullptr;
-    }
-    int flags = fcntl(fd, F_GETFL);
-    if (flags != -1 && (flags & O_RDWR) != 0) {
-        if (got == 0) {
-            byte = 0;
-        }
-        if (write(fd, &byte, 1) < 0) {
-            return nullptr;
-        }
     }
     void *start = mmap(nullptr, length, prot, MAP_SHARED, fd, static_cast<off_t>(offset));
     if (start == nullptr || start == MAP_FAILED) {

@@ -18,6 +18,7 @@ typedef struct MapData {
 
 #define LZEB_MAX_MAPPINGS 32
 
+// open(2) with O_CLOEXEC added to `flags`.
 int LZEB_open(const char *path, int flags, uint32_t mode);
 void LZEB_close(int fd);
 int LZEB_sync(int fd);
@@ -30,7 +31,8 @@ int LZEB_access(const char *path, int mode);
 char *LZEB_readline(int fd, char *buffer, int32_t size);
 int LZEB_copy(const char *source, const char *destination);
 
-// Start address, null, or MAP_FAILED; grows a read-write file to offset+length+1 bytes first.
+// Start address, null, or MAP_FAILED; first extends a shorter regular file
+// open read-write to offset+length bytes, changing no byte already there.
 void *LZEB_mmap(int fd, int prot, int64_t offset, uint64_t length);
 // 0, or -1 when the address was not mapped through LZEB_mmap.
 int LZEB_munmap(void *address);

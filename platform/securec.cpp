@@ -109,28 +109,109 @@ void FillSmall(void *dest, int c, size_t count) {
 // ---------------------------------------------------------------------------
 // Formatting
 
-// True when the format holds a %n directive. The formatting routines refuse
-// such formats (see vsnprintf_s): in this program's engine 'n' names no
-// conversion, and glibc's %n would write through an argument.
-bool FormatHasPercentN(const char *format) {
-    for (const char *p = format; *p != '\0'; ++p) {
-        if (*p != '%') {
-            continue;
-        }
-        ++p;
-        if (*p == '%') {
-            continue;
-        }
-        p += strspn(p, "0123456789$*.-+ #'I");
-        p += strspn(p, "hlLqjzZt");
-        if (*p == 'n') {
-            return true;
-        }
-        if (*p == '\0') {
-            break;
+// A scratch format (a format with its %n directives escaped, or one scan
+// step: literal prefix, one conversion, "%n"). Short formats stay on the stack.
+class SubFormat {
+  public:
+    SubFormat() = default;
+    SubFormat(const SubFormat &) = delete;
+    SubFormat &operator=(const SubFormat &) = delete;
+    ~SubFormat() {
+        if (text_ != local_) {
+            free(text_);
         }
     }
-    return false;
+
+    // Room for `capacity` characters plus a terminator; false when out of memory.
+    bool Reserve(size_t capacity) {
+        if (capacity < sizeof local_) {
+            return true;
+        }
+        text_ = static_cast<char *>(malloc(capacity + 1));
+        if (text_ == nullptr) {
+            text_ = local_;
+            return false;
+        }
+        return true;
+    }
+    void Append(const char *s, size_t n) {
+        memcpy(text_ + used_, s, n);
+        used_ += n;
+        text_[used_] = '\0';
+    }
+    void Append(const char *s) { Append(s, strlen(s)); }
+    const char *c_str() const { return text_; }
+
+  private:
+    char local_[256] = {};
+    char *text_ = local_;
+    size_t used_ = 0;
+};
+
+// Length of the %-directive at `p` (a '%'), and whether it is a %n. The
+// flags, width, precision and length modifiers are skipped the way glibc
+// reads them.
+size_t DirectiveLength(const char *p, bool *isN) {
+    const char *q = p + 1;
+    *isN = false;
+    if (*q == '%') {
+        return 2;
+    }
+    q += strspn(q, "0123456789$*.-+ #'I");
+    q += strspn(q, "hlLqjzZt");
+    if (*q == '\0') {
+        return static_cast<size_t>(q - p);
+    }
+    *isN = *q == 'n';
+    return static_cast<size_t>(q + 1 - p);
+}
+
+// In this program's engine 'n' names no conversion, so a %n directive is
+// printed as written, like any other unknown conversion, and never handed
+// to glibc (whose %n would write through an argument). `out` receives the
+// format with the '%' of every %n doubled; false when out of memory.
+bool EscapePercentN(const char *format, SubFormat *out) {
+    size_t directives = 0;
+    for (const char *p = strchr(format, '%'); p != nullptr; p = strchr(p + 1, '%')) {
+        ++directives;
+    }
+    if (!out->Reserve(strlen(format) + directives)) {
+        return false;
+    }
+    const char *p = format;
+    while (const char *percent = strchr(p, '%')) {
+        out->Append(p, static_cast<size_t>(percent - p));
+        bool isN = false;
+        const size_t len = DirectiveLength(percent, &isN);
+        if (isN) {
+            out->Append("%");
+        }
+        out->Append(percent, len);
+        p = percent + len;
+    }
+    out->Append(p);
+    return true;
+}
+
+bool HasPercentN(const char *format) {
+    bool isN = false;
+    for (const char *p = strchr(format, '%'); p != nullptr && !isN; p = strchr(p, '%')) {
+        p += DirectiveLength(p, &isN);
+    }
+    return isN;
+}
+
+// glibc's vsnprintf over `format` with its %n directives made literal;
+// -1 when the escaped format cannot be built.
+int FormatLiteralN(char *dest, size_t size, const char *format, va_list args) {
+    if (!HasPercentN(format)) {
+        return vsnprintf(dest, size, format, args);
+    }
+    SubFormat escaped;
+    if (!EscapePercentN(format, &escaped)) {
+        return -1;
+    }
+    return vsnprintf(dest, size, escaped.c_str(), args);
 }
 
 // ---------------------------------------------------------------------------
@@ -232,45 +313,6 @@ bool ParseScanItem(const char *p, ScanItem *item) {
 // cannot be passed on by address portably).
 struct ArgCursor {
     va_list ap;
-};
-
-// A scratch format: literal prefix, one conversion, "%n". Short formats stay
-// on the stack.
-class SubFormat {
-  public:
-    SubFormat() = default;
-    SubFormat(const SubFormat &) = delete;
-    SubFormat &operator=(const SubFormat &) = delete;
-    ~SubFormat() {
-        if (text_ != local_) {
-            free(text_);
-        }
-    }
-
-    // Room for `capacity` characters plus a terminator; false when out of memory.
-    bool Reserve(size_t capacity) {
-        if (capacity < sizeof local_) {
-            return true;
-        }
-        text_ = static_cast<char *>(malloc(capacity + 1));
-        if (text_ == nullptr) {
-            text_ = local_;
-            return false;
-        }
-        return true;
-    }
-    void Append(const char *s, size_t n) {
-        memcpy(text_ + used_, s, n);
-        used_ += n;
-        text_[used_] = '\0';
-    }
-    void Append(const char *s) { Append(s, strlen(s)); }
-    const char *c_str() const { return text_; }
-
-  private:
-    char local_[256] = {};
-    char *text_ = local_;
-    size_t used_ = 0;
 };
 
 // How one step of the scan ended.
@@ -612,9 +654,10 @@ int memset_sOptAsm(void *dest, size_t destMax, int c, size_t count) {
     return MemsetError(dest, destMax, c, count);
 }
 
-// memset_sOptTc: as memset_sOptAsm without the destMax upper limit on success.
+// memset_sOptTc: as memset_sOptAsm. Unlike memcpy_sOptTc it keeps the destMax
+// upper limit: a fill of a size every sibling refuses is refused here too.
 int memset_sOptTc(void *dest, size_t destMax, int c, size_t count) {
-    if (dest != nullptr && count <= destMax) {
+    if (dest != nullptr && destMax <= kMaxLen && count <= destMax) {
         if (count < 33) {
             FillSmall(dest, c, count);
         } else {
@@ -719,18 +762,18 @@ int strcat_s(char *dest, size_t destMax, const char *src) {
     return SEC_OK;
 }
 
-// vsnprintf_s: the number of characters written, or -1. A %n directive in the
-// format is refused like a formatting error (dest emptied, -1).
+// vsnprintf_s: the number of characters written, or -1. A %n directive is
+// printed as written (see EscapePercentN).
 int vsnprintf_s(char *dest, size_t destMax, size_t count, const char *format, va_list args) {
     if (dest == nullptr || SizeOutOfRange(destMax)) {
         return -1;
     }
-    if (format == nullptr || count > kMaxFormatCount || FormatHasPercentN(format)) {
+    if (format == nullptr || count > kMaxFormatCount) {
         dest[0] = '\0';
         return -1;
     }
     if (destMax > count) {
-        int written = vsnprintf(dest, count + 1, format, args);
+        int written = FormatLiteralN(dest, count + 1, format, args);
         if (written < 0) {
             dest[0] = '\0';
             return -1;
@@ -738,7 +781,7 @@ int vsnprintf_s(char *dest, size_t destMax, size_t count, const char *format, va
         // Longer text: glibc kept the first `count` characters, terminated.
         return static_cast<size_t>(written) > count ? -1 : written;
     }
-    int written = vsnprintf(dest, destMax, format, args);
+    int written = FormatLiteralN(dest, destMax, format, args);
     if (written < 0 || static_cast<size_t>(written) >= destMax) {
         dest[0] = '\0';
         return -1;
@@ -755,16 +798,16 @@ int snprintf_s(char *dest, size_t destMax, size_t count, const char *format, ...
 }
 
 // vsnprintf_truncated_s: the number of characters written, destMax-1 when the
-// text was cut, or -1 (with %n refused as in vsnprintf_s).
+// text was cut, or -1 (with %n printed as written, as in vsnprintf_s).
 int vsnprintf_truncated_s(char *dest, size_t destMax, const char *format, va_list args) {
     if (dest == nullptr || SizeOutOfRange(destMax)) {
         return -1;
     }
-    if (format == nullptr || FormatHasPercentN(format)) {
+    if (format == nullptr) {
         dest[0] = '\0';
         return -1;
     }
-    int written = vsnprintf(dest, destMax, format, args);
+    int written = FormatLiteralN(dest, destMax, format, args);
     if (written < 0) {
         dest[0] = '\0';
         return -1;

@@ -3,12 +3,15 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "dbglog/dbglog.h"
+#include "dbglog/internal.h"
+#include "platform/lzeb_exec.h"
 #include "tests/support/kmod_standin.h"
 #include "tests/support/syslog_capture.h"
 
@@ -26,13 +29,13 @@ std::string Record(const std::string &id, const std::string &level, const std::s
            std::to_string(line) + "][" + process + "]\n";
 }
 
-// Each test runs in its own process: the library initialises once, below the
-// test's own root.
+// Each install starts the library afresh below the test's own root.
 class DbglogRecord : public ::testing::Test {
   protected:
     void Install(bool withModule, gid_t gid = 0) {
         vt_test::InstallLoggingStandin(root_.path(), withModule);
         vt_test::StandinSetProcessGid(gid);
+        vt_test::ClearSyslog();
     }
     void Start(bool withModule = false) {
         Install(withModule);
@@ -277,19 +280,69 @@ TEST_F(DbglogRecord, OtherGroupUsesRecordAsFoundAndMayNotChangeIt) {
     EXPECT_TRUE(CapturedSyslog().empty());
 }
 
-TEST_F(DbglogRecord, WithoutSharedRecordInfoIsTheDefault) {
-    // Another group cannot create the record: banner, then level 4 applies.
-    Install(false, 1000);
-    zeb_debug_module_init();
+// Whatever state the shared record is in, a level of 1..5 applies and the
+// kernel module's control files are opened, close-on-exec: no child of the
+// library's command execution inherits a descriptor of the library. Group 0
+// rebuilds a short or damaged record; another group goes on with INFO and
+// says so once.
+TEST_F(DbglogRecord, SharedRecordStates) {
     const std::string pad(32, ' ');
     const std::string stars(62, '*');
-    auto got = CapturedSyslog();
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].priority, LOG_INFO);
-    EXPECT_EQ(got[0].text, pad + stars + "\n" + pad +
+    const std::string banner = pad + stars + "\n" + pad +
                                "Can not open print level config file, log will not write/read to "
                                "log file,gid=1000\n" +
-                               pad + stars + "\n");
+                               pad + stars + "\n";
+    const std::string damaged =
+        "/dev/shm/dbglog.cfg holds no valid record: the default level 4 applies\n";
+    struct Row {
+        const char *name;
+        gid_t gid;
+        std::optional<std::string> file;  // none: no record file
+        std::string message;              // empty: none
+        bool mapped;
+        uint8_t level;
+    };
+    const Row rows[] = {
+        {"other group, no file", 1000, std::nullopt, banner, false, 4},
+        {"other group, short file", 1000, InitialisedRecord(2).substr(0, 8),
+         "/dev/shm/dbglog.cfg is shorter than its 16-byte record: the default level 4 applies\n",
+         false, 4},
+        {"other group, bad magic", 1000, "\x02" + InitialisedRecord(2).substr(1), damaged, true, 4},
+        {"other group, level 0", 1000, InitialisedRecord(0), damaged, true, 4},
+        {"other group, sound record", 1000, InitialisedRecord(2), "", true, 2},
+        {"group 0, short file", 0, std::string(8, '\x5A'), "", true, 4},
+        {"group 0, level 9", 0, InitialisedRecord(9), "", true, 4},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        Install(true, row.gid);
+        if (row.file) {
+            vt_test::WriteProductFile("/dev/shm/dbglog.cfg", *row.file);
+        }
+        zeb_debug_module_init();
+        EXPECT_EQ(vt_test::CapturedSyslogTexts(), row.message.empty()
+                                                      ? std::vector<std::string>{}
+                                                      : std::vector<std::string>{row.message});
+        EXPECT_EQ(DBG_GetLogConfig() != nullptr, row.mapped);
+        EXPECT_EQ(dbg_default_level(), row.level);
+        if (row.gid == 0) {
+            EXPECT_EQ(vt_test::ReadProductFile("/dev/shm/dbglog.cfg").substr(0, 5),
+                      InitialisedRecord(4).substr(0, 5));
+        }
+        EXPECT_GE(iFd_log_level, 0);
+        EXPECT_GE(iFd_log_limit, 0);
+        ASSERT_EQ(LZEB_Execute(("ls -l /proc/self/fd/ >" + root_.path() + "/fds").c_str()), 0);
+        const std::string fds = vt_test::ReadProductFile("/fds");
+        EXPECT_NE(fds.find("/fds"), std::string::npos);  // the listing names the child's own
+        EXPECT_EQ(fds.find("/dev/shm/"), std::string::npos) << fds;
+        EXPECT_EQ(fds.find("/proc/zeb/"), std::string::npos) << fds;
+    }
+}
+
+TEST_F(DbglogRecord, WithoutSharedRecordInfoIsTheDefault) {
+    // Another group cannot create the record: level 4 applies.
+    Install(true, 1000);
+    zeb_debug_module_init();
     EXPECT_EQ(DBG_GetLogConfig(), nullptr);
     vt_test::StandinSetProcessGid(0);
     vt_test::ClearSyslog();

@@ -17,8 +17,12 @@ using Texts = std::vector<std::string>;
 
 class DbglogTables : public ::testing::Test {
   protected:
-    void Start(bool withModule = false) {
+    void Install(bool withModule = false) {
         vt_test::InstallLoggingStandin(root_.path(), withModule);
+        vt_test::ClearSyslog();
+    }
+    void Start(bool withModule = false) {
+        Install(withModule);
         zeb_debug_module_init();
         vt_test::ClearSyslog();
     }
@@ -37,6 +41,12 @@ TEST_F(DbglogTables, GroupLines) {
     const Row rows[] = {
         {"gid=7,num=5,interval=1\n", 0, 7, 5, 1, 0, 86400},
         {"gid=8,num=6,interval=2,burst=3,resume=9\n", 0, 8, 6, 2, 3, 9},
+        // Refused lines leave the group as it was.
+        {"gid=7,num=6,interval=1,burst=x\n", -22, 7, 5, 1, 0, 86400},
+        {"gid=7,num=6,interval=1,bogus\n", -22, 7, 5, 1, 0, 86400},
+        {"gid=7,num=99999999999,interval=1\n", -22, 7, 5, 1, 0, 86400},
+        {"gid=7,num=-1,interval=1\n", -22, 7, 5, 1, 0, 86400},
+        {"gid=8,num=6,interval=2,burst=3,resume=4junk\n", -22, 8, 6, 2, 3, 9},
         {"gid=9,num=5,interval=1,burst=3\n", -22, 0},
         {"gid=0,num=5,interval=1\n", -22, 0},
         {"gid=4294967295,num=5,interval=1\n", -22, 0},
@@ -79,6 +89,8 @@ TEST_F(DbglogTables, ModuleLines) {
         {"pid=8 gid=12\n", 0, 8, "", 12},
         {"pid=9,pid_name=x\n", 0, 9, "x", 0},
         {"pid=7 pid_name=other gid=13\n", 0, 7, "cms", 13},  // keeps its first name
+        {"pid=7 gid=99999999999\n", -22, 7, "cms", 13},
+        {"pid=13,pid_name=abcdefghijklmnopqrstuvwxyz012345,gid=12\n", -22, 0},  // 32 characters
         {"pid=10\n", -22, 0},
         {"pid=11,pid_name=y,gid=0\n", -22, 0},
         {"pid=0,gid=3\n", -22, 0},
@@ -95,7 +107,7 @@ TEST_F(DbglogTables, ModuleLines) {
         EXPECT_STREQ(p->name, row.name) << row.line;
         EXPECT_EQ(p->group != nullptr ? p->group->gid : 0, row.gid) << row.line;
     }
-    for (uint32_t pid : {10u, 11u, 12u}) {
+    for (uint32_t pid : {10u, 11u, 12u, 13u}) {
         EXPECT_EQ(search_pid_conf(pid), nullptr) << pid;
     }
     // A group first named by a module line has the defaults.
@@ -104,17 +116,18 @@ TEST_F(DbglogTables, ModuleLines) {
 }
 
 TEST_F(DbglogTables, FilesLoadInOrderAndLocalLinesKeepBase) {
-    vt_test::InstallLoggingStandin(Root(), false);
+    Install();
     vt_test::WriteProductFile(
         "/KELM/conf/gid_print_limit.conf",
         "gid=20,num=1610612736,interval=1\ngid=21,num=4,interval=1,burst=3\n");
     vt_test::WriteProductFile("/etc/zeb/pid/log_pkg", "gid=22,num=8,interval=2\n");
-    vt_test::WriteProductFile("/etc/zeb/pid/pid_pkg", "pid=50,pid_name=pkg,gid=22\n");
+    vt_test::WriteProductFile("/etc/zeb/pid/pid_pkg",
+                              "pid=50,pid_name=pkg,gid=22\npid=52,gid=24\n");
     vt_test::WriteProductFile("/etc/zeb/pid/unrelated", "gid=23,num=1,interval=1\n");
     vt_test::WriteProductFile("/startup_disk/conf/conf_local/gid_log_ratelimit.conf",
                               "gid=20,num=5,interval=1\n");
     vt_test::WriteProductFile("/startup_disk/conf/conf_local/pid_log_level.conf",
-                              "pid=50,level=2\npid=51 level=3\n");
+                              "pid=50,level=2\npid=51 level=3\npid=51 level=300\n");
     zeb_debug_module_init();
     EXPECT_EQ(CapturedSyslogTexts()[0],
               "read_gid_conf: /KELM/conf/gid_print_limit.conf read_gid_conf_line fail, "
@@ -128,27 +141,29 @@ TEST_F(DbglogTables, FilesLoadInOrderAndLocalLinesKeepBase) {
     EXPECT_EQ(s.num, 5u);
     EXPECT_EQ(s.baseNum, 1610612736u);
 
-    // The multiplier scales the base: 0x60000000 * 3 overflows.
+    // The multiplier scales the base: 0x60000000 * 3 overflows; group 24 has
+    // no base quota and stays unlimited.
     struct Row {
         uint32_t gid, multiple;
         int result;
-        uint32_t num;
+        uint32_t checked, num;  // the quota of group `checked` afterwards
         const char *message;
     };
     const Row rows[] = {
-        {20, 2, 0, 3221225472u, nullptr},
-        {20, 3, 0, 0xFFFFFFFFu,
+        {20, 2, 0, 20, 3221225472u, nullptr},
+        {20, 3, 0, 20, 0xFFFFFFFFu,
          "<4>The number of logs of gid=20 after you have increased is more than 4294967295, it "
          "will only be set to 4294967295 [LZEB_set_log_ratelimit].\n"},
-        {20, 0, -22, 0xFFFFFFFFu, "<3>The input param multiple is zero[LZEB_set_log_ratelimit].\n"},
-        {99, 2, -22, 0xFFFFFFFFu, "<3>LZEB_set_log_ratelimit: gid=99 is inval\n"},
+        {20, 0, -22, 20, 0xFFFFFFFFu,
+         "<3>The input param multiple is zero[LZEB_set_log_ratelimit].\n"},
+        {99, 2, -22, 20, 0xFFFFFFFFu, "<3>LZEB_set_log_ratelimit: gid=99 is inval\n"},
+        {24, 2, 0, 24, 0xFFFFFFFFu, nullptr},
     };
     for (const Row &row : rows) {
         vt_test::ClearSyslog();
-        EXPECT_EQ(LZEB_set_log_ratelimit(row.gid, row.multiple), row.result) << row.multiple;
-        EXPECT_EQ(s.num, row.num) << row.multiple;
-        EXPECT_EQ(CapturedSyslogTexts(), row.message ? Texts{row.message} : Texts{})
-            << row.multiple;
+        EXPECT_EQ(LZEB_set_log_ratelimit(row.gid, row.multiple), row.result) << row.gid;
+        EXPECT_EQ(search_gid_conf(row.checked)->state.num, row.num) << row.gid;
+        EXPECT_EQ(CapturedSyslogTexts(), row.message ? Texts{row.message} : Texts{}) << row.gid;
     }
 
     // Reset re-reads the system and package files, not the local override.
@@ -185,7 +200,7 @@ TEST_F(DbglogTables, GroupSettersAndSave) {
 }
 
 TEST_F(DbglogTables, ModuleNamesAndLevelSave) {
-    vt_test::InstallLoggingStandin(Root(), false);
+    Install();
     vt_test::WriteProductFile("/startup_disk/conf/conf_local/pid_log_level.conf",
                               "pid=60,level=2\n");
     zeb_debug_module_init();

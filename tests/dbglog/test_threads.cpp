@@ -1,4 +1,5 @@
-// Logging from several threads while another thread adds modules and groups.
+// Logging from several threads while another thread adds modules and groups,
+// and reading a module's name while another thread renames it.
 // Built with -DVT_TSAN=ON this is the data-race check of the tables.
 #include <stdio.h>
 
@@ -78,6 +79,27 @@ TEST(DbglogThreads, LoggingWhileTablesGrow) {
     }
     EXPECT_EQ(group2Records, 30);
     EXPECT_EQ(group2Reports, 1);
+}
+
+// Every name read while the module is renamed is one of its whole names.
+TEST(DbglogThreads, NamesReadWhileRenamed) {
+    vt_test::TempRoot root;
+    vt_test::InstallLoggingStandin(root.path(), false);
+    DBG_SetPidName(100, "a-even");
+    std::atomic<bool> done{false};
+    std::thread renamer([&done] {
+        for (int i = 0; i < 20000; ++i) {
+            DBG_SetPidName(100, i % 2 == 0 ? "a-odd" : "a-even");
+        }
+        done.store(true);
+    });
+    int torn = 0;
+    while (!done.load()) {
+        const std::string name = DBG_GetPidName(100);
+        torn += name != "a-even" && name != "a-odd";
+    }
+    renamer.join();
+    EXPECT_EQ(torn, 0);
 }
 
 }  // namespace

@@ -90,7 +90,7 @@ int StandinOpen(const char *path, int flags) {
         errno = ENOENT;
         return -1;
     }
-    return open(path, flags | O_CLOEXEC);
+    return open(path, flags);
 }
 
 int LevelRequest(State &s, unsigned long request, void *arg) {
@@ -228,6 +228,9 @@ void InstallLoggingStandin(const std::string &root, bool withKernelModule) {
         s.levelFile = Touch(root + "/proc/zeb/log_level");
         s.limitFile = Touch(root + "/proc/zeb/mod_ring_buffer");
     }
+    g_clockNs.store(1000 * kNsPerSecond);
+    g_clockFails.store(false);
+    g_gid.store(0);
     static ZebSys sys;
     sys = {s.roots.back()->c_str(), StandinOpen, StandinIoctl, StandinMonotonic, StandinGid};
     zeb_sys_install(&sys);

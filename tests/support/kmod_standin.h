@@ -3,8 +3,8 @@
 // InstallLoggingStandin puts every product path of the logging library under
 // a root directory, answers the kernel module's requests 801..806 from tables
 // held here (when the module is "present"), and replaces CLOCK_MONOTONIC and
-// the process group id with values the test controls. Install it before the
-// library's first call; the library initialises itself once per process.
+// the process group id with values the test controls. Each install makes the
+// library start afresh (zeb_sys_install), so tests can run in one process.
 #ifndef TESTS_SUPPORT_KMOD_STANDIN_H
 #define TESTS_SUPPORT_KMOD_STANDIN_H
 
