@@ -299,6 +299,12 @@ uint32_t InternalVerifyCms(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signe
     }
     uint32_t verified = 0;
     ret = DorvexPkcs7DetachedSignatureVerify(signerInfo, cert, &verified);
+    // A key the provider refuses (too short, odd exponent) says so itself.
+    if (ret == DORVEX_ERR_PUBKEY_TOO_SHORT || ret == DORVEX_ERR_PUBKEY_EXPONENT ||
+        ret == DORVEX_ERR_PUBKEY_TOO_LONG) {
+        DORVEX_LOG_ERR(ret, "Key of signer is refused.");
+        return ret;
+    }
     if (ret != DORVEX_OK || verified != 1) {
         DORVEX_LOG_ERR(DORVEX_ERR_SIGNATURE, "Signature over signed attributes does not verify.");
         return DORVEX_ERR_SIGNATURE;

@@ -135,6 +135,11 @@ tp::Credential EndEntity(const tp::Credential &key, const char *purpose,
     return tp::IssueCredential(plan);
 }
 
+// A committed test key, as a credential without a certificate yet.
+tp::Credential KeyOf(const char *name) {
+    return tp::Credential{{}, tp::LoadTestKey(name)};
+}
+
 // The package signed by another leaf (embedded in the leaf's place).
 tp::Package SignedBy(const tp::Credential &leaf, const char *genTime = "20260115120000Z") {
     return Signed([&](tp::SignSpec &p) {
@@ -239,6 +244,22 @@ Bytes ScopedCrl(bool onlyCa, bool ofRoot) {
         ofRoot);
 }
 const Bytes kLeafSerial = {0x10, 0x01};
+
+// The CA's CRL with `n` entries for other serials, and the leaf's among them
+// when asked (keyCompromise, before genTime).
+Bytes LongCaCrl(uint32_t n, bool withLeaf) {
+    tp::CrlSpec plan;
+    plan.issuer = Pki().ca;
+    plan.revoked.reserve(n + 1);
+    for (uint32_t i = 0; i < n; ++i) {
+        plan.revoked.push_back({tp::SerialFromU64(0x100000 + i), tp::Utc("250101000000Z"), {}});
+    }
+    if (withLeaf) {
+        plan.revoked.insert(plan.revoked.begin() + n / 2,
+                            {kLeafSerial, tp::Utc("250101000000Z"), 1});
+    }
+    return tp::MakeCrl(plan);
+}
 const Bytes kTsaSerial = {0x10, 0x02};
 constexpr int kKeyCompromise = 1;
 constexpr int kSuperseded = 4;
@@ -325,6 +346,14 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
              }));
          },
          DORVEX_ERR_CERT_USAGE, 0},
+        {"signer key of 2049 bits", [] { return SignedBy(EndEntity(KeyOf("rsa-2049"), "codeSigning")); },
+         DORVEX_OK},
+        {"signer key of 3072 bits", [] { return SignedBy(EndEntity(KeyOf("rsa-3072"), "codeSigning")); },
+         DORVEX_OK},
+        {"signer key of 8192 bits", [] { return SignedBy(EndEntity(KeyOf("rsa-8192"), "codeSigning")); },
+         DORVEX_OK},
+        {"signer key of 1024 bits", [] { return SignedBy(EndEntity(KeyOf("rsa-1024"), "codeSigning")); },
+         DORVEX_ERR_PUBKEY_TOO_SHORT, 0},
         {"signer: code signing listed second",
          [] {
              return SignedBy(EndEntity(Pki().leaf, "codeSigning", [](auto &s) {
@@ -461,6 +490,15 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
          DORVEX_ERR_NO_CRL, 0, Trust{.rootCrl = ScopedCrl(false, true)}},
         {"CA's CRL only for users", [] { return Fault(tp::Fault::None); }, DORVEX_OK, 1,
          Trust{ScopedCrl(false, false)}},
+        {"CA's CRL of 21 entries", [] { return Fault(tp::Fault::None); }, DORVEX_OK, 1,
+         Trust{LongCaCrl(21, false)}},
+        {"CA's CRL of 1,000 entries, the leaf's among them", [] { return Fault(tp::Fault::None); },
+         DORVEX_ERR_CERT_REVOKED, 0, Trust{LongCaCrl(1000, true)}},
+        {"CA's CRL of 100,000 entries", [] { return Fault(tp::Fault::None); }, DORVEX_OK, 1,
+         Trust{LongCaCrl(100000, false)}},
+        {"CA's CRL of 100,000 entries, the leaf's among them",
+         [] { return Fault(tp::Fault::None); }, DORVEX_ERR_CERT_REVOKED, 0,
+         Trust{LongCaCrl(100000, true)}},
         {"CA's only CRL is a delta CRL", [] { return Fault(tp::Fault::None); }, DORVEX_ERR_NO_CRL,
          0, Trust{CrlWith([](auto &c) {
              c.extraExtensions = {{"deltaCRL", true, tp::der::Integer(Bytes{0x01})}};

@@ -467,6 +467,11 @@ TEST(X509Time, Convert) {
         {kUtc, "250101000000+0100", false}, {kUtc, "2501010000Z", false},
         {kUtc, "20250101000000Z", false}, {kGen, "250101000000Z", false},
         {4, "250101000000Z", false}, {kUtc, "", false},
+        {kGen, "18500101000000Z", true}, {kGen, "00010101000000Z", true},
+        {kGen, "20000229120000Z", true}, {kGen, "21000229120000Z", false},
+        {kUtc, "251301000000Z", false}, {kUtc, "250230000000Z", false}, {kUtc, "250431000000Z", false},
+        {kUtc, "250101240000Z", false}, {kUtc, "250101006000Z", false}, {kUtc, "250101000060Z", false},
+        {kUtc, "25A101000000Z", false}, {kUtc, "2501010000001", false}, {kGen, "2025010100000 Z", false},
         // clang-format on
     };
     for (const auto &c : cases) {
@@ -486,6 +491,27 @@ TEST(X509Time, Convert) {
     }
     DorvexDatetime dt{};
     EXPECT_EQ(DorvexConvertFromTime(nullptr, &dt), DORVEX_ERR_PARAM);
+    // A timestamp's genTime may carry a fraction (RFC 3161 2.4.2), dropped.
+    const struct {
+        uint32_t tag;
+        std::string text;
+        uint32_t ret;
+    } genTimes[] = {
+        {kGen, "20250101000000.5Z", DORVEX_OK},    {kGen, "20250101000000.125Z", DORVEX_OK},
+        {kGen, "20250101000000Z", DORVEX_OK},      {kGen, "20250101000000.50Z", DORVEX_ERR_TIME_FORMAT},
+        {kGen, "20250101000000.Z", DORVEX_ERR_TIME_FORMAT}, {kUtc, "250101000000Z", DORVEX_ERR_TIME_FORMAT},
+    };
+    testing::internal::CaptureStdout();
+    for (const auto &g : genTimes) {
+        const DorvexAsnOcts t{static_cast<uint32_t>(g.text.size()), 0, 0, g.tag,
+                              reinterpret_cast<const uint8_t *>(g.text.data())};
+        DorvexDatetime got{};
+        EXPECT_EQ(DorvexConvertFromGenTime(&t, &got), g.ret) << g.text;
+        EXPECT_EQ(g.ret == DORVEX_OK ? DorvexMktime(&got) : 0,
+                  g.ret == DORVEX_OK ? 1735689600 : 0)
+            << g.text;
+    }
+    testing::internal::GetCapturedStdout();
 }
 
 }  // namespace
