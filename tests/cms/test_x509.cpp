@@ -497,9 +497,12 @@ TEST(X509Time, Convert) {
         std::string text;
         uint32_t ret;
     } genTimes[] = {
-        {kGen, "20250101000000.5Z", DORVEX_OK},    {kGen, "20250101000000.125Z", DORVEX_OK},
-        {kGen, "20250101000000Z", DORVEX_OK},      {kGen, "20250101000000.50Z", DORVEX_ERR_TIME_FORMAT},
-        {kGen, "20250101000000.Z", DORVEX_ERR_TIME_FORMAT}, {kUtc, "250101000000Z", DORVEX_ERR_TIME_FORMAT},
+        {kGen, "20250101000000.5Z", DORVEX_OK},
+        {kGen, "20250101000000.125Z", DORVEX_OK},
+        {kGen, "20250101000000Z", DORVEX_OK},
+        {kGen, "20250101000000.50Z", DORVEX_ERR_TIME_FORMAT},
+        {kGen, "20250101000000.Z", DORVEX_ERR_TIME_FORMAT},
+        {kUtc, "250101000000Z", DORVEX_ERR_TIME_FORMAT},
     };
     testing::internal::CaptureStdout();
     for (const auto &g : genTimes) {
@@ -507,8 +510,7 @@ TEST(X509Time, Convert) {
                               reinterpret_cast<const uint8_t *>(g.text.data())};
         DorvexDatetime got{};
         EXPECT_EQ(DorvexConvertFromGenTime(&t, &got), g.ret) << g.text;
-        EXPECT_EQ(g.ret == DORVEX_OK ? DorvexMktime(&got) : 0,
-                  g.ret == DORVEX_OK ? 1735689600 : 0)
+        EXPECT_EQ(g.ret == DORVEX_OK ? DorvexMktime(&got) : 0, g.ret == DORVEX_OK ? 1735689600 : 0)
             << g.text;
     }
     testing::internal::GetCapturedStdout();
