@@ -70,10 +70,17 @@ bool TryCrl(const uint8_t *data, uint32_t size, uint32_t *consumed) {
     UseTime(info.thisUpdate);
     UseTime(info.nextUpdate);
     const DorvexX509Revoked &revoked = info.revokedCertificates;
-    Check(revoked.count <= DRX_X509_CRL_MAX_REVOKED);
+    Check(revoked.count == 0 || (revoked.entries != nullptr && revoked.bySerial != nullptr));
     for (uint32_t i = 0; i < revoked.count; ++i) {
-        Check(Inside(revoked.entries[i].userCertificate, data, *consumed));
+        const DorvexAsnBigint &serial = revoked.entries[i].userCertificate;
+        Check(Inside(serial, data, *consumed));
         UseTime(revoked.entries[i].revocationDate);
+        // The index holds every entry, and the look-up finds each one.
+        Check(revoked.bySerial[i] < revoked.count);
+        uint32_t first = 0;
+        uint32_t count = 0;
+        DorvexX509CrlFindSerial(crl, &serial, &first, &count);
+        Check(count >= 1 && first + count <= revoked.count);
     }
     DorvexX509FreeCrl(crl);
     return true;
