@@ -217,7 +217,9 @@ uint32_t CheckPkgFiles(const char *cmsPath, const char *checksumPath, const char
     std::vector<PkgEntry> entries;
     PkgListError error;
     if ((ret = PkgParseList(list, &entries, &error)) != 0) {
-        if (error.earlierLine != 0) {
+        if (error.line == 0) {
+            TOOL_LOG(DBG_LEVEL_ERR, "Checksum file refused: %s.", error.what);
+        } else if (error.earlierLine != 0) {
             TOOL_LOG(DBG_LEVEL_ERR, "Checksum file line %u: %s (first on line %u).", error.line,
                      error.what, error.earlierLine);
         } else {

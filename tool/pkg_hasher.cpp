@@ -33,15 +33,20 @@ struct MdFree {
 };
 using MdPtr = std::unique_ptr<DorvexMdCtx, MdFree>;
 
-// What a failed openat means for a listed path.
-PkgProblem OpenProblem(int err, bool directory) {
+// What a failed openat of `name` below `at` means for a listed path.
+PkgProblem OpenProblem(int err, int at, const char *name, bool directory) {
+    struct stat st;
     switch (err) {
         case ELOOP:
             return {DORVEX_ERR_PKG_SYMLINK, "symbolic link in path", 0};
         case ENOENT:
             return {DORVEX_ERR_PKG_MISSING, "no such file", 0};
         case ENOTDIR:
-            // A component that should be a directory is something else.
+            // O_DIRECTORY reports a link to a directory as no directory:
+            // look at what is there, only to name the refusal.
+            if (fstatat(at, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode)) {
+                return {DORVEX_ERR_PKG_SYMLINK, "symbolic link in path", 0};
+            }
             return {DORVEX_ERR_PKG_MISSING, "not a directory on the way", 0};
         default:
             return {DORVEX_ERR_PKG_READ, directory ? "cannot open directory" : "cannot open", err};
@@ -57,18 +62,18 @@ PkgProblem OpenListed(int dirFd, const PkgEntry &entry, PkgFd *file) {
     PkgFd dir;
     int at = dirFd;
     for (size_t i = 0; i + 1 < entry.names.size(); ++i) {
-        const int fd =
-            openat(at, entry.names[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const char *name = entry.names[i].c_str();
+        const int fd = openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         if (fd < 0) {
-            return OpenProblem(errno, true);
+            return OpenProblem(errno, at, name, true);
         }
         dir.Reset(fd);
         at = fd;
     }
-    const int fd = openat(at, entry.names.back().c_str(),
-                          O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    const char *name = entry.names.back().c_str();
+    const int fd = openat(at, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
-        return OpenProblem(errno, false);
+        return OpenProblem(errno, at, name, false);
     }
     file->Reset(fd);
     struct stat st;

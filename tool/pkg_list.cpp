@@ -184,7 +184,7 @@ uint32_t PkgParseList(std::span<const uint8_t> text, std::vector<PkgEntry> *entr
         entries->push_back(std::move(entry));
     }
     if (entries->empty()) {
-        *error = {DORVEX_ERR_PKG_EMPTY_LIST, "the checksum file lists no file", 0, 0};
+        *error = {DORVEX_ERR_PKG_EMPTY_LIST, "it lists no file", 0, 0};
         return error->code;
     }
     uint32_t earlier = 0;
