@@ -55,7 +55,7 @@ uint32_t ReadRegular(int atFd, const char *name, uint32_t limit, Bytes *out) {
     }
     if (!S_ISREG(st.st_mode)) {
         TOOL_LOG(DBG_LEVEL_ERR, "File %s is not a regular file.", name);
-        return DORVEX_ERR_PKG_NOT_REGULAR;
+        return DORVEX_ERR_FILE_TYPE;
     }
     const auto tooLarge = [&] {
         TOOL_LOG(DBG_LEVEL_ERR, "File %s is larger than %u bytes.", name, limit);

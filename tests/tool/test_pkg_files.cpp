@@ -1,7 +1,8 @@
 // CHECK_PKG_FILES end to end: the sandboxed tool over package directories
 // made here, whose checksum files the demo hierarchy of the test-PKI
 // generator signs (the root this build trusts). Exit statuses are the low
-// byte of the result code: 0x21 not regular ... 0x29 digest mismatch.
+// byte of the result code: 0x21 not regular ... 0x29 digest mismatch, and
+// 0x03 (DORVEX_ERR_FILE_TYPE) for a checksum file that is no regular file.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
@@ -196,7 +197,7 @@ const FilesCase kCases[] = {
     // Opened without blocking: a FIFO named as the list is refused, not waited on.
     {"checksum_file_is_a_fifo",
      Base,
-     0x21,
+     0x03,
      {"File fifo is not a regular file."},
      [](const fs::path &pkg) {
          mkfifo((pkg / "fifo").c_str(), 0600);
