@@ -2,7 +2,8 @@
 //
 // Every library function returns an unsigned 32-bit code: 0 on success,
 // otherwise 0x88, a family byte, a group byte and a number byte. Families:
-//   0x00 resources and input data
+//   0x00 resources and input data (group 0x06: the package files of
+//        CHECK_PKG_FILES and the checksum file that lists them)
 //   0x10 caller errors
 //   0x20 verification (groups: 0x00 certificates and paths, 0x01 CRLs,
 //        0x02 signature sizes, 0x03 CMS structure and signatures, 0x04 timestamps)
@@ -27,6 +28,17 @@
 #define DORVEX_ERR_BASE64 0x88000302u
 #define DORVEX_WARN_ATTR_TOO_LONG 0x880004ffu
 #define DORVEX_ERR_LIST_FULL 0x88000501u
+/* Group 0x06 numbers from 0x21, so that their exit statuses (33 to 41) are
+ * shared with no other code and a script can tell the outcomes apart. */
+#define DORVEX_ERR_PKG_NOT_REGULAR 0x88000621u
+#define DORVEX_ERR_PKG_LINE 0x88000622u
+#define DORVEX_ERR_PKG_EMPTY_LIST 0x88000623u
+#define DORVEX_ERR_PKG_DUPLICATE 0x88000624u
+#define DORVEX_ERR_PKG_PATH 0x88000625u
+#define DORVEX_ERR_PKG_SYMLINK 0x88000626u
+#define DORVEX_ERR_PKG_MISSING 0x88000627u
+#define DORVEX_ERR_PKG_READ 0x88000628u
+#define DORVEX_ERR_PKG_DIGEST 0x88000629u
 
 /* Family 0x10: caller errors */
 #define DORVEX_ERR_NULL_CTX 0x88100000u

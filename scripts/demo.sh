@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The main job: builds verify_tool, makes a demo package signed under the demo
 # root that this build trusts (checksum file, detached CMS signature with an
-# RFC 3161 timestamp, CRL file) in examples/demo-package, and checks it.
+# RFC 3161 timestamp, CRL file, the payload it lists) in examples/demo-package,
+# and checks the checksum file and then every file it lists.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -52,6 +53,12 @@ check() {
 }
 
 check "$pkg/sha256sums"
+# The whole package: the checksum file, then every file it lists.
+echo
+echo "\$ build/tool/verify_tool -f CHECK_PKG_FILES -h $pkg/sha256sums.p7s -e $pkg/sha256sums -c $pkg/crls+ca.pem"
+build/tool/verify_tool -f CHECK_PKG_FILES -h "$pkg/sha256sums.p7s" -e "$pkg/sha256sums" \
+    -c "$pkg/crls+ca.pem"
+echo "exit status 0: every file $pkg/sha256sums lists is intact"
 if [[ ${1:-} == --tampered ]]; then
     check "$pkg/sha256sums.tampered" || true
 fi

@@ -195,6 +195,18 @@ seeds_fuzz_base64() {
     printf 'QUJDRA' >"$dir/partial"
 }
 
+# Checksum files: the demo package's, in CR LF, with SHA-512 lines, comments,
+# blanks and refused paths.
+seeds_fuzz_pkg_list() {
+    local dir=$1 h64 h128
+    h64=$(printf '%064d' 0)
+    h128=$(printf '%0128d' 0)
+    cp "$demo/sha256sums" "$dir/demo"
+    sed 's/$/\r/' "$demo/sha256sums" >"$dir/demo.crlf"
+    printf '# list\n\n%s *a/./b\n%s  c d\n' "$h64" "$h128" >"$dir/mixed"
+    printf '%s  ../x\n%s  /abs\n%s  a//b\n%s  a\n%s  ./a' "$h64" "$h64" "$h64" "$h64" "$h64" >"$dir/refused"
+}
+
 # ---- run ------------------------------------------------------------------
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1

@@ -62,14 +62,15 @@ scripts/valgrind.sh build
 
 build_and_test build-asan -DCMAKE_BUILD_TYPE=Debug -DVT_SANITIZE=ON
 
-# ThreadSanitizer: only the logging library shares state between threads.
+# ThreadSanitizer: the logging library shares state between threads, and
+# CHECK_PKG_FILES hashes files on several (a report fails the tool's run).
 log "configure build-tsan"
 rm -rf build-tsan
 cmake -S "$root" -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVT_TSAN=ON
 log "build build-tsan"
-cmake --build build-tsan -j "$jobs" --target dbglog_tests
+cmake --build build-tsan -j "$jobs" --target dbglog_tests tool_tests verify_tool_sandboxed
 log "test build-tsan"
-ctest --test-dir build-tsan --output-on-failure -j "$jobs" --timeout 600 -R '^Dbglog|^dbglog_tests\.Whole$'
+ctest --test-dir build-tsan --output-on-failure -j "$jobs" --timeout 600 -R '^Dbglog|^dbglog_tests\.Whole$|PkgFilesTest'
 
 log "fuzz"
 scripts/fuzz.sh 30

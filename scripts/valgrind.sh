@@ -3,9 +3,10 @@
 # end-to-end case of a generated demo package: the valid package (DER and
 # PEM signature), the tampered checksum file, every spoiled package
 # (faults/NAME), a missing -c, garbage signature, CRL and checksum files, a
-# missing file and an unknown operation. Each case must end with the
-# expected verdict (0 only for the valid package), zero memcheck errors and
-# no definitely or indirectly lost bytes. No suppression file: OpenSSL 3
+# missing file, CHECK_PKG_FILES on the package and on a copy with a changed
+# and a missing payload file, and an unknown operation. Each case must end
+# with the expected verdict (0 only for the valid package), zero memcheck
+# errors and no definitely or indirectly lost bytes. No suppression file: OpenSSL 3
 # frees its process-lifetime allocations at exit, so none is needed.
 #
 # The tool writes /dev/shm/dbglog.cfg as on the device, so the whole script
@@ -103,6 +104,13 @@ check garbage-checksums invalid "${op[@]}" -h "$demo/sha256sums.p7s" -e "$work/g
     -c "$demo/crls+ca.pem"
 check missing-signature invalid "${op[@]}" -h "$work/nope" -e "$demo/sha256sums" \
     -c "$demo/crls+ca.pem"
+files=(-f CHECK_PKG_FILES -h "$demo/sha256sums.p7s" -c "$demo/crls+ca.pem")
+check files-valid valid "${files[@]}" -e "$demo/sha256sums"
+mkdir "$work/changed"
+cp "$demo"/{sha256sums,kernel.img,rootfs.img,upgrade.sh} "$work/changed/"
+echo changed >>"$work/changed/kernel.img"
+rm "$work/changed/upgrade.sh"
+check files-changed-and-missing invalid "${files[@]}" -e "$work/changed/sha256sums"
 check unknown-operation invalid -f nope
 check no-arguments invalid
 

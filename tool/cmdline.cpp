@@ -14,6 +14,7 @@ VerifyParam g_verifyParam;
 
 const VerifyFuncRow g_verifyFuncTable[] = {
     {"CHECK_PKG_INTEGRITY", UPGRADE_CheckPkgIntegrity},
+    {"CHECK_PKG_FILES", UPGRADE_CheckPkgFiles},
 };
 const uint32_t g_verifyFuncCount = sizeof g_verifyFuncTable / sizeof g_verifyFuncTable[0];
 

@@ -47,6 +47,9 @@ int32_t UPGRADE_CmdExe(void);
 
 // Handler of "CHECK_PKG_INTEGRITY".
 int32_t UPGRADE_CheckPkgIntegrity(VerifyParam *param);
+// Handler of "CHECK_PKG_FILES": CHECK_PKG_INTEGRITY, then every file the
+// checksum file lists (tool/pkg_files.cpp).
+int32_t UPGRADE_CheckPkgFiles(VerifyParam *param);
 
 struct DorvexVrfCtx;
 

@@ -4,8 +4,10 @@
 // come from `openssl ts -reply` or from pkg_sign's own local TSA.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cerrno>
@@ -152,6 +154,19 @@ class PkgSignTest : public testing::Test {
         return P(name + ".pem");
     }
 
+    // pkg_sign manifest of dir_/pkg into `out`.
+    Outcome Manifest(const std::string &out = "out.p7s", const std::string &md = "sha256") {
+        return PkgSign({"manifest", "--dir", P("pkg"), "--out", P(out), "--md", md});
+    }
+    // A package folder whose names sort differently by bytes and by locale.
+    void MakePkg() {
+        fs::create_directories(dir_ / "pkg/data/z");
+        testpki::WriteFile(dir_ / "pkg/a b", std::string_view("1"));
+        testpki::WriteFile(dir_ / "pkg/B.txt", std::string_view("2"));
+        testpki::WriteFile(dir_ / "pkg/data/blob", std::string_view("blob"));
+        testpki::WriteFile(dir_ / "pkg/data/z/deep", std::string_view("deep"));
+    }
+
     fs::path dir_;
 };
 
@@ -288,6 +303,33 @@ const RefusalCase kRefusals[] = {
     {"reply_for_another_signature", AddForeignReply, "the time-stamp reply stamps something else"},
     {"reply_not_granted", AddRejection,
      "the time-stamp reply is not granted: status rejection, badAlg"},
+    {"manifest_with_a_link",
+     [](PkgSignTest &r) {
+         r.MakePkg();
+         fs::create_symlink("../sums", r.dir_ / "pkg/data/sums");
+         return r.Manifest();
+     },
+     "pkg/data/sums is a symbolic link; verify_tool follows no link"},
+    {"manifest_with_a_fifo",
+     [](PkgSignTest &r) {
+         r.MakePkg();
+         mkfifo(r.P("pkg/pipe").c_str(), 0600);
+         return r.Manifest();
+     },
+     "pkg/pipe is not a regular file"},
+    {"manifest_with_a_control_character",
+     [](PkgSignTest &r) {
+         r.MakePkg();
+         testpki::WriteFile(r.dir_ / "pkg/a\tb", std::string_view("x"));
+         return r.Manifest();
+     },
+     "a control character in the name"},
+    {"manifest_of_no_file",
+     [](PkgSignTest &r) {
+         fs::create_directories(r.dir_ / "pkg/empty");
+         return r.Manifest();
+     },
+     "holds no file to list"},
 };
 
 TEST_P(RefusalTest, ExitsOneWithItsMessageAndWritesNothing) {
@@ -300,6 +342,50 @@ TEST_P(RefusalTest, ExitsOneWithItsMessageAndWritesNothing) {
 
 INSTANTIATE_TEST_SUITE_P(PkgSign, RefusalTest, testing::ValuesIn(kRefusals),
                          [](const auto &info) { return std::string(info.param.name); });
+
+// ---- manifest -----------------------------------------------------------------
+
+std::string Sha512Line(const std::string &path, std::string_view content) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int len = 0;
+    EVP_Digest(content.data(), content.size(), digest, &len, EVP_sha512(), nullptr);
+    std::string line;
+    for (unsigned int i = 0; i < len; ++i) {
+        line += "0123456789abcdef"[digest[i] >> 4];
+        line += "0123456789abcdef"[digest[i] & 15];
+    }
+    return line + "  " + path + "\n";
+}
+
+// The list of a package folder, signed and stamped, passes CHECK_PKG_FILES
+// until a listed byte changes.
+TEST_F(PkgSignTest, ManifestSignedAndStampedPassesFileByFile) {
+    MakePkg();
+    ASSERT_EQ(Manifest("pkg/sha256sums", "sha512").status, 0);
+    const std::string list = ReadText(dir_ / "pkg/sha256sums");
+    EXPECT_EQ(list, Sha512Line("B.txt", "2") + Sha512Line("a b", "1") +
+                        Sha512Line("data/blob", "blob") + Sha512Line("data/z/deep", "deep"));
+    // Made again with the list now in the folder: it leaves itself out.
+    ASSERT_EQ(Manifest("pkg/sha256sums", "sha512").status, 0);
+    EXPECT_EQ(ReadText(dir_ / "pkg/sha256sums"), list);
+
+    ASSERT_EQ(PkgSign({"sign", "--key", Key("leaf-2048"), "--cert", P("leaf.pem"), "--chain",
+                       P("ca.pem"), "--in", P("pkg/sha256sums"), "--out", P("sig.der")})
+                  .status,
+              0);
+    ASSERT_EQ(LocalTsa({"--sig", P("sig.der")}, "sig.tsr").status, 0);
+    ASSERT_EQ(PkgSign({"add-timestamp", "--sig", P("sig.der"), "--tsr", P("sig.tsr"), "--out",
+                       P("pkg/sha256sums.p7s")})
+                  .status,
+              0);
+    const auto verify = [&] {
+        return vt_test::RunTool({"-f", "CHECK_PKG_FILES", "-h", P("pkg/sha256sums.p7s"), "-e",
+                                 P("pkg/sha256sums"), "-c", P("crls+ca.pem")});
+    };
+    EXPECT_EQ(verify().exitStatus, 0);
+    testpki::WriteFile(dir_ / "pkg/data/blob", std::string_view("blot"));
+    EXPECT_EQ(verify().exitStatus, 0x29);
+}
 
 // ---- command line -----------------------------------------------------------
 

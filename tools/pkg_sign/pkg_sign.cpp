@@ -4,6 +4,8 @@
 // built in memory and written only when every check has passed.
 #include "tools/pkg_sign/pkg_sign.h"
 
+#include "tools/pkg_sign/manifest.h"
+
 #include <openssl/asn1.h>
 #include <openssl/bio.h>
 #include <openssl/bn.h>
@@ -91,6 +93,7 @@ constexpr char kUsage[] =
     "       pkg_sign local-tsa --key KEY --cert CERT [--chain CA]... (--tsq QUERY | --sig SIG)\n"
     "                          --out REPLY [--time YYYYMMDDHHMMSSZ] [--md sha256|sha384|sha512]\n"
     "                          [--policy OID]\n"
+    "       pkg_sign manifest --dir DIR --out CHECKSUMS [--md sha256|sha384|sha512]\n"
     "       pkg_sign --help\n"
     "\n"
     "sign           makes the detached CMS signature of a checksum file (RSA, signed\n"
@@ -102,6 +105,10 @@ constexpr char kUsage[] =
     "               signature to ship.\n"
     "local-tsa      answers a query (or stamps a signature directly) with a local TSA\n"
     "               key, for test setups.\n"
+    "manifest       writes the checksum file of every regular file below DIR (sha256sum\n"
+    "               lines, paths relative to DIR, sorted), for verify_tool's\n"
+    "               CHECK_PKG_FILES; refuses links, special files and names it would\n"
+    "               refuse. CHECKSUMS itself is left out when it lies below DIR.\n"
     "\n"
     "Keys and certificates are read as PEM or DER; a --chain file may hold several\n"
     "certificates. --pem writes \"-----BEGIN CMS-----\" armour instead of DER.\n"
@@ -1038,6 +1045,19 @@ int LocalTsa(const Options &opts) {
     return PKG_SIGN_EXIT_OK;
 }
 
+constexpr OptionDef kManifestOptions[] = {
+    {"dir", true, false},
+    {"out", true, false},
+    {"md", true, false},
+};
+
+int Manifest(const Options &opts) {
+    const std::string out = opts.Required("out");
+    const EVP_MD *md = DigestByName(opts.Get("md", "sha256"));
+    WriteOutputs({{out, PkgSignManifest(opts.Required("dir"), out, md)}});
+    return PKG_SIGN_EXIT_OK;
+}
+
 struct Command {
     std::string_view name;
     std::span<const OptionDef> options;
@@ -1047,6 +1067,7 @@ constexpr Command kCommands[] = {
     {"sign", kSignOptions, Sign},
     {"add-timestamp", kAddTimestampOptions, AddTimestamp},
     {"local-tsa", kLocalTsaOptions, LocalTsa},
+    {"manifest", kManifestOptions, Manifest},
 };
 
 int Run(std::span<char *const> args) {

@@ -1,7 +1,8 @@
 // pkg_sign: the producer's side of a package signature. Signs a package's
 // checksum file with a detached CMS SignedData, writes the RFC 3161 query for
 // its signature value, embeds the time-stamping authority's token, and can act
-// as a local authority for test setups. It refuses, before a package ships,
+// as a local authority for test setups; `manifest` writes the checksum file
+// of a package folder for verify_tool's CHECK_PKG_FILES. It refuses, before a package ships,
 // every signature that verify_tool would refuse for its form: too many
 // certificates, a digest other than SHA-256/384/512, a key that is not RSA, a
 // signer without code signing, an authority without time stamping, a token

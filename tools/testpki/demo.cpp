@@ -249,15 +249,16 @@ std::vector<std::string> WriteDemoPki(const DemoPki &pki, const std::filesystem:
     return written;
 }
 
+// Stand-ins for a package's payload, listed by the demo checksum file.
+constexpr std::pair<std::string_view, std::string_view> kDemoPayload[] = {
+    {"kernel.img", "demo kernel image\n"},
+    {"rootfs.img", "demo root file system\n"},
+    {"upgrade.sh", "#!/bin/sh\necho demo upgrade\n"},
+};
+
 std::string DemoChecksums() {
-    // Stand-ins for a package's payload; only their digests are shipped.
-    const std::pair<std::string_view, std::string_view> files[] = {
-        {"kernel.img", "demo kernel image\n"},
-        {"rootfs.img", "demo root file system\n"},
-        {"upgrade.sh", "#!/bin/sh\necho demo upgrade\n"},
-    };
     std::string out;
-    for (const auto &[name, body] : files) {
+    for (const auto &[name, body] : kDemoPayload) {
         Bytes digest(EVP_MAX_MD_SIZE);
         unsigned int len = 0;
         if (EVP_Digest(body.data(), body.size(), digest.data(), &len, EVP_sha256(), nullptr) != 1) {
@@ -358,6 +359,10 @@ std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesys
     const std::string checksums = DemoChecksums();
     const Bytes content(checksums.begin(), checksums.end());
     const Package valid = MakePackage(pki, Fault::None, content);
+    for (const auto &[name, body] : kDemoPayload) {
+        write(std::string(name),
+              std::span(reinterpret_cast<const uint8_t *>(body.data()), body.size()));
+    }
     write("sha256sums", content);
     write("sha256sums.p7s", valid.signature);
     write("sha256sums.p7s.pem", Armoured(valid.signature, Armour::PemCms));

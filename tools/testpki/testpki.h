@@ -429,7 +429,8 @@ std::string_view FaultName(Fault fault);  // "none", "no-timestamp", ...
 Package MakePackage(const DemoPki &pki, Fault fault, std::span<const uint8_t> content);
 
 // Writes a complete demo package into outDir (created if missing): what
-// WriteDemoPki writes, "sha256sums" with its signature "sha256sums.p7s" (DER)
+// WriteDemoPki writes, the payload files "kernel.img", "rootfs.img" and
+// "upgrade.sh", "sha256sums" listing them with its signature "sha256sums.p7s" (DER)
 // and "sha256sums.p7s.pem" (CMS armour), "sha256sums.tampered" (one byte
 // changed), "crls+ca.pem" (root CRL, CA CRL and the CA certificate), and
 // "faults/NAME/sha256sums" with "faults/NAME/sha256sums.p7s" for every Fault
