@@ -97,6 +97,39 @@ TEST(PkiVerify, PathLengthAndLoops) {
     EXPECT_EQ(store.Verify(leaf), DORVEX_ERR_NO_ROOT);
 }
 
+// A chain of depth 8 whose certificates all name Root's CRL authority CRLA,
+// which signs one indirect CRL for every CA: CRLA's own path is judged once,
+// so the work stays linear in the depth (it used to grow exponentially).
+TEST(PkiVerify, DeepChainOfIndirectCrls) {
+    Store store;
+    const Credential &root = StandardRoot();
+    store.Add(root);
+    CertSpec crlaPlan = CaSpec("CRLA", root, "tsa-2048");
+    crlaPlan.serial = {0x30};
+    crlaPlan.basicConstraints.reset();
+    crlaPlan.keyUsage = testpki::KeyUsage::Of(testpki::ku::kCrlSign);
+    const Credential crla = testpki::IssueCredential(crlaPlan);
+    store.Add(crla);
+    store.AddCrl(Crl(root));
+    const testpki::RawExtension point = {"crlDistributionPoints", false,
+                                         testpki::CrlIssuerPoint(testpki::SubjectDer(crla.cert))};
+    Credential issuer = root;
+    DorvexX509Cert *last = nullptr;
+    for (int i = 1; i <= 8; ++i) {
+        CertSpec plan =
+            i == 8 ? LeafSpec("Leaf", issuer) : CaSpec("CA" + std::to_string(i), issuer);
+        plan.serial = {static_cast<uint8_t>(0x40 + i)};
+        if (i > 1) {
+            plan.extraExtensions = {point};
+        }
+        issuer = testpki::IssueCredential(plan);
+        last = store.Add(issuer);
+    }
+    store.AddCrl(Crl(crla, {}, testpki::Utc("491231235959Z"), true));
+    EXPECT_EQ(store.Verify(last), 0u);
+    EXPECT_LE(store.ctx.pki->work, 40u);
+}
+
 // Two CA certificates of one name and key: the first added that is trusted
 // issues; when it is revoked, the other one still does.
 TEST(PkiVerify, EveryIssuerIsTried) {
