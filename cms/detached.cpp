@@ -317,8 +317,6 @@ uint32_t InternalVerifyCms(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signe
     return ret;
 }
 
-constexpr size_t kContentReadBuffer = 64 * 1024;
-
 // InternalUpdateContent: the content file in pieces of
 // DORVEX_CONTENT_PIECE_SIZE bytes; an empty file passes nothing.
 uint32_t InternalUpdateContent(DorvexVrfCtx *ctx, const char *path) {
@@ -337,10 +335,9 @@ uint32_t InternalUpdateContent(DorvexVrfCtx *ctx, const char *path) {
         DORVEX_LOG_ERR(ret, "Can't open file '%s'.", path);
         return ret;
     }
-    // The pieces stay 4096 bytes; a larger stdio buffer only saves read calls
-    // (one per 4 KiB would cost a tenth of the throughput on large content),
-    // and memory stays constant. Without it stdio keeps its default buffer.
-    setvbuf(file.get(), nullptr, _IOFBF, kContentReadBuffer);
+    // A request at least as large as stdio's own buffer is read straight
+    // into the piece, one system call per piece: the piece size alone sets
+    // how often the kernel is entered, and memory stays constant.
     BufferPtr piece;
     ret = InternalAllocBuffer(DORVEX_CONTENT_PIECE_SIZE, &piece);
     if (ret != DORVEX_OK) {
