@@ -1,4 +1,5 @@
 // Command line parsing and opcode dispatch.
+#include <openssl/crypto.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -110,6 +111,14 @@ int32_t UPGRADE_ExitStatus(int32_t result) {
 }
 
 int32_t UPGRADE_MainExe(int argc, char *argv[]) {
+    // The verdict must not depend on a file outside the package: left to
+    // itself, OpenSSL reads its system configuration (openssl.cnf, or the
+    // file OPENSSL_CONF names) at the first digest, and that file can load or
+    // drop providers. This has to come before any other OpenSSL call.
+    if (OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) != 1) {
+        TOOL_LOG(DBG_LEVEL_ERR, "OpenSSL initialisation failed.");
+        return -1;
+    }
     int32_t ret = UPGRADE_CmdParse(argc, argv);
     if (ret != 0) {
         TOOL_LOG(DBG_LEVEL_ERR, "Upgrade Command parse fail!");
