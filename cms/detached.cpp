@@ -337,7 +337,11 @@ uint32_t InternalUpdateContent(DorvexVrfCtx *ctx, const char *path) {
     }
     // A request at least as large as stdio's own buffer is read straight
     // into the piece, one system call per piece: the piece size alone sets
-    // how often the kernel is entered, and memory stays constant.
+    // how often the kernel is entered, and memory stays constant. Reading
+    // and hashing stay on this thread: a reader thread filling a second
+    // piece could hide only the few per cent that reads cost at this size,
+    // and measured slower on two shared cores, much slower when the other
+    // core was busy.
     BufferPtr piece;
     ret = InternalAllocBuffer(DORVEX_CONTENT_PIECE_SIZE, &piece);
     if (ret != DORVEX_OK) {

@@ -77,9 +77,9 @@ const char *DorvexGetVersion(void);
 // content in pieces of any size; Final reports whether the content matches.
 
 // Pieces in which DorvexVerifyDetachSignatureQuick reads the content file:
-// one read call and one Update per piece, so the content costs one system
-// call per 64 KiB and the piece is the only buffer it needs.
-#define DORVEX_CONTENT_PIECE_SIZE 65536u
+// one read call and one Update per piece of 256 KiB, and the piece is the
+// only buffer the content needs.
+#define DORVEX_CONTENT_PIECE_SIZE 262144u
 
 // DorvexVerifyDetachSignatureBegin: decodes and checks the signature and adds
 // one pending verification per signer (signers that agree on algorithm and
