@@ -317,7 +317,17 @@ uint32_t InternalVerifyCms(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signe
     return ret;
 }
 
-// InternalUpdateContent: the content file in pieces of
+// InternalPieceSize: DORVEX_CONTENT_PIECE_SIZE, or less for a file known to
+// be smaller. The piece is zero-filled when it is allocated, so a small file
+// (the usual checksum file) would otherwise pay for touching 256 KiB. A file
+// that grows while it is read is still read whole, in pieces of this size.
+uint32_t InternalPieceSize(uint64_t fileSize) {
+    // 0 is also what an unknown size reads as: then the full piece.
+    return fileSize == 0 || fileSize > DORVEX_CONTENT_PIECE_SIZE ? DORVEX_CONTENT_PIECE_SIZE
+                                                                 : static_cast<uint32_t>(fileSize);
+}
+
+// InternalUpdateContent: the content file in pieces of at most
 // DORVEX_CONTENT_PIECE_SIZE bytes; an empty file passes nothing.
 uint32_t InternalUpdateContent(DorvexVrfCtx *ctx, const char *path) {
     if (path[0] == '\0') {
@@ -342,13 +352,14 @@ uint32_t InternalUpdateContent(DorvexVrfCtx *ctx, const char *path) {
     // piece could hide only the few per cent that reads cost at this size,
     // and measured slower on two shared cores, much slower when the other
     // core was busy.
+    const uint32_t pieceSize = InternalPieceSize(DorvexFileGetSize(file.get()));
     BufferPtr piece;
-    ret = InternalAllocBuffer(DORVEX_CONTENT_PIECE_SIZE, &piece);
+    ret = InternalAllocBuffer(pieceSize, &piece);
     if (ret != DORVEX_OK) {
         return ret;
     }
     uint32_t got = 0;
-    while ((got = DorvexFileRead(piece.get(), DORVEX_CONTENT_PIECE_SIZE, file.get())) > 0) {
+    while ((got = DorvexFileRead(piece.get(), pieceSize, file.get())) > 0) {
         ret = DorvexVerifyDetachSignatureUpdate(ctx, piece.get(), got);
         if (ret != DORVEX_OK) {
             return ret;

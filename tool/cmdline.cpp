@@ -114,8 +114,14 @@ int32_t UPGRADE_MainExe(int argc, char *argv[]) {
     // The verdict must not depend on a file outside the package: left to
     // itself, OpenSSL reads its system configuration (openssl.cnf, or the
     // file OPENSSL_CONF names) at the first digest, and that file can load or
-    // drop providers. This has to come before any other OpenSSL call.
-    if (OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) != 1) {
+    // drop providers. This has to come before any other OpenSSL call. The
+    // tool looks up no algorithm by name and prints no OpenSSL error text,
+    // so the name tables and error strings are not built either: a small
+    // check is mostly start-up.
+    constexpr uint64_t kOpensslInit =
+        OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ADD_ALL_CIPHERS |
+        OPENSSL_INIT_NO_ADD_ALL_DIGESTS | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS;
+    if (OPENSSL_init_crypto(kOpensslInit, nullptr) != 1) {
         TOOL_LOG(DBG_LEVEL_ERR, "OpenSSL initialisation failed.");
         return -1;
     }
