@@ -65,7 +65,9 @@ test "$status" -eq 255
 
 # The static program (-DVT_STATIC=ON, the device build's default), only its
 # own target: one more compile of the product libraries. It must need no
-# shared library, accept the demo package and refuse its tampered copy.
+# shared library, accept the demo package and a package five certificates
+# below the root (as bench/e2e.sh makes them), and refuse the
+# demo package's tampered copy.
 log "static verify_tool"
 rm -rf build-static
 cmake -S "$root" -B build-static -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVT_STATIC=ON \
@@ -76,15 +78,18 @@ if readelf -d build-static/tool/verify_tool | grep -q NEEDED; then
     exit 1
 fi
 demo=$(mktemp -d /tmp/vt-static.XXXXXX)
-build/tools/testpki/testpki demo-package "$demo" >/dev/null
+build/tools/testpki/testpki demo-package "$demo/demo" >/dev/null
+build/tools/testpki/testpki chain-package 5 "$demo/chain" >/dev/null
 static_check() {
-    private_shm build-static/tool/verify_tool -f CHECK_PKG_INTEGRITY -h "$demo/sha256sums.p7s" \
-        -c "$demo/crls+ca.pem" -e "$1" >/dev/null
+    private_shm build-static/tool/verify_tool -f CHECK_PKG_INTEGRITY -h "$1/sha256sums.p7s" \
+        -c "$1/crls+ca.pem" -e "$1/$2" >/dev/null
 }
-static_check "$demo/sha256sums"
+static_check "$demo/demo" sha256sums
 echo "static verify_tool: demo package valid"
+static_check "$demo/chain" sha256sums
+echo "static verify_tool: package of a chain of depth 5 valid"
 status=0
-static_check "$demo/sha256sums.tampered" || status=$?
+static_check "$demo/demo" sha256sums.tampered || status=$?
 echo "static verify_tool: tampered copy exits $status"
 test "$status" -eq 255
 rm -rf "$demo"
