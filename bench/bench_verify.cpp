@@ -1,7 +1,7 @@
 // Detached signature verification over content files of growing size: the
 // throughput of DorvexVerifyDetachSignatureQuick, and the peak resident
 // memory of a process that runs one verification (counter peak_rss_kb),
-// which should stay flat because content is streamed in 4096-byte pieces.
+// which should stay flat because content is streamed in 256 KiB pieces.
 // Prints figures; asserts nothing about time or memory.
 #include <sys/resource.h>
 #include <sys/wait.h>

@@ -75,4 +75,8 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
 elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE amd64)
 endif()
+# The package depends on the shared libcrypto; a static build is for devices.
+if(VT_STATIC)
+    set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/NoStaticPackage.cmake)
+endif()
 include(CPack)

@@ -28,3 +28,8 @@ set(CMAKE_CROSSCOMPILING_EMULATOR ${VT_QEMU_AARCH64} -L /)
 # FindOpenSSL takes its library directory from it.
 set(VT_CROSS_PKG_CONFIG_LIBDIR /usr/lib/${VT_CROSS_TRIPLE}/pkgconfig:/usr/share/pkgconfig)
 set(ENV{PKG_CONFIG_LIBDIR} ${VT_CROSS_PKG_CONFIG_LIBDIR})
+
+# The device build links verify_tool and crl_info statically (VT_STATIC; the
+# README says why). -DVT_STATIC=OFF on the command line wins, as a Debian
+# package of the cross build needs.
+set(VT_STATIC ON CACHE BOOL "Link verify_tool and crl_info statically")

@@ -78,8 +78,10 @@ const char *DorvexGetVersion(void);
 // leaves pending verifications in the context; Update feeds them the
 // content in pieces of any size; Final reports whether the content matches.
 
-// Pieces in which DorvexVerifyDetachSignatureQuick reads the content file.
-#define DORVEX_CONTENT_PIECE_SIZE 4096u
+// Pieces in which DorvexVerifyDetachSignatureQuick reads the content file:
+// one read call and one Update per piece of 256 KiB, and the piece is the
+// only buffer the content needs.
+#define DORVEX_CONTENT_PIECE_SIZE 262144u
 
 // DorvexVerifyDetachSignatureBegin: decodes and checks the signature and adds
 // one pending verification per signer (signers that agree on algorithm and

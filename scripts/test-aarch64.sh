@@ -46,6 +46,11 @@ cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-aarch64.cmake"
 log "build $dir"
 cmake --build "$dir" -j "$jobs"
+# The device build's default (VT_STATIC): a program that needs no shared library.
+if readelf -d "$dir/tool/verify_tool" | grep -q NEEDED; then
+    echo "verify_tool of the device build needs shared libraries" >&2
+    exit 1
+fi
 log "test $dir (under qemu-aarch64)"
 ctest --test-dir "$dir" --output-on-failure -j "$jobs" --timeout 900
 log "aarch64 build and tests passed in $((SECONDS - start)) s"

@@ -43,17 +43,56 @@ build_and_test build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 log "benchmarks (figures only)"
 BENCH_MIN_TIME=0.05 scripts/bench.sh build
 
-# The product binary itself: an unknown operation code exits 255. It writes
-# /dev/shm/dbglog.cfg as on the device, so it runs in a private mount
-# namespace with its own /dev/shm where the host allows one.
+# Runs a command as the product binary runs on the device, where it writes
+# /dev/shm/dbglog.cfg: in a private mount namespace with its own /dev/shm
+# where the host allows one.
+private_shm() {
+    if unshare --mount --propagation private true 2>/dev/null; then
+        # shellcheck disable=SC2016 # expanded by the inner shell
+        unshare --mount --propagation private sh -c 'mount -t tmpfs tmpfs /dev/shm && exec "$@"' sh "$@"
+    else
+        echo "no private mount namespace here: running on the host's /dev/shm" >&2
+        "$@"
+    fi
+}
+
+# The product binary itself: an unknown operation code exits 255.
 log "product binary smoke check"
-smoke='status=0; build/tool/verify_tool -f nope || status=$?; echo "verify_tool -f nope: exit $status"; test "$status" -eq 255'
-if unshare --mount --propagation private true 2>/dev/null; then
-    unshare --mount --propagation private sh -c "mount -t tmpfs tmpfs /dev/shm && $smoke"
-else
-    echo "no private mount namespace here: checking the exit status on the host's /dev/shm"
-    sh -c "$smoke"
+status=0
+private_shm build/tool/verify_tool -f nope || status=$?
+echo "verify_tool -f nope: exit $status"
+test "$status" -eq 255
+
+# The static program (-DVT_STATIC=ON, the device build's default), only its
+# own target: one more compile of the product libraries. It must need no
+# shared library, accept the demo package and a package five certificates
+# below the root (as bench/e2e.sh makes them), and refuse the
+# demo package's tampered copy.
+log "static verify_tool"
+rm -rf build-static
+cmake -S "$root" -B build-static -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVT_STATIC=ON \
+    -DVT_BUILD_TESTS=OFF
+cmake --build build-static -j "$jobs" --target verify_tool
+if readelf -d build-static/tool/verify_tool | grep -q NEEDED; then
+    echo "the static verify_tool needs shared libraries" >&2
+    exit 1
 fi
+demo=$(mktemp -d /tmp/vt-static.XXXXXX)
+build/tools/testpki/testpki demo-package "$demo/demo" >/dev/null
+build/tools/testpki/testpki chain-package 5 "$demo/chain" >/dev/null
+static_check() {
+    private_shm build-static/tool/verify_tool -f CHECK_PKG_INTEGRITY -h "$1/sha256sums.p7s" \
+        -c "$1/crls+ca.pem" -e "$1/$2" >/dev/null
+}
+static_check "$demo/demo" sha256sums
+echo "static verify_tool: demo package valid"
+static_check "$demo/chain" sha256sums
+echo "static verify_tool: package of a chain of depth 5 valid"
+status=0
+static_check "$demo/demo" sha256sums.tampered || status=$?
+echo "static verify_tool: tampered copy exits $status"
+test "$status" -eq 255
+rm -rf "$demo"
 
 # The product binary under memcheck on every end-to-end case of the demo
 # package: no memory error, nothing definitely or indirectly lost.

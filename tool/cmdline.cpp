@@ -1,4 +1,5 @@
 // Command line parsing and opcode dispatch.
+#include <openssl/crypto.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -111,6 +112,20 @@ int32_t UPGRADE_ExitStatus(int32_t result) {
 }
 
 int32_t UPGRADE_MainExe(int argc, char *argv[]) {
+    // The verdict must not depend on a file outside the package: left to
+    // itself, OpenSSL reads its system configuration (openssl.cnf, or the
+    // file OPENSSL_CONF names) at the first digest, and that file can load or
+    // drop providers. This has to come before any other OpenSSL call. The
+    // tool looks up no algorithm by name and prints no OpenSSL error text,
+    // so the name tables and error strings are not built either: a small
+    // check is mostly start-up.
+    constexpr uint64_t kOpensslInit =
+        OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ADD_ALL_CIPHERS |
+        OPENSSL_INIT_NO_ADD_ALL_DIGESTS | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS;
+    if (OPENSSL_init_crypto(kOpensslInit, nullptr) != 1) {
+        TOOL_LOG(DBG_LEVEL_ERR, "OpenSSL initialisation failed.");
+        return -1;
+    }
     int32_t ret = UPGRADE_CmdParse(argc, argv);
     if (ret != 0) {
         TOOL_LOG(DBG_LEVEL_ERR, "Upgrade Command parse fail!");

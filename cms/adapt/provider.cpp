@@ -10,6 +10,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <atomic>
 #include <memory>
 #include <type_traits>
 
@@ -68,6 +69,9 @@ using BnPtr = std::unique_ptr<BIGNUM, OpensslFree<BN_free>>;
 using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, OpensslFree<OSSL_PARAM_BLD_free>>;
 using ParamPtr = std::unique_ptr<OSSL_PARAM, OpensslFree<OSSL_PARAM_free>>;
 using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, OpensslFree<EVP_PKEY_CTX_free>>;
+
+// RSA checks carried out in this process; read only by benchmarks and tests.
+std::atomic<uint64_t> g_drxRsaVerifications{0};
 
 // InternalBuildRsaKey: an RSA public key (plain RSA, so PKCS #1 v1.5
 // padding applies, never PSS) from big-endian exponent and modulus bytes;
@@ -151,6 +155,10 @@ extern "C" const EVP_MD *DrxGetOpensslEvpmd(uint32_t hashAlgorithm) {
 }
 
 extern "C" void DrxOpensslUnint(void) {}
+
+extern "C" uint64_t DrxBenchRsaVerifyCount(void) {
+    return g_drxRsaVerifications.load(std::memory_order_relaxed);
+}
 
 // ---- Digest context --------------------------------------------------------
 
@@ -341,6 +349,7 @@ extern "C" uint32_t DorvexCryptoVerifyFinal(DorvexCryptoVerifyCtx *ctx, const ui
         rc = EVP_VerifyFinal_ex(ctx->mdCtx, padded, modulusLength, ctx->pkey, nullptr, nullptr);
         DorvexFree(block);
     }
+    g_drxRsaVerifications.fetch_add(1, std::memory_order_relaxed);
     // A bad signature and an OpenSSL error are the same verdict; leave no
     // stale errors behind for the next OpenSSL user in this thread.
     *valid = rc == 1 ? 1u : 0u;

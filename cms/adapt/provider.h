@@ -106,6 +106,14 @@ const struct evp_md_st *DrxGetOpensslEvpmd(uint32_t hashAlgorithm);
 // set-up or teardown from us, so it does nothing.
 void DrxOpensslUnint(void);
 
+// ---- For benchmarks and tests only -------------------------------------------
+
+// DrxBenchRsaVerifyCount: how many RSA signature checks DorvexCryptoVerifyFinal
+// has carried out in this process so far (good and bad signatures alike;
+// refused calls do not count), so a benchmark can print what one package
+// check costs. Nothing in the library reads it.
+uint64_t DrxBenchRsaVerifyCount(void);
+
 #ifdef __cplusplus
 }
 #endif

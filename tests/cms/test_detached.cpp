@@ -107,6 +107,16 @@ tp::Package Signed(const std::function<void(tp::SignSpec &)> &change = {},
     return {content, tp::MakeSignedData(plan, content)};
 }
 
+// Content over two read pieces of Quick and a part of a third, no two
+// pieces alike, so a piece dropped, repeated or cut short breaks the match.
+Bytes Pieces() {
+    Bytes content(2 * DORVEX_CONTENT_PIECE_SIZE + 100);
+    for (size_t i = 0; i < content.size(); ++i) {
+        content[i] = static_cast<uint8_t>(i * 31 + (i >> 12));
+    }
+    return content;
+}
+
 tp::Package Fault(tp::Fault fault) {
     return tp::MakePackage(Pki(), fault, Checksums());
 }
@@ -286,6 +296,8 @@ struct Row {
 TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
     const Row rows[] = {
         {"valid DER", [] { return Fault(tp::Fault::None); }, DORVEX_OK},
+        {"content of several read pieces",
+         [] { return tp::MakePackage(Pki(), tp::Fault::None, Pieces()); }, DORVEX_OK},
         {"PEM CMS armour", [] { return Armoured(tp::Armour::PemCms); }, DORVEX_OK},
         {"PEM PKCS7 armour", [] { return Armoured(tp::Armour::PemPkcs7); }, DORVEX_OK},
         {"SHA-384", [] { return Signed([](auto &p) { p.digest = tp::Digest::Sha384; }); },

@@ -154,6 +154,7 @@ int Verify(const PublicKey &key, uint32_t aoid, const Bytes &message, const Byte
     DorvexCryptoVerifyCtx *ctx = nullptr;
     const auto half = static_cast<uint32_t>(message.size() / 2);
     uint32_t valid = 7;
+    const uint64_t checksBefore = DrxBenchRsaVerifyCount();
     const bool ok =
         DorvexCryptoVerifyCreateCtx(&ctx) == DORVEX_OK &&
         DorvexCryptoVerifyInit(ctx, &key.exponent, &key.modulus, aoid) == DORVEX_OK &&
@@ -163,6 +164,7 @@ int Verify(const PublicKey &key, uint32_t aoid, const Bytes &message, const Byte
         DorvexCryptoVerifyFinal(ctx, sig.data(), static_cast<uint32_t>(sig.size()), &valid) ==
             DORVEX_OK;
     DorvexCryptoVerifyDestroyCtx(ctx);
+    EXPECT_EQ(DrxBenchRsaVerifyCount() - checksBefore, ok ? 1u : 0u);
     EXPECT_EQ(valid, ok ? valid % 2 : 7u);
     return ok ? static_cast<int>(valid) : -1;
 }

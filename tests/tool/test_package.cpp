@@ -67,6 +67,7 @@ struct Inputs {
     bool withCrlOption = true;
     std::string fifo;         // the file ("sha256sums", ...) that is a FIFO instead
     std::string contentPath;  // -e, when not the written checksum file
+    std::string opensslConf;  // an OpenSSL configuration that OPENSSL_CONF names
 };
 
 Inputs Package(testpki::Fault fault) {
@@ -236,6 +237,16 @@ const PackageCase kCases[] = {
          return in;
      },
      0, "CheckSum file is valid.", nullptr},
+    {"openssl_configuration_not_read",
+     [] {
+         // Read, it would leave OpenSSL with no digest at all.
+         auto in = Package(Fault::None);
+         in.opensslConf =
+             "openssl_conf = init\n[init]\nproviders = providers\n"
+             "[providers]\nnull = null\n[null]\nactivate = 1\n";
+         return in;
+     },
+     0, "CheckSum file is valid.", nullptr},
     {"garbage_signature", [] { return Package(Fault::Garbage); }, 8,
      "Verify signature error, code 88200308.", "(err:88200308)"},
     {"signature_of_37_bytes",
@@ -315,7 +326,12 @@ TEST_P(PackageTest, ExitStatusAndMessages) {
     if (in.withCrlOption) {
         args.insert(args.end(), {"-c", (dir / "crls.pem").string()});
     }
-    const vt_test::ToolRun run = vt_test::RunTool(args);
+    std::vector<std::string> env;
+    if (!in.opensslConf.empty()) {
+        testpki::WriteFile(dir / "openssl.cnf", in.opensslConf);
+        env.push_back("OPENSSL_CONF=" + (dir / "openssl.cnf").string());
+    }
+    const vt_test::ToolRun run = vt_test::RunTool(args, env);
     fs::remove_all(dir);
 
     EXPECT_EQ(run.exitStatus, c.exitStatus) << run.stdoutText;

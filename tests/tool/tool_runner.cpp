@@ -55,7 +55,7 @@ void ParseSyslog(const std::string &text, ToolRun *run) {
 
 }  // namespace
 
-ToolRun RunTool(const std::vector<std::string> &args) {
+ToolRun RunTool(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv) {
     ToolRun run;
     char pattern[] = "/tmp/vt_tool_XXXXXX";
     const char *dir = mkdtemp(pattern);
@@ -69,6 +69,7 @@ ToolRun RunTool(const std::vector<std::string> &args) {
 
     std::vector<std::string> env = {"VT_TEST_ROOT=" + (root / "sys").string(),
                                     "VT_SYSLOG_FILE=" + syslogFile};
+    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
     std::vector<char *> envp;
     for (auto &e : env) {
         envp.push_back(e.data());

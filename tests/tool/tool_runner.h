@@ -27,8 +27,9 @@ struct ToolRun {
     std::vector<std::string> unparsed;  // syslog lines that are not records
 };
 
-// Runs the tool with `args` (argv[1..]) in a fresh temporary root.
-ToolRun RunTool(const std::vector<std::string> &args);
+// Runs the tool with `args` (argv[1..]) in a fresh temporary root; `env`
+// ("NAME=value") is added to the little environment it gets.
+ToolRun RunTool(const std::vector<std::string> &args, const std::vector<std::string> &env = {});
 
 }  // namespace vt_test
 

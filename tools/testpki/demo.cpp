@@ -417,4 +417,57 @@ std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
     return written;
 }
 
+std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
+                                           const std::filesystem::path &keyDir) {
+    if (depth < 1 || depth > kMaxChainDepth) {
+        throw Error("chain depth " + std::to_string(depth) + " is not within 1.." +
+                    std::to_string(kMaxChainDepth));
+    }
+    const Credential root = MakeDemoRoot(keyDir);
+    Credential issuer = root;
+    std::vector<PemBlock> crlFile;
+    std::vector<PemBlock> caCerts;
+    for (int level = 1;; ++level) {
+        CrlSpec crl;
+        crl.issuer = issuer;
+        crlFile.push_back({std::string(kPemCrl), MakeCrl(crl)});
+        if (level == depth) {
+            break;
+        }
+        // The first CA has the demo CA's key; keys of deeper ones are made
+        // on the spot, so no two certificates of the path share one.
+        CertSpec ca =
+            CaSpec(level == 1 ? LoadTestKey("ca-2048", keyDir) : Key::GenerateRsa(2048),
+                   "Test CA " + std::to_string(level), {0x02, static_cast<uint8_t>(level)});
+        ca.issuer = issuer;
+        ca.authorityKeyId = true;
+        issuer = IssueCredential(ca);
+        caCerts.push_back({std::string(kPemCertificate), issuer.cert.Der()});
+    }
+    DemoPki pki;
+    pki.root = root;
+    pki.ca = issuer;
+    pki.leaf = IssueCredential(EndEntitySpec(issuer, LoadTestKey("leaf-2048", keyDir),
+                                             "Test Code Signing", {0x10, 0x01}, "codeSigning"));
+    pki.tsa = IssueCredential(EndEntitySpec(issuer, LoadTestKey("tsa-2048", keyDir),
+                                            "Test Time Stamping", {0x10, 0x02}, "timeStamping"));
+    SignSpec plan = DemoSignSpec(pki);
+    if (depth == 1) {
+        plan.certs = {pki.leaf.cert};  // the root is never taken from a signature
+    }
+    const std::string checksums = DemoChecksums();
+    const Bytes content(checksums.begin(), checksums.end());
+    crlFile.insert(crlFile.end(), caCerts.begin(), caCerts.end());
+
+    std::error_code ec;
+    std::filesystem::create_directories(outDir, ec);
+    if (ec) {
+        throw Error("cannot create " + outDir.string() + ": " + ec.message());
+    }
+    WriteFile(outDir / "sha256sums", content);
+    WriteFile(outDir / "sha256sums.p7s", MakeSignedData(plan, content));
+    WriteFile(outDir / "crls+ca.pem", PemBundle(crlFile));
+    return {"sha256sums", "sha256sums.p7s", "crls+ca.pem"};
+}
+
 }  // namespace testpki

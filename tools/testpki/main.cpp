@@ -1,6 +1,7 @@
 // testpki: command-line front of the test-PKI generator for scripts.
 #include "tools/testpki/testpki.h"
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -13,6 +14,7 @@ constexpr const char kUsage[] =
     "       testpki demo-package [--keys DIR] OUTDIR\n"
     "       testpki demo-root [--keys DIR] OUT.der\n"
     "       testpki sign-demo [--keys DIR] CONTENT OUTDIR\n"
+    "       testpki chain-package [--keys DIR] DEPTH OUTDIR\n"
     "       testpki --help\n"
     "\n"
     "demo-pki      writes a small valid hierarchy made from the committed test keys:\n"
@@ -33,6 +35,11 @@ constexpr const char kUsage[] =
     "              same checks with the openssl command line root.pem, ca.pem,\n"
     "              tsa.pem, the bare timestamp token token.der and the signer's\n"
     "              signature value sigvalue.bin, which the token's imprint covers.\n"
+    "chain-package a valid package whose signer and TSA sit DEPTH (1..12)\n"
+    "              certificates below the demo root: root -> DEPTH-1 CAs ->\n"
+    "              leaf and tsa; sha256sums, sha256sums.p7s and crls+ca.pem\n"
+    "              (a CRL of the root and of every CA, and every CA certificate).\n"
+    "              DEPTH 2 has the shape of demo-package.\n"
     "--keys        folder of the test keys (default: the source tree's tests/keys).\n"
     "\n"
     "Test material only: the keys are public.\n";
@@ -48,6 +55,18 @@ int Run(const std::string &command, const std::filesystem::path &keyDir,
     if (command == "demo-root") {
         testpki::WriteFile(out, testpki::MakeDemoRoot(keyDir).cert.Der());
         std::printf("%s\n", out.c_str());
+        return 0;
+    }
+    if (command == "chain-package") {
+        const std::string text = args.front().string();
+        int depth = 0;
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), depth);
+        if (error != std::errc() || end != text.data() + text.size()) {
+            throw testpki::Error("DEPTH must be a number, not " + text);
+        }
+        for (const std::string &file : testpki::WriteChainPackage(depth, out, keyDir)) {
+            std::printf("%s\n", (out / file).c_str());
+        }
         return 0;
     }
     testpki::DemoPki pki = testpki::MakeDemoPki(keyDir);
@@ -77,7 +96,7 @@ int main(int argc, char **argv) {
     }
     const std::string command = argv[1];
     size_t wanted = 1;
-    if (command == "sign-demo") {
+    if (command == "sign-demo" || command == "chain-package") {
         wanted = 2;
     } else if (command != "demo-pki" && command != "demo-package" && command != "demo-root") {
         return Usage();

@@ -448,4 +448,20 @@ std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
                                             const std::filesystem::path &content,
                                             const std::filesystem::path &outDir);
 
+// ---- chains of any depth ----------------------------------------------------
+
+// Most certificates below the root that WriteChainPackage puts on a path: a
+// CRL file takes at most 11 CA certificates.
+inline constexpr int kMaxChainDepth = 12;
+
+// Writes a valid package whose signer and time-stamping authority each sit
+// `depth` certificates below the demo root (1..kMaxChainDepth): root ->
+// depth-1 intermediate CAs -> code-signing leaf and TSA, signed and stamped
+// as the demo package is, into outDir (created if missing): "sha256sums",
+// "sha256sums.p7s" (leaf and last CA embedded) and "crls+ca.pem" (an empty
+// CRL of the root and of every CA, then every CA certificate). Depth 2 has
+// the shape of the demo package. Returns the file names, relative to outDir.
+std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
+                                           const std::filesystem::path &keyDir = DefaultKeyDir());
+
 }  // namespace testpki

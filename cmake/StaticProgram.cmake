@@ -1,0 +1,28 @@
+# vt_static_program(<target>): with VT_STATIC, links the program without any
+# shared library: libcrypto.a (chosen by OPENSSL_USE_STATIC_LIBS), the C++
+# runtime and glibc. As a static PIE where the toolchain can make one, so the
+# program keeps address-space randomisation; plain -static otherwise.
+#
+# The linker warns that libcrypto's dlopen and getaddrinfo would need the
+# shared glibc at run time; neither is reached: the tool loads no provider
+# modules and opens no sockets.
+include(CheckCXXSourceCompiles)
+
+if(VT_STATIC)
+    set(CMAKE_REQUIRED_LINK_OPTIONS -static-pie)
+    check_cxx_source_compiles("int main() { return 0; }" VT_HAVE_STATIC_PIE)
+    unset(CMAKE_REQUIRED_LINK_OPTIONS)
+    if(VT_HAVE_STATIC_PIE)
+        set(VT_STATIC_LINK_OPTIONS -static-pie)
+        # Every object of ours must then be position-independent.
+        set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+    else()
+        set(VT_STATIC_LINK_OPTIONS -static)
+    endif()
+endif()
+
+function(vt_static_program target)
+    if(VT_STATIC)
+        target_link_options(${target} PRIVATE ${VT_STATIC_LINK_OPTIONS})
+    endif()
+endfunction()
