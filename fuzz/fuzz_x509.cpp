@@ -7,6 +7,8 @@
 #include <stdint.h>
 #include <stdlib.h>
 
+#include <vector>
+
 #include "cms/asn1/x509.h"
 
 namespace {
@@ -70,10 +72,16 @@ bool TryCrl(const uint8_t *data, uint32_t size, uint32_t *consumed) {
     UseTime(info.thisUpdate);
     UseTime(info.nextUpdate);
     const DorvexX509Revoked &revoked = info.revokedCertificates;
-    Check(revoked.count <= DRX_X509_CRL_MAX_REVOKED);
+    // Any number of entries, each at least one element of the captured list,
+    // and the serial index holds each of them once.
+    Check(revoked.count <= revoked.raw.len / 2);
+    std::vector<bool> indexed(revoked.count);
     for (uint32_t i = 0; i < revoked.count; ++i) {
         Check(Inside(revoked.entries[i].userCertificate, data, *consumed));
         UseTime(revoked.entries[i].revocationDate);
+        const uint32_t at = revoked.bySerial[i];
+        Check(at < revoked.count && !indexed[at]);
+        indexed[at] = true;
     }
     DorvexX509FreeCrl(crl);
     return true;
