@@ -13,6 +13,7 @@ constexpr const char kUsage[] =
     "       testpki demo-package [--keys DIR] OUTDIR\n"
     "       testpki demo-root [--keys DIR] OUT.der\n"
     "       testpki sign-demo [--keys DIR] CONTENT OUTDIR\n"
+    "       testpki path-pool [--keys DIR] OUTDIR\n"
     "       testpki --help\n"
     "\n"
     "demo-pki      writes a small valid hierarchy made from the committed test keys:\n"
@@ -32,6 +33,8 @@ constexpr const char kUsage[] =
     "              same checks with the openssl command line root.pem, ca.pem,\n"
     "              tsa.pem, the bare timestamp token token.der and the signer's\n"
     "              signature value sigvalue.bin, which the token's imprint covers.\n"
+    "path-pool     writes the certificates and CRLs of the differential path\n"
+    "              target as NAME.der (cert-NN-*, crl-SV-*; S the CRL's signer).\n"
     "--keys        folder of the test keys (default: the source tree's tests/keys).\n"
     "\n"
     "Test material only: the keys are public.\n";
@@ -47,6 +50,14 @@ int Run(const std::string &command, const std::filesystem::path &keyDir,
     if (command == "demo-root") {
         testpki::WriteFile(out, testpki::MakeDemoRoot(keyDir).cert.Der());
         std::printf("%s\n", out.c_str());
+        return 0;
+    }
+    if (command == "path-pool") {
+        std::filesystem::create_directories(out);
+        for (const testpki::PoolItem &item : testpki::MakePathPool(keyDir)) {
+            testpki::WriteFile(out / (item.name + ".der"), item.der);
+            std::printf("%s\n", (out / (item.name + ".der")).c_str());
+        }
         return 0;
     }
     testpki::DemoPki pki = testpki::MakeDemoPki(keyDir);
@@ -78,7 +89,8 @@ int main(int argc, char **argv) {
     size_t wanted = 1;
     if (command == "sign-demo") {
         wanted = 2;
-    } else if (command != "demo-pki" && command != "demo-package" && command != "demo-root") {
+    } else if (command != "demo-pki" && command != "demo-package" && command != "demo-root" &&
+               command != "path-pool") {
         return Usage();
     }
     std::filesystem::path keyDir = testpki::DefaultKeyDir();
