@@ -6,9 +6,10 @@
 // only its signed attributes, so a token derived from the real one still
 // gets past the imprint into the authority's path, attribute and signature
 // checks. Besides the sanitizers, checks that the store stays within its
-// capacity and that Final leaves nothing pending. A changed token may still
-// verify (a token without signer info is taken on its imprint alone), so
-// the verdict itself is not checked.
+// capacity, that Final leaves nothing pending, and that an accepted token
+// signs exactly what the demo token signs (the oracle of signed_parts.h):
+// a token accepted with another TSTInfo, other signed attributes or another
+// authority certificate is a wrong verdict.
 //
 // Reads root.der, crls+ca.pem, sha256sums and sha256sums.p7s from the folder
 // named by VT_FUZZ_VERIFY_DIR (scripts/fuzz.sh writes it with testpki).
@@ -26,6 +27,7 @@
 #include "cms/asn1/pkcs7.h"
 #include "cms/dorvex.h"
 #include "cms/pki/pki.h"
+#include "fuzz/signed_parts.h"
 
 namespace {
 
@@ -37,6 +39,7 @@ Bytes g_content;
 Bytes g_signature;
 size_t g_tokenStart = 0;
 size_t g_tokenEnd = 0;
+std::vector<Bytes> g_seedParts;
 
 void Check(bool ok) {
     if (!ok) {
@@ -158,8 +161,9 @@ void FindToken() {
     }
 }
 
-// Begin, Update, Final; the verdict, or 0 when any step fails.
-uint32_t Verify(const Bytes &signature) {
+// Begin, Update, Final; the verdict, or 0 when any step fails. For an
+// accepted signature, *parts are its signed bytes.
+uint32_t Verify(const Bytes &signature, std::vector<Bytes> *parts) {
     DorvexCtxCreateParams params{};
     params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
     DorvexVrfCtx *ctx = nullptr;
@@ -180,8 +184,14 @@ uint32_t Verify(const Bytes &signature) {
     Check(ctx->processes.count == 0);
     Check(ctx->pki->certs.count >= 0 && ctx->pki->certs.count <= DORVEX_LIST_CAPACITY);
     Check(ctx->rawBuffers.count >= 0 && ctx->rawBuffers.count <= DORVEX_LIST_CAPACITY);
+    const uint32_t verdict = ret == DORVEX_OK && finalRet == DORVEX_OK ? result : 0;
+    if (verdict == 1 &&
+        !fuzz_oracle::SignedParts(ctx, signature.data(), signature.size(), *parts)) {
+        fprintf(stderr, "fuzz_timestamp: accepted, but its signers cannot be read back\n");
+        abort();
+    }
     Check(DorvexVrfCtxFree(ctx) == DORVEX_OK);
-    return ret == DORVEX_OK && finalRet == DORVEX_OK ? result : 0;
+    return verdict;
 }
 
 }  // namespace
@@ -198,7 +208,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     g_content = ReadOrDie(base + "/sha256sums");
     g_signature = ReadOrDie(base + "/sha256sums.p7s");
     FindToken();
-    if (Verify(g_signature) != 1) {
+    if (Verify(g_signature, &g_seedParts) != 1) {
         Die("the demo package does not verify");
     }
     return 0;
@@ -212,6 +222,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::span<const uint8_t> token(data, size);
     Bytes signature;
     Splice(g_signature, 0, g_tokenStart, g_tokenEnd, token, signature);
-    (void)Verify(signature);
+    std::vector<Bytes> parts;
+    if (Verify(signature, &parts) == 1 && parts != g_seedParts) {
+        fprintf(stderr, "fuzz_timestamp: accepted although its signed bytes are not the seed's\n");
+        abort();
+    }
     return 0;
 }

@@ -7,6 +7,8 @@
 #include <stdint.h>
 #include <stdlib.h>
 
+#include <vector>
+
 #include "cms/asn1/x509.h"
 
 namespace {
@@ -70,13 +72,19 @@ bool TryCrl(const uint8_t *data, uint32_t size, uint32_t *consumed) {
     UseTime(info.thisUpdate);
     UseTime(info.nextUpdate);
     const DorvexX509Revoked &revoked = info.revokedCertificates;
+    // Any number of entries, each at least one element of the captured list,
+    // and the serial index holds each of them once.
     Check(revoked.count == 0 || (revoked.entries != nullptr && revoked.bySerial != nullptr));
+    Check(revoked.count <= revoked.raw.len / 2);
+    std::vector<bool> indexed(revoked.count);
     for (uint32_t i = 0; i < revoked.count; ++i) {
         const DorvexAsnBigint &serial = revoked.entries[i].userCertificate;
         Check(Inside(serial, data, *consumed));
         UseTime(revoked.entries[i].revocationDate);
-        // The index holds every entry, and the look-up finds each one.
-        Check(revoked.bySerial[i] < revoked.count);
+        const uint32_t at = revoked.bySerial[i];
+        Check(at < revoked.count && !indexed[at]);
+        indexed[at] = true;
+        // The look-up finds every entry by its serial.
         uint32_t first = 0;
         uint32_t count = 0;
         DorvexX509CrlFindSerial(crl, &serial, &first, &count);

@@ -106,6 +106,9 @@ cmake --build "$gen" --target testpki_cli -j "$jobs" >/dev/null
 "$gen/tools/testpki/testpki" demo-package "$material/demo" >/dev/null
 export VT_FUZZ_VERIFY_DIR=$material/demo
 demo=$material/demo
+# The certificates and CRLs the differential path target chooses from.
+"$gen/tools/testpki/testpki" path-pool "$material/path-pool" >/dev/null
+export VT_FUZZ_PATH_POOL=$material/path-pool
 
 # Every DER item of the demo package joins the pool: its certificates, CRLs,
 # the valid signature and every spoiled one.
@@ -158,6 +161,23 @@ seeds_fuzz_diff_x509() {
     local dir=$1
     cp "$material/pool/cert.der" "$material/pool/crl.der" "$dir/"
     cp "$demo"/{root,ca,leaf,tsa,root-crl,ca-crl}.der "$dir/"
+}
+
+# Choices of the path target (see fuzz/fuzz_diff_path.cpp): every pool
+# certificate in the store, each one verified, with every CRL slot's first
+# variant (a CRL listing nothing) and with its second (one revocation), at
+# two times.
+seeds_fuzz_diff_path() {
+    local dir=$1 target time slot seed
+    for target in $(seq 0 15); do
+        for time in 40 a0; do
+            for slot in 01 02; do
+                seed=$dir/t$target-$time-$slot
+                printf "\\x$time\\x00\\x$(printf %02x "$target")\\xff\\xff" >"$seed"
+                for _ in 1 2 3 4 5 6 7; do printf "\\x$slot"; done >>"$seed"
+            done
+        done
+    done
 }
 
 # DER and PEM trust material as the intake sees it: every item, the CRL

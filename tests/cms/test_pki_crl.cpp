@@ -119,33 +119,88 @@ TEST(PkiCrl, ChoiceTable) {
     }
 }
 
-// X509_verify_cert with Root as the only trust anchor, CA as an untrusted
-// intermediate and every CRL of the chain, at kT.
-bool OpensslAccepts(const Chain &c) {
+// Certificates and CRLs beside the standard chain.
+struct Extra {
+    std::vector<Credential> certs;
+    std::vector<Bytes> crls;
+};
+
+// X509_verify_cert with Root as the only trust anchor, the other
+// certificates as untrusted and every CRL, at kT, as the differential
+// target runs it (fuzz/fuzz_diff_path.cpp): CRLs handed to the context,
+// where OpenSSL also finds indirect ones, with extended CRL support.
+bool OpensslAccepts(const Chain &c, const Extra &extra) {
     std::unique_ptr<X509_STORE, testpki::Deleter<X509_STORE_free>> store(X509_STORE_new());
     EXPECT_EQ(X509_STORE_add_cert(store.get(), c.root.cert.get()), 1);
-    for (const Bytes *der : {&c.rootCrl, &c.caCrl}) {
-        const uint8_t *p = der->data();
-        testpki::X509CrlPtr crl(d2i_X509_CRL(nullptr, &p, static_cast<long>(der->size())));
-        EXPECT_TRUE(der->empty() || X509_STORE_add_crl(store.get(), crl.get()) == 1);
-    }
-    // The stack borrows its certificate; freeing it leaves the certificate alone.
-    auto freeStack = [](STACK_OF(X509) * stack) { sk_X509_free(stack); };
-    std::unique_ptr<STACK_OF(X509), decltype(freeStack)> chain(sk_X509_new_null(), freeStack);
+    // The stacks borrow their items; freeing them leaves the items alone.
+    auto freeCerts = [](STACK_OF(X509) * stack) { sk_X509_free(stack); };
+    std::unique_ptr<STACK_OF(X509), decltype(freeCerts)> chain(sk_X509_new_null(), freeCerts);
     sk_X509_push(chain.get(), c.ca.cert.get());
+    for (const Credential &cert : extra.certs) {
+        sk_X509_push(chain.get(), cert.cert.get());
+    }
+    auto freeCrls = [](STACK_OF(X509_CRL) * stack) { sk_X509_CRL_pop_free(stack, X509_CRL_free); };
+    std::unique_ptr<STACK_OF(X509_CRL), decltype(freeCrls)> crls(sk_X509_CRL_new_null(), freeCrls);
+    std::vector<const Bytes *> ders = {&c.rootCrl, &c.caCrl};
+    for (const Bytes &der : extra.crls) {
+        ders.push_back(&der);
+    }
+    for (const Bytes *der : ders) {
+        const uint8_t *p = der->data();
+        X509_CRL *crl =
+            der->empty() ? nullptr : d2i_X509_CRL(nullptr, &p, static_cast<long>(der->size()));
+        EXPECT_TRUE(der->empty() || (crl != nullptr && sk_X509_CRL_push(crls.get(), crl) > 0));
+    }
     std::unique_ptr<X509_STORE_CTX, testpki::Deleter<X509_STORE_CTX_free>> ctx(
         X509_STORE_CTX_new());
     EXPECT_EQ(X509_STORE_CTX_init(ctx.get(), store.get(), c.leaf.cert.get(), chain.get()), 1);
+    X509_STORE_CTX_set0_crls(ctx.get(), crls.get());
     X509_VERIFY_PARAM *param = X509_STORE_CTX_get0_param(ctx.get());
-    X509_VERIFY_PARAM_set_flags(param, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
+    X509_VERIFY_PARAM_set_flags(param, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL |
+                                           X509_V_FLAG_EXTENDED_CRL_SUPPORT);
     X509_VERIFY_PARAM_set_time(param, static_cast<time_t>(kT));
     return X509_verify_cert(ctx.get()) == 1;
 }
 
-// Where this system departs from RFC 5280 path validation on purpose, the
-// rows assert its own rule and that OpenSSL answers otherwise: a revoked end
-// entity counts as revoked only from its revocation date on (OpenSSL ignores
-// the date), and a CA check honours the date for superseded.
+// CA re-keyed under its name (serial 0x21), with a CRL of the new key only;
+// key identifiers, by which OpenSSL tells the two keys apart.
+Extra NewKeyCrl() {
+    CertSpec s = CaSpec("CA", StandardRoot(), "other-2048");
+    s.serial = {0x21};
+    s.subjectKeyId = true;
+    testpki::CrlSpec crl;
+    crl.issuer = testpki::IssueCredential(s);
+    const Bytes keyId = testpki::der::Seq({testpki::der::Tlv(0x80, crl.issuer.key.KeyId())});
+    crl.extraExtensions = {{"authorityKeyIdentifier", false, keyId}};
+    return {{crl.issuer}, {testpki::MakeCrl(crl)}};
+}
+
+// The CRL authority "CRLA" under Root, and the leaf that names it.
+const Credential &Crla() {
+    static const Credential crla = [] {
+        CertSpec s = CaSpec("CRLA", StandardRoot(), "tsa-2048");
+        s.serial = {0x30};
+        s.basicConstraints.reset();
+        s.keyUsage = testpki::KeyUsage::Of(testpki::ku::kCrlSign);
+        return testpki::IssueCredential(s);
+    }();
+    return crla;
+}
+void NamesCrla(CertSpec &s) {
+    s.extraExtensions = {{"crlDistributionPoints", false,
+                          testpki::CrlIssuerPoint(testpki::SubjectDer(Crla().cert))}};
+}
+
+// CRLA's indirect CRL listing the leaf for CA, beside CA's own CRL.
+Extra IndirectListing(const Chain &c) {
+    Entries entries = Revokes(0x10, -1);
+    entries[0].certificateIssuer = testpki::SubjectDer(c.ca.cert);
+    return {{Crla()}, {Crl(Crla(), entries, testpki::Utc("491231235959Z"), true)}};
+}
+
+// Where this system departs from OpenSSL on purpose, the rows assert its own
+// rule and that OpenSSL answers otherwise; each is a row of the intended
+// differences of the differential target, which found most of them.
 TEST(PkiCrl, VerdictsAgainstOpenssl) {
     static const Credential otherRoot = testpki::IssueCredential(RootSpec("Root2", "root2-4096"));
     const struct {
@@ -153,6 +208,7 @@ TEST(PkiCrl, VerdictsAgainstOpenssl) {
         ChainPlan plan;
         uint32_t expected;
         bool opensslAgrees;
+        Extra (*extra)(const Chain &) = nullptr;
     } rows[] = {
         {"valid chain", {}, 0, true},
         {"expired leaf",
@@ -173,18 +229,72 @@ TEST(PkiCrl, VerdictsAgainstOpenssl) {
          true},
         {"missing CRL", {.caCrl = false}, DORVEX_ERR_NO_CRL, true},
         {"wrong root", {.ca = [](CertSpec &s) { s.issuer = otherRoot; }}, DORVEX_ERR_NO_ROOT, true},
+        {"indirect CRL of CRLA speaks for the leaf",
+         {.leaf = NamesCrla, .caCrl = false},
+         0,
+         true,
+         [](const Chain &) -> Extra {
+             return {{Crla()}, {Crl(Crla(), {}, testpki::Utc("491231235959Z"), true)}};
+         }},
         {"differs: leaf revoked after the time", {.caRevoked = Revokes(0x10, 1)}, 0, false},
         {"differs: CA superseded after the time",
          {.rootRevoked = Revokes(0x20, 1, kSuperseded)},
          0,
          false},
+        {"differs: root listed in its own CRL", {.rootRevoked = Revokes(0x01, -1)}, 0, false},
+        {"differs: CA's CRL issued after the time",
+         {.caCrlPlan = [](testpki::CrlSpec &s) { s.thisUpdate = At(kT + kDay); }},
+         0,
+         false},
+        {"differs: leaf's notAfter at the time",
+         {.leaf = [](CertSpec &s) { s.notAfter = At(kT); }},
+         0,
+         false},
+        {"differs: CRL's nextUpdate at the time",
+         {.caCrlPlan = [](testpki::CrlSpec &s) { s.nextUpdate = At(kT); }},
+         0,
+         false},
+        {"differs: leaf entry with reason removeFromCRL",
+         {.caRevoked = Revokes(0x10, -1, 8)},
+         DORVEX_ERR_CERT_REVOKED,
+         false},
+        {"differs: critical certificate policies",
+         {.leaf =
+              [](CertSpec &s) {
+                  const Bytes anyPolicy =
+                      testpki::der::Seq({testpki::der::Seq({testpki::der::Oid("2.5.29.32.0")})});
+                  s.extraExtensions = {{"certificatePolicies", true, anyPolicy}};
+              }},
+         DORVEX_ERR_CERT_CRITICAL_EXT,
+         false},
+        {"differs: CA key of 1024 bits",
+         {.ca = [](CertSpec &s) { s.subjectKey = testpki::Key::GenerateRsa(1024); }},
+         DORVEX_ERR_NO_ROOT,
+         false},
+        {"differs: only a CRL of the re-keyed CA's new key",
+         {.ca = [](CertSpec &s) { s.subjectKeyId = true; }, .caCrl = false},
+         DORVEX_ERR_NO_CRL,
+         false,
+         [](const Chain &) { return NewKeyCrl(); }},
+        {"differs: indirect CRL lists the leaf, CA's own does not",
+         {.leaf = NamesCrla},
+         DORVEX_ERR_CERT_REVOKED,
+         false,
+         IndirectListing},
     };
     for (const auto &row : rows) {
         Store store;
         Chain c = BuildChain(store, row.plan);
+        const Extra extra = row.extra != nullptr ? row.extra(c) : Extra{};
+        for (const Credential &cert : extra.certs) {
+            store.Add(cert);
+        }
+        for (const Bytes &crl : extra.crls) {
+            store.AddCrl(crl);
+        }
         const uint32_t ours = store.Verify(c.leafCert);
         EXPECT_EQ(ours, row.expected) << row.name;
-        EXPECT_EQ(OpensslAccepts(c), (ours == 0) == row.opensslAgrees) << row.name;
+        EXPECT_EQ(OpensslAccepts(c, extra), (ours == 0) == row.opensslAgrees) << row.name;
     }
 }
 

@@ -149,6 +149,7 @@ struct ChainPlan {
     void (*leaf)(CertSpec &) = nullptr;
     bool rootCrl = true, caCrl = true;
     Entries rootRevoked = {}, caRevoked = {};
+    void (*caCrlPlan)(testpki::CrlSpec &) = nullptr;  // changes CA's CRL before it is signed
 };
 
 struct Chain {
@@ -184,7 +185,13 @@ inline Chain BuildChain(Store &store, const ChainPlan &plan = {}) {
         store.AddCrl(c.rootCrl = Crl(c.root, plan.rootRevoked));
     }
     if (plan.caCrl) {
-        store.AddCrl(c.caCrl = Crl(c.ca, plan.caRevoked));
+        testpki::CrlSpec s;
+        s.issuer = c.ca;
+        s.revoked = plan.caRevoked;
+        if (plan.caCrlPlan != nullptr) {
+            plan.caCrlPlan(s);
+        }
+        store.AddCrl(c.caCrl = testpki::MakeCrl(s));
     }
     return c;
 }

@@ -15,6 +15,7 @@ constexpr const char kUsage[] =
     "       testpki demo-root [--keys DIR] OUT.der\n"
     "       testpki sign-demo [--keys DIR] CONTENT OUTDIR\n"
     "       testpki chain-package [--keys DIR] DEPTH OUTDIR\n"
+    "       testpki path-pool [--keys DIR] OUTDIR\n"
     "       testpki --help\n"
     "\n"
     "demo-pki      writes a small valid hierarchy made from the committed test keys:\n"
@@ -40,6 +41,8 @@ constexpr const char kUsage[] =
     "              leaf and tsa; sha256sums, sha256sums.p7s and crls+ca.pem\n"
     "              (a CRL of the root and of every CA, and every CA certificate).\n"
     "              DEPTH 2 has the shape of demo-package.\n"
+    "path-pool     writes the certificates and CRLs of the differential path\n"
+    "              target as NAME.der (cert-NN-*, crl-SV-*; S the CRL's signer).\n"
     "--keys        folder of the test keys (default: the source tree's tests/keys).\n"
     "\n"
     "Test material only: the keys are public.\n";
@@ -66,6 +69,14 @@ int Run(const std::string &command, const std::filesystem::path &keyDir,
         }
         for (const std::string &file : testpki::WriteChainPackage(depth, out, keyDir)) {
             std::printf("%s\n", (out / file).c_str());
+        }
+        return 0;
+    }
+    if (command == "path-pool") {
+        std::filesystem::create_directories(out);
+        for (const testpki::PoolItem &item : testpki::MakePathPool(keyDir)) {
+            testpki::WriteFile(out / (item.name + ".der"), item.der);
+            std::printf("%s\n", (out / (item.name + ".der")).c_str());
         }
         return 0;
     }
@@ -98,7 +109,8 @@ int main(int argc, char **argv) {
     size_t wanted = 1;
     if (command == "sign-demo" || command == "chain-package") {
         wanted = 2;
-    } else if (command != "demo-pki" && command != "demo-package" && command != "demo-root") {
+    } else if (command != "demo-pki" && command != "demo-package" && command != "demo-root" &&
+               command != "path-pool") {
         return Usage();
     }
     std::filesystem::path keyDir = testpki::DefaultKeyDir();

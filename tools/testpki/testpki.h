@@ -464,4 +464,20 @@ inline constexpr int kMaxChainDepth = 12;
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
                                            const std::filesystem::path &keyDir = DefaultKeyDir());
 
+// ---- the differential path target's pool ------------------------------------
+
+// Certificates and CRLs of one hierarchy under "Root" with a case for each
+// rule of path validation and revocation (re-keyed CA, an indirect CRL
+// authority, scoped, expired, later and v1 CRLs, revocations before and
+// after 2025-06-01 with several reasons, critical extensions, a path
+// length, a 1024-bit CA), for fuzz/fuzz_diff_path.cpp. Names are
+// "cert-NN-what" and "crl-SV-what", S a letter naming the CRL's signer and
+// V the variant; the same certificates on every run except the 1024-bit CA
+// and its leaf, whose key is new.
+struct PoolItem {
+    std::string name;
+    Bytes der;
+};
+std::vector<PoolItem> MakePathPool(const std::filesystem::path &keyDir = DefaultKeyDir());
+
 }  // namespace testpki
