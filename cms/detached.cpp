@@ -336,19 +336,10 @@ uint32_t InternalPieceSize(uint64_t fileSize) {
 // InternalUpdateContent: the content file in pieces of at most
 // DORVEX_CONTENT_PIECE_SIZE bytes; an empty file passes nothing.
 uint32_t InternalUpdateContent(DorvexVrfCtx *ctx, const char *path) {
-    if (path[0] == '\0') {
-        DORVEX_LOG_ERR(DORVEX_ERR_FILE_OPEN, "Empty file path.");
-        return DORVEX_ERR_PARAM;
-    }
     FILE *opened = nullptr;
-    uint32_t ret = DorvexFileOpenRegular(path, &opened);
+    uint32_t ret = InternalOpenInputFile(path, &opened);
     FilePtr file(opened);
-    if (ret == DORVEX_ERR_FILE_TYPE) {
-        DORVEX_LOG_ERR(ret, "File '%s' is not a regular file.", path);
-        return ret;
-    }
     if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Can't open file '%s'.", path);
         return ret;
     }
     // A request at least as large as stdio's own buffer is read straight

@@ -361,23 +361,31 @@ void InternalFreeCrlList(DorvexList *crls) {
     DorvexListFree(crls, InternalFreeCrlItem);
 }
 
-uint32_t InternalReadFile(const char *path, uint32_t maxSize, uint8_t **data, uint32_t *length) {
-    if (path == nullptr || data == nullptr || length == nullptr) {
+uint32_t InternalOpenInputFile(const char *path, FILE **out) {
+    if (path == nullptr || out == nullptr) {
         return DORVEX_ERR_PARAM;
     }
     if (path[0] == '\0') {
         DORVEX_LOG_ERR(DORVEX_ERR_FILE_OPEN, "Empty file path.");
         return DORVEX_ERR_PARAM;
     }
-    FILE *opened = nullptr;
-    uint32_t ret = DorvexFileOpenRegular(path, &opened);
-    FilePtr file(opened);
+    const uint32_t ret = DorvexFileOpenRegular(path, out);
     if (ret == DORVEX_ERR_FILE_TYPE) {
         DORVEX_LOG_ERR(ret, "File '%s' is not a regular file.", path);
-        return ret;
-    }
-    if (ret != DORVEX_OK) {
+    } else if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Can not open file '%s'.", path);
+    }
+    return ret;
+}
+
+uint32_t InternalReadFile(const char *path, uint32_t maxSize, uint8_t **data, uint32_t *length) {
+    if (data == nullptr || length == nullptr) {
+        return DORVEX_ERR_PARAM;
+    }
+    FILE *opened = nullptr;
+    uint32_t ret = InternalOpenInputFile(path, &opened);
+    FilePtr file(opened);
+    if (ret != DORVEX_OK) {
         return ret;
     }
     // Checked at full width, so a size beyond 32 bits cannot wrap to a small one.

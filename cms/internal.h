@@ -6,6 +6,7 @@
 #define CMS_INTERNAL_H
 
 #include <cstdint>
+#include <cstdio>
 
 #include "cms/adapt/provider.h"
 #include "cms/asn1/pkcs7.h"
@@ -41,6 +42,12 @@ void InternalFreeMdInfo(void *info);
 // InternalCheckCtx: DORVEX_ERR_NULL_CTX for a null context,
 // DORVEX_ERR_CTX_SIZE for one whose size field is wrong; not logged.
 uint32_t InternalCheckCtx(const DorvexVrfCtx *ctx);
+
+// InternalOpenInputFile: opens an input file the caller names, only when
+// it is a regular file (DorvexFileOpenRegular), and logs a refusal with the
+// path: DORVEX_ERR_PARAM for an empty path, DORVEX_ERR_FILE_TYPE,
+// DORVEX_ERR_FILE_OPEN. The caller closes *out with DorvexFileClose.
+uint32_t InternalOpenInputFile(const char *path, FILE **out);
 
 // InternalReadFile: reads a whole regular file of 1 to maxSize bytes into a
 // new buffer (*data, *length), which the caller frees with DorvexFree. On

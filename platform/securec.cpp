@@ -36,7 +36,9 @@ bool RangesOverlap(const void *a, size_t aLen, const void *b, size_t bLen) {
 // ---------------------------------------------------------------------------
 // memcpy_s / memset_s and their variants
 
-// The failure cascade of memcpy_s, in the specified order. Also reached by the
+// The failure cascade of memcpy_s: the destination's size, the pointers,
+// the count, then overlap; the first fault decides the result, and once the
+// destination is known it is emptied so no half copy is left. Also reached by the
 // variants when their fast path does not apply; returns 0 for a count of 0.
 int MemcpyError(void *dest, size_t destMax, const void *src, size_t count) {
     if (SizeOutOfRange(destMax)) {

@@ -400,11 +400,14 @@ int CompareSerial(const DorvexAsnBigint &a, const DorvexAsnBigint &b) {
     return a.len == 0 ? 0 : memcmp(a.data, b.data, a.len);
 }
 
-// Elements of a SEQUENCE OF content, counted by their headers alone.
-uint32_t CountElements(const DorvexAsnOcts &raw, uint32_t *count) {
+// WalkElements: calls `visit` with every element of a SEQUENCE OF content
+// (its content and tag, headers read alone) until it returns true. 0 when
+// the walk ended, by the visitor or at the end; the header reader's code when
+// an element does not decode.
+template <typename Visit>
+uint32_t WalkElements(const DorvexAsnOcts &content, Visit visit) {
     DorvexBuf buf{};
-    uint32_t ret = DorvexBufInit(&buf, raw.data, raw.len);
-    uint32_t n = 0;
+    uint32_t ret = DorvexBufInit(&buf, content.data, content.len);
     while (ret == DORVEX_OK && buf.pos < buf.size) {
         DorvexAsnTag tag{};
         uint32_t len = 0;
@@ -412,13 +415,29 @@ uint32_t CountElements(const DorvexAsnOcts &raw, uint32_t *count) {
         if (ret == DORVEX_OK) {
             ret = InternalDecLen(&buf, &len);
         }
-        if (ret == DORVEX_OK) {
-            buf.pos += len;  // checked against what remains by InternalDecLen
-            ++n;
+        if (ret != DORVEX_OK) {
+            break;
+        }
+        const DorvexAsnOcts element{len, tag.tagClass, tag.constructed, tag.tagCode,
+                                    len == 0 ? nullptr : buf.data + buf.pos};
+        buf.pos += len;  // checked against what remains by InternalDecLen
+        if (visit(element)) {
+            break;
         }
     }
-    *count = n;
     return ret;
+}
+
+// Whether `visit` returned true for an element; false also when the content
+// does not decode.
+template <typename Visit>
+bool AnyElement(const DorvexAsnOcts &content, Visit visit) {
+    bool found = false;
+    (void)WalkElements(content, [&](const DorvexAsnOcts &element) {
+        found = visit(element);
+        return found;
+    });
+    return found;
 }
 
 // InternalDecodeRevoked: every entry of revokedCertificates into a block of
@@ -431,7 +450,10 @@ uint32_t InternalDecodeRevoked(DorvexX509Revoked &revoked) {
         return DORVEX_OK;
     }
     uint32_t count = 0;
-    uint32_t ret = CountElements(revoked.raw, &count);
+    uint32_t ret = WalkElements(revoked.raw, [&count](const DorvexAsnOcts &) {
+        ++count;
+        return false;
+    });
     if (ret != DORVEX_OK) {
         return ret;
     }
@@ -529,42 +551,13 @@ void DorvexX509CrlFindSerial(const DorvexX509Crl *crl, const DorvexAsnBigint *se
     *count = static_cast<uint32_t>(high - low);
 }
 
-namespace {
-
-// Calls `visit` with the content of every element of a SEQUENCE OF content
-// and its tag, until it returns true; false when none did or the content
-// does not decode.
-template <typename Visit>
-bool ForEachElement(const DorvexAsnOcts &content, Visit visit) {
-    DorvexBuf buf{};
-    if (content.data == nullptr || DorvexBufInit(&buf, content.data, content.len) != DORVEX_OK) {
-        return false;
-    }
-    while (buf.pos < buf.size) {
-        DorvexAsnTag tag{};
-        uint32_t len = 0;
-        if (InternalDecTag(&buf, &tag) != DORVEX_OK || InternalDecLen(&buf, &len) != DORVEX_OK) {
-            return false;
-        }
-        const DorvexAsnOcts element{len, tag.tagClass, tag.constructed, tag.tagCode,
-                                    len == 0 ? nullptr : buf.data + buf.pos};
-        buf.pos += len;
-        if (visit(element)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-}  // namespace
-
 bool DorvexX509GeneralNamesHold(const DorvexAsnOcts *names, const DorvexX509Name *name) {
     if (names == nullptr || name == nullptr) {
         return false;
     }
     // GeneralName ::= CHOICE { ..., directoryName [4] Name, ... }: [4] wraps
     // the Name explicitly, since Name is itself a CHOICE.
-    return ForEachElement(*names, [name](const DorvexAsnOcts &general) {
+    return AnyElement(*names, [name](const DorvexAsnOcts &general) {
         if (general.tagClass != DRX_ASN_CLASS_CONTEXT || general.tagCode != 4 ||
             general.data == nullptr) {
             return false;
@@ -592,9 +585,9 @@ uint32_t DorvexX509CertPointsAt(const DorvexX509Cert *cert, const DorvexX509Crl 
     //     distributionPoint  [0] DistributionPointName OPTIONAL,
     //     reasons            [1] ReasonFlags OPTIONAL,
     //     cRLIssuer          [2] GeneralNames OPTIONAL }
-    (void)ForEachElement(
+    (void)WalkElements(
         cert->certInfo.extensions.crlDistributionPoints, [&](const DorvexAsnOcts &point) {
-            (void)ForEachElement(point, [&](const DorvexAsnOcts &field) {
+            (void)WalkElements(point, [&](const DorvexAsnOcts &field) {
                 if (field.tagClass != DRX_ASN_CLASS_CONTEXT) {
                     return false;
                 }

@@ -47,11 +47,18 @@ CrlKind InternalCrlKind(const DorvexX509Crl &crl, const DorvexX509Cert &cert) {
         crl.crlInfo.revokedCertificates.unknownCritical != 0) {
         return CrlKind::None;
     }
+    const bool sameIssuer = DorvexCompareX509Name(&cert.certInfo.issuer, &crl.crlInfo.issuer) == 0;
+    // The certificate's distribution points are read only when they matter:
+    // a partitioned CRL, or one of another issuer that says it is indirect.
+    const bool partition = idp.distributionPoint.len != 0;
+    if (!partition && (sameIssuer || idp.indirectCRL != 1)) {
+        return sameIssuer ? CrlKind::Direct : CrlKind::None;
+    }
     const uint32_t points = DorvexX509CertPointsAt(&cert, &crl);
-    if (idp.distributionPoint.len != 0 && (points & DRX_X509_DP_NAMED) == 0) {
+    if (partition && (points & DRX_X509_DP_NAMED) == 0) {
         return CrlKind::None;
     }
-    if (DorvexCompareX509Name(&cert.certInfo.issuer, &crl.crlInfo.issuer) == 0) {
+    if (sameIssuer) {
         return CrlKind::Direct;
     }
     // RFC 5280 6.3.3 (b)(2)(iii): an indirect CRL must say so and be the one

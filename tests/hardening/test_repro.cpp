@@ -1,7 +1,7 @@
 // Inputs that fuzzing found, kept under tests/hardening/repro: every file
 // goes through each decoder and the whole verification road, which must
 // end with a result code and no memory error (the sanitizer build runs
-// this too); some files also pin down how the rules read them.
+// this too); some files also pin down how this verifier reads them.
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -94,7 +94,7 @@ TEST(Repro, EveryFileThroughEveryDecoderAndTheVerifier) {
 // that bit and reads the exponent as 65536; here the unused-bits octet is
 // not examined and the key's octets are read as they stand.
 // Certificates whose RSA key the fuzzers found read differently by OpenSSL;
-// the rules' reading of the exponent is pinned here.
+// this verifier's reading of the exponent is pinned here.
 //  - unused-bits: the key's BIT STRING claims one unused bit; OpenSSL clears
 //    it and reads 65536, here the octet is not examined and the key's octets
 //    are read as they stand.
