@@ -1,8 +1,8 @@
 // Command line parsing and opcode dispatch.
-#include <openssl/crypto.h>
 #include <string.h>
 #include <unistd.h>
 
+#include "cms/adapt/provider.h"
 #include "platform/securec.h"
 #include "tool/verify_tool.h"
 
@@ -112,17 +112,8 @@ int32_t UPGRADE_ExitStatus(int32_t result) {
 }
 
 int32_t UPGRADE_MainExe(int argc, char *argv[]) {
-    // The verdict must not depend on a file outside the package: left to
-    // itself, OpenSSL reads its system configuration (openssl.cnf, or the
-    // file OPENSSL_CONF names) at the first digest, and that file can load or
-    // drop providers. This has to come before any other OpenSSL call. The
-    // tool looks up no algorithm by name and prints no OpenSSL error text,
-    // so the name tables and error strings are not built either: a small
-    // check is mostly start-up.
-    constexpr uint64_t kOpensslInit =
-        OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ADD_ALL_CIPHERS |
-        OPENSSL_INIT_NO_ADD_ALL_DIGESTS | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS;
-    if (OPENSSL_init_crypto(kOpensslInit, nullptr) != 1) {
+    // Before any other OpenSSL call: no system configuration is read.
+    if (DrxOpensslInit() != DORVEX_OK) {
         TOOL_LOG(DBG_LEVEL_ERR, "OpenSSL initialisation failed.");
         return -1;
     }

@@ -154,6 +154,13 @@ extern "C" const EVP_MD *DrxGetOpensslEvpmd(uint32_t hashAlgorithm) {
     return nullptr;
 }
 
+extern "C" uint32_t DrxOpensslInit(void) {
+    constexpr uint64_t kInit = OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ADD_ALL_CIPHERS |
+                               OPENSSL_INIT_NO_ADD_ALL_DIGESTS |
+                               OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS;
+    return OPENSSL_init_crypto(kInit, nullptr) == 1 ? DORVEX_OK : DORVEX_ERR_MALLOC;
+}
+
 extern "C" void DrxOpensslUnint(void) {}
 
 extern "C" uint64_t DrxBenchRsaVerifyCount(void) {

@@ -102,6 +102,16 @@ struct evp_md_st;  // OpenSSL's EVP_MD
 // ESS certificate identifiers) and AOID_SHA256/384/512, null for any other id.
 const struct evp_md_st *DrxGetOpensslEvpmd(uint32_t hashAlgorithm);
 
+// DrxOpensslInit: the set-up a program calls before any other OpenSSL call.
+// A verdict must not depend on a file outside the package: left to itself,
+// OpenSSL reads its system configuration (openssl.cnf, or the file
+// OPENSSL_CONF names) at the first digest, and that file can load or drop
+// providers. The library looks up no algorithm by name and prints no OpenSSL
+// error text, so the name tables and error strings are not built either: a
+// small check is mostly start-up. DORVEX_OK, or DORVEX_ERR_MALLOC: running out
+// of memory is the only way OpenSSL's set-up fails.
+uint32_t DrxOpensslInit(void);
+
 // DrxOpensslUnint: teardown hook of the provider. OpenSSL 3 needs no global
 // set-up or teardown from us, so it does nothing.
 void DrxOpensslUnint(void);

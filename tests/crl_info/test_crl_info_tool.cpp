@@ -52,6 +52,10 @@ class CrlInfoTool : public testing::Test {
                                                         Crl(pki.ca, "240601000000Z"), ca}));
         tp::WriteFile(Path("untrusted.der"), tp::ConcatDer({Crl(stranger, "240601000000Z"), ca}));
         tp::WriteFile(Path("garbage.der"), std::string(100, 'x'));
+        // Read, this configuration would leave OpenSSL with no digest at all.
+        tp::WriteFile(Path("null.cnf"),
+                      "openssl_conf = init\n[init]\nproviders = p\n"
+                      "[p]\nnull = n\n[n]\nactivate = 1\n");
     }
     void TearDown() override {
         if (!dir_.empty()) {
@@ -119,7 +123,7 @@ TEST_F(CrlInfoTool, ReportsAndDecides) {
         for (const auto &a : r.args) {
             args.push_back(a.find('.') == std::string::npos ? a : Path(a));
         }
-        const vt_test::ToolRun run = vt_test::RunTool(args);
+        const vt_test::ToolRun run = vt_test::RunTool(args, {"OPENSSL_CONF=" + Path("null.cnf")});
         EXPECT_EQ(run.exitStatus, r.exitStatus);
         for (const auto &line : r.stdoutLines) {
             EXPECT_NE(run.stdoutText.find(line + "\n"), std::string::npos) << line;

@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "cms/adapt/provider.h"
 #include "cms/dorvex.h"
 #include "tool/root_cert.h"
 
@@ -261,6 +262,11 @@ int Run(FILE *out, int argc, char *argv[]) {
 }  // namespace
 
 int CrlInfoMain(int argc, char *argv[]) {
+    // As verify_tool: what the report says must not depend on openssl.cnf.
+    if (DrxOpensslInit() != DORVEX_OK) {
+        fprintf(stderr, "crl_info: cannot set up OpenSSL\n");
+        return CRL_INFO_EXIT_ERROR;
+    }
     // The library prints its errors and warnings on standard output; they go
     // to standard error here, so that standard output carries the report only.
     fflush(stdout);
