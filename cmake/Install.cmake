@@ -66,7 +66,7 @@ set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "verify_tool developers")
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libssl3 (>= 3.0.0), libstdc++6, libc6")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libssl3 (>= 3.0.0), libc6")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 # cpack would ask dpkg for the host's architecture; a cross-build packages
 # for its target.
