@@ -7,7 +7,7 @@
 #include "cms/dorvex.h"
 #include "platform/lzeb_mem.h"
 #include "platform/securec.h"
-#include "tool/root_cert.h"
+#include "root_cert/root_cert.h"
 #include "tool/verify_tool.h"
 
 static_assert(ROOT_CERT_LEN == ROOT_CERT_HEAD_LEN + ROOT_CERT_TAIL_LEN);

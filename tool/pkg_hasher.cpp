@@ -19,7 +19,7 @@
 #include <thread>
 
 #include "cms/adapt/provider.h"
-#include "cms/dorvex_errno.h"
+#include "cms/base/dorvex_errno.h"
 #include "tool/pkg_files.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <stdint.h>
 #include <stdio.h>
 
-#include "cms/dorvex_errno.h"
+#include "cms/base/dorvex_errno.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -10,7 +10,7 @@
 
 #include <stdint.h>
 
-#include "cms/dorvex_errno.h"
+#include "cms/base/dorvex_errno.h"
 
 #ifdef __cplusplus
 extern "C" {

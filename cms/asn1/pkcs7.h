@@ -16,7 +16,7 @@
 
 #include "cms/asn1/asn1.h"
 #include "cms/asn1/x509.h"
-#include "cms/asn1/list.h"
+#include "cms/base/list.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -12,7 +12,7 @@
 #include <stdint.h>
 
 #include "cms/asn1/x509.h"
-#include "cms/vrf_ctx.h"
+#include "cms/base/vrf_ctx.h"
 
 #ifdef __cplusplus
 extern "C" {

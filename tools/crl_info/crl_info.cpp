@@ -14,7 +14,7 @@
 #include <string_view>
 
 #include "cms/dorvex.h"
-#include "tool/root_cert.h"
+#include "root_cert/root_cert.h"
 
 static_assert(ROOT_CERT_LEN == ROOT_CERT_HEAD_LEN + ROOT_CERT_TAIL_LEN);
 
