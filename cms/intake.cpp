@@ -44,14 +44,6 @@ struct LocalCrls {
     ~LocalCrls() { InternalFreeCrlList(&list); }
 };
 
-void InternalFreeCertItem(void *item) {
-    DorvexX509FreeCert(static_cast<DorvexX509Cert *>(item));
-}
-
-void InternalFreeCrlItem(void *item) {
-    DorvexX509FreeCrl(static_cast<DorvexX509Crl *>(item));
-}
-
 uint32_t InternalAllocBuffer(uint64_t size, BufferPtr *out) {
     void *block = nullptr;
     uint32_t ret = DorvexMalloc(&block, size);
@@ -354,11 +346,11 @@ uint32_t InternalCheckParamVerifyAddCrl(const DorvexVrfCtx *ctx, const uint8_t *
 }  // namespace
 
 void InternalFreeCertList(DorvexList *certs) {
-    DorvexListFree(certs, InternalFreeCertItem);
+    DorvexListFree(certs, DorvexX509FreeCertItem);
 }
 
 void InternalFreeCrlList(DorvexList *crls) {
-    DorvexListFree(crls, InternalFreeCrlItem);
+    DorvexListFree(crls, DorvexX509FreeCrlItem);
 }
 
 uint32_t InternalOpenInputFile(const char *path, FILE **out) {

@@ -22,7 +22,7 @@ constexpr uint64_t kCreateParamsSize = 72;
 
 uint32_t GenerateRootCert(uint8_t **buffer, uint32_t *length) {
     auto *block = static_cast<uint8_t *>(LZEB_MallocSubStandard(
-        VERIFY_TOOL_MODULE_ID, ROOT_CERT_LEN, 0, "GenerateRootCert", __LINE__));
+        DBG_MODULE_VERIFY_TOOL, ROOT_CERT_LEN, 0, "GenerateRootCert", __LINE__));
     if (block == nullptr) {
         TOOL_LOG(DBG_LEVEL_ERR, "Initialize root certificate failed.");
         return DORVEX_ERR_MALLOC;

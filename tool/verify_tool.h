@@ -10,9 +10,6 @@
 extern "C" {
 #endif
 
-// Module id under which the tool (and the CMS library) log.
-#define VERIFY_TOOL_MODULE_ID 1014u
-
 #define VERIFY_OPCODE_LEN 32
 #define VERIFY_PATH_LEN 128
 
@@ -69,6 +66,6 @@ uint32_t GenerateRootCert(uint8_t **buffer, uint32_t *length);
 #endif
 
 #define TOOL_LOG(level, ...) \
-    DBG_Log(VERIFY_TOOL_MODULE_ID, (level), __func__, __LINE__, 0, __VA_ARGS__)
+    DBG_Log(DBG_MODULE_VERIFY_TOOL, (level), __func__, __LINE__, 0, __VA_ARGS__)
 
 #endif  // TOOL_VERIFY_TOOL_H

@@ -31,7 +31,7 @@ extern "C" uint32_t DorvexMalloc(void **out, uint64_t size) {
     if (size > UINT32_MAX) {
         return DORVEX_ERR_MALLOC;
     }
-    void *block = LZEB_MallocSubStandard(DORVEX_MODULE_ID, static_cast<uint32_t>(size), 0,
+    void *block = LZEB_MallocSubStandard(DBG_MODULE_VERIFY_TOOL, static_cast<uint32_t>(size), 0,
                                          "DorvexMalloc", __LINE__);
     if (block == nullptr) {
         return DORVEX_ERR_MALLOC;
@@ -224,8 +224,8 @@ extern "C" void DorvexLogPrint(uint32_t level, const char *file, uint32_t line,
     const LevelStyle *style = level < std::size(g_drxLogLevels) ? &g_drxLogLevels[level] : nullptr;
     if (style != nullptr) {
         // The caller's place travels inside the text; the error code stays on the console.
-        DBG_Log(DORVEX_MODULE_ID, style->dbgLevel, "DorvexLogPrint", __LINE__, 0, "%s(%d):(%s):%s",
-                file, static_cast<int>(line), function, message);
+        DBG_Log(DBG_MODULE_VERIFY_TOOL, style->dbgLevel, "DorvexLogPrint", __LINE__, 0,
+                "%s(%d):(%s):%s", file, static_cast<int>(line), function, message);
     }
     // Hold the stream for the whole line so that concurrent callers do not
     // interleave inside one.

@@ -17,9 +17,6 @@
 extern "C" {
 #endif
 
-// Module id under which the library allocates and logs.
-#define DORVEX_MODULE_ID 1014u
-
 // Label passed as the file argument of every log call; it is printed, never opened.
 #define DORVEX_LOG_FILE "dorvex_log.log"
 

@@ -9,7 +9,7 @@
 // times), Final, Destroy. The owner always calls Destroy, also after a
 // failed Init, Update or Final; a context is not reusable after Final.
 // Apart from DorvexMdCreateCtx, the functions answer 0 or DORVEX_FAIL (-1)
-// and log their own failures through DBG_Log (module 1014, level error).
+// and log their own failures through DBG_Log (DBG_MODULE_VERIFY_TOOL, level error).
 #ifndef CMS_ADAPT_PROVIDER_H
 #define CMS_ADAPT_PROVIDER_H
 

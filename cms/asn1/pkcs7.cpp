@@ -287,31 +287,10 @@ constexpr DorvexAsnItem g_itemDorvexEssSigningCert =
 // The SET OF decoder stores the count in the record's first word.
 static_assert(offsetof(DorvexX509CertRawBundle, count) == 0 &&
               offsetof(DorvexPkcs7SignedInfoBundle, count) == 0);
-// The list is filled here through its layout (below).
-static_assert(DORVEX_LIST_CAPACITY == sizeof(DorvexList::items) / sizeof(void *));
 
 // ---- decode and release -----------------------------------------------------
 
 namespace {
-
-// cms_asn1 sits below the PKI store's library, so the certificate list is
-// filled and emptied here with the store's own rules: append while fewer
-// than DORVEX_LIST_CAPACITY items are held, release from first to last.
-bool InternalListAppend(DorvexList &list, DorvexX509Cert *cert) {
-    if (list.count < 0 || list.count >= DORVEX_LIST_CAPACITY) {
-        return false;
-    }
-    list.items[list.count] = cert;
-    ++list.count;
-    return true;
-}
-
-void InternalReleaseCerts(DorvexList &list) {
-    for (int32_t i = 0; i < list.count && i < DORVEX_LIST_CAPACITY; ++i) {
-        DorvexX509FreeCert(static_cast<DorvexX509Cert *>(list.items[i]));
-    }
-    list.count = 0;
-}
 
 constexpr bool IsSequenceTag(const DorvexAsnOcts &raw) {
     return raw.tagClass == DRX_ASN_CLASS_UNIVERSAL && raw.constructed == 1 &&
@@ -332,7 +311,7 @@ uint32_t InternalDecodeCert(DorvexPkcs7SignedData &signedData) {
             DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, nullptr);
             return DORVEX_ERR_PKCS7_DECODE;
         }
-        if (!InternalListAppend(signedData.certList, cert)) {
+        if (DorvexListAdd(&signedData.certList, cert) != DORVEX_OK) {
             DorvexX509FreeCert(cert);
             DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, nullptr);
             return DORVEX_ERR_PKCS7_DECODE;
@@ -370,7 +349,7 @@ void DorvexPkcs7FreeSigned(DorvexPkcs7Content *content) {
     if (content == nullptr) {
         return;
     }
-    InternalReleaseCerts(content->signedData.certList);
+    DorvexListFree(&content->signedData.certList, DorvexX509FreeCertItem);
     DorvexAsnFree(content, &g_itemDorvexPkcs7Content);
 }
 

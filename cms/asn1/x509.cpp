@@ -524,6 +524,14 @@ void DorvexX509FreeCrl(DorvexX509Crl *crl) {
     InternalRelease(crl, g_itemDorvexX509Crl);
 }
 
+void DorvexX509FreeCertItem(void *cert) {
+    DorvexX509FreeCert(static_cast<DorvexX509Cert *>(cert));
+}
+
+void DorvexX509FreeCrlItem(void *crl) {
+    DorvexX509FreeCrl(static_cast<DorvexX509Crl *>(crl));
+}
+
 void DorvexX509CrlFindSerial(const DorvexX509Crl *crl, const DorvexAsnBigint *serial,
                              uint32_t *first, uint32_t *count) {
     if (first == nullptr || count == nullptr) {

@@ -15,14 +15,16 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tool/pkg_files.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 
 // verify_tool's limits: the checksum file, a path, a name.
-constexpr size_t kMaxListSize = 2000000;
-constexpr size_t kMaxPath = 4095;
-constexpr size_t kMaxName = 255;
+constexpr size_t kMaxListSize = kPkgListMaxSize;
+constexpr size_t kMaxPath = kPkgPathMax;
+constexpr size_t kMaxName = kPkgNameMax;
 
 [[noreturn]] void Refuse(const std::string &message) {
     throw std::runtime_error(message);

@@ -38,6 +38,8 @@
 #include <utility>
 #include <vector>
 
+#include "cms/dorvex.h"
+
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -117,7 +119,7 @@ constexpr char kUsage[] =
     "standard error); 2 bad command line.\n";
 
 // What verify_tool reads of a signature file at most.
-constexpr size_t kMaxFileSize = 2000000;
+constexpr size_t kMaxFileSize = DORVEX_MAX_FILE_SIZE;
 // verify_tool decodes at most two certificates in a SignedData (the signature
 // and the timestamp token alike) and RSA moduli of at most 512 bytes.
 constexpr size_t kMaxCerts = 2;
