@@ -15,12 +15,12 @@
 #include "cms/asn1/pkcs7.h"
 #include "cms/asn1/pubkey.h"
 #include "cms/internal.h"
-#include "cms/owned.h"
 #include "cms/pki/pki.h"
 
 namespace {
 
 using drx::BufferPtr;
+using drx::FilePtr;
 using drx::MdCtxPtr;
 using drx::MdInfoPtr;
 using drx::SignedPtr;
@@ -34,20 +34,6 @@ constexpr std::string_view kPemPkcs7Footer = "-----END PKCS7-----";
 
 // First key-usage octet: digitalSignature.
 constexpr uint32_t kDrxKuDigitalSignature = 0x80;
-
-struct FileClose {
-    void operator()(FILE *f) const { (void)DorvexFileClose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileClose>;
-
-uint32_t InternalAllocBuffer(uint64_t size, BufferPtr *out) {
-    void *block = nullptr;
-    uint32_t ret = DorvexMalloc(&block, size);
-    if (ret == DORVEX_OK) {
-        out->reset(static_cast<uint8_t *>(block));
-    }
-    return ret;
-}
 
 uint32_t InternalNewMdInfo(MdInfoPtr *out) {
     void *block = nullptr;

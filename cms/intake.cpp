@@ -12,7 +12,6 @@
 #include "cms/adapt/adapt.h"
 #include "cms/asn1/pubkey.h"
 #include "cms/internal.h"
-#include "cms/owned.h"
 #include "cms/pki/pki.h"
 
 namespace {
@@ -20,6 +19,7 @@ namespace {
 using drx::BufferPtr;
 using drx::CertPtr;
 using drx::CrlPtr;
+using drx::FilePtr;
 
 constexpr std::string_view kPemBegin = "-----BEGIN";
 constexpr std::string_view kPemEnd = "-----END";
@@ -33,26 +33,6 @@ constexpr std::string_view kPemCrlFooter = "-----END X509 CRL-----";
 // there are fewer than this (padding, a stray line break); more are an error.
 constexpr uint32_t kDrxIgnoredTailMax = 33;
 
-// Local collections of the intake; whatever they still hold loses this
-// reference on every exit, so only what the store took stays alive.
-struct LocalCerts {
-    DorvexList list{};
-    ~LocalCerts() { InternalFreeCertList(&list); }
-};
-struct LocalCrls {
-    DorvexList list{};
-    ~LocalCrls() { InternalFreeCrlList(&list); }
-};
-
-uint32_t InternalAllocBuffer(uint64_t size, BufferPtr *out) {
-    void *block = nullptr;
-    uint32_t ret = DorvexMalloc(&block, size);
-    if (ret == DORVEX_OK) {
-        out->reset(static_cast<uint8_t *>(block));
-    }
-    return ret;
-}
-
 // Hands the buffer to the context, which frees it with the context.
 uint32_t InternalKeepBuffer(DorvexVrfCtx *ctx, BufferPtr *buffer) {
     uint32_t ret = DorvexListAdd(&ctx->rawBuffers, buffer->get());
@@ -61,19 +41,6 @@ uint32_t InternalKeepBuffer(DorvexVrfCtx *ctx, BufferPtr *buffer) {
     }
     return ret;
 }
-
-void InternalCloseFile(FILE *file) {
-    int32_t ret = DorvexFileClose(file);
-    if (ret != 0) {
-        // The bytes are read already; a failing close loses nothing of them.
-        DORVEX_LOG_WARN(static_cast<uint32_t>(ret), "Failed to close file.");
-    }
-}
-
-struct FileClose {
-    void operator()(FILE *f) const { InternalCloseFile(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileClose>;
 
 // Damaged PEM blocks reported one by one; the rest are counted in one line,
 // so a hostile file cannot flood the log.
@@ -264,35 +231,37 @@ uint32_t InternalDecodeStreamCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uin
         const uint8_t *at = bytes + pos;
         const uint32_t left = length - pos;
         uint32_t used = 0;
-        DorvexX509Cert *cert = nullptr;
+        DorvexX509Cert *decodedCert = nullptr;
         // A record that claims to use nothing, or more than there is, would
         // stall or overrun the walk; it counts as not decoded.
-        if (DorvexX509DecodeCert(at, left, &cert, &used) == DORVEX_OK && used > 0 && used <= left) {
-            ret = DorvexListAdd(certs, cert);
+        const uint32_t certRet = DorvexX509DecodeCert(at, left, &decodedCert, &used);
+        CertPtr cert(decodedCert);
+        if (certRet == DORVEX_OK && used > 0 && used <= left) {
+            ret = DorvexListAdd(certs, cert.get());
             if (ret != DORVEX_OK) {
                 DORVEX_LOG_ERR(ret, "Too many certificates.");
-                DorvexX509FreeCert(cert);
                 return ret;
             }
+            (void)cert.release();
             pos += used;
             continue;
         }
-        DorvexX509FreeCert(cert);
-        DorvexX509Crl *crl = nullptr;
+        DorvexX509Crl *decodedCrl = nullptr;
         used = 0;
-        uint32_t crlRet = DorvexX509DecodeCrl(at, left, &crl, &used);
+        const uint32_t crlRet = DorvexX509DecodeCrl(at, left, &decodedCrl, &used);
+        CrlPtr crl(decodedCrl);
         if (crlRet == DORVEX_OK && used > 0 && used <= left) {
-            if (crls == nullptr) {
-                DorvexX509FreeCrl(crl);
-            } else if ((ret = DorvexListAdd(crls, crl)) != DORVEX_OK) {
-                DORVEX_LOG_ERR(ret, "Too many CRLs.");
-                DorvexX509FreeCrl(crl);
-                return ret;
+            if (crls != nullptr) {
+                ret = DorvexListAdd(crls, crl.get());
+                if (ret != DORVEX_OK) {
+                    DORVEX_LOG_ERR(ret, "Too many CRLs.");
+                    return ret;
+                }
+                (void)crl.release();
             }
             pos += used;
             continue;
         }
-        DorvexX509FreeCrl(crl);
         if (left < kDrxIgnoredTailMax) {
             return DORVEX_OK;
         }
@@ -513,7 +482,7 @@ extern "C" uint32_t DorvexVerifyAddCert(DorvexVrfCtx *ctx, const uint8_t *data, 
     if (ret != DORVEX_OK) {
         return ret;
     }
-    LocalCerts certs;
+    drx::CertList certs;
     ret = InternalDecodeCertCrl(ctx, data, length, &certs.list, nullptr);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to decode certificate.");
@@ -557,8 +526,8 @@ extern "C" uint32_t DorvexVerifyAddCrl(DorvexVrfCtx *ctx, const uint8_t *data, u
     if (ret != DORVEX_OK) {
         return ret;
     }
-    LocalCerts certs;
-    LocalCrls crls;
+    drx::CertList certs;
+    drx::CrlList crls;
     ret = InternalDecodeCertCrl(ctx, data, length, &certs.list, &crls.list);
     if (ret != DORVEX_OK || crls.list.count == 0) {
         DORVEX_LOG_ERR(DORVEX_ERR_CRL_DECODE, "Failed to decode CRL.");

@@ -39,6 +39,10 @@ typedef struct DorvexMdInfo {
 // frees it; null is ignored. Typed for DorvexListFree.
 void InternalFreeMdInfo(void *info);
 
+namespace drx {
+using MdInfoPtr = Owned<DorvexMdInfo, InternalFreeMdInfo>;
+}  // namespace drx
+
 // InternalCheckCtx: DORVEX_ERR_NULL_CTX for a null context,
 // DORVEX_ERR_CTX_SIZE for one whose size field is wrong; not logged.
 uint32_t InternalCheckCtx(const DorvexVrfCtx *ctx);

@@ -205,10 +205,6 @@ constexpr LevelStyle g_drxLogLevels[] = {
     {"[DEBUG]", DBG_LEVEL_DBG},
 };
 
-struct LibraryFree {
-    void operator()(void *p) const { DorvexFree(p); }
-};
-
 const char *OrEmpty(const char *s) {
     return s != nullptr ? s : "";
 }
@@ -260,7 +256,7 @@ extern "C" void DorvexLogCallback(uint32_t level, const char *file, uint32_t lin
         DorvexLogPrint(level, file, line, function, errorCode, format);
         return;
     }
-    std::unique_ptr<char, LibraryFree> buffer(static_cast<char *>(block));
+    drx::BlockPtr<char> buffer(static_cast<char *>(block));
     if (format != nullptr) {
         va_list args;
         va_start(args, format);
@@ -276,4 +272,20 @@ extern "C" void DorvexLogCallback(uint32_t level, const char *file, uint32_t lin
         }
     }
     DorvexLogPrint(level, file, line, function, errorCode, buffer.get());
+}
+
+uint32_t InternalAllocBuffer(uint64_t size, drx::BufferPtr *out) {
+    void *block = nullptr;
+    const uint32_t ret = DorvexMalloc(&block, size);
+    if (ret == DORVEX_OK) {
+        out->reset(static_cast<uint8_t *>(block));
+    }
+    return ret;
+}
+
+void InternalCloseFile(FILE *file) {
+    const int32_t ret = DorvexFileClose(file);
+    if (ret != 0) {
+        DORVEX_LOG_WARN(static_cast<uint32_t>(ret), "Failed to close file.");
+    }
 }

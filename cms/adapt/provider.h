@@ -116,6 +116,13 @@ uint64_t DrxBenchRsaVerifyCount(void);
 
 #ifdef __cplusplus
 }
+
+#include "cms/base/owned.h"
+
+namespace drx {
+using MdCtxPtr = Owned<DorvexMdCtx, DorvexMdDestoryCtx>;
+using VerifyCtxPtr = Owned<DorvexCryptoVerifyCtx, DorvexCryptoVerifyDestroyCtx>;
+}  // namespace drx
 #endif
 
 #endif  // CMS_ADAPT_PROVIDER_H

@@ -189,6 +189,21 @@ void DorvexAsnFree(void *record, const DorvexAsnItem *item);
 
 #ifdef __cplusplus
 }
+
+#include "cms/base/owned.h"
+
+namespace drx {
+
+template <const DorvexAsnItem *Item>
+void AsnFreeWith(void *record) {
+    DorvexAsnFree(record, Item);
+}
+
+// A record of DorvexAsnDecode against Item.
+template <typename T, const DorvexAsnItem *Item>
+using AsnPtr = Owned<T, AsnFreeWith<Item>>;
+
+}  // namespace drx
 #endif
 
 #endif  // CMS_ASN1_ASN1_H

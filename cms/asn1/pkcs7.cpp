@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "cms/adapt/adapt.h"
+#include "cms/asn1/internal.h"
 #include "cms/asn1/oid.h"
 
 namespace {
@@ -22,37 +23,12 @@ constexpr uint16_t kWhole = DRX_ASN_WITH_HEADER;
 constexpr uint16_t kImplicit = DRX_ASN_TAG_IMPLICIT;
 constexpr uint16_t kExplicit = DRX_ASN_TAG_EXPLICIT;
 
-// A row carrying the item's own tag.
-constexpr DorvexAsnTempl Row(const DorvexAsnItem *item, uint32_t offset, uint16_t flags = 0) {
-    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, 0};
-}
-
-// A row under an EXPLICIT or IMPLICIT context tag [number].
-constexpr DorvexAsnTempl Tagged(const DorvexAsnItem *item, uint16_t mode, uint32_t number,
-                                uint32_t offset, uint16_t flags = 0) {
-    return DorvexAsnTempl{item, number, mode, flags, offset, 0};
-}
-
-// The single row of a SET OF / SEQUENCE OF item.
-constexpr DorvexAsnTempl Elements(const DorvexAsnItem *item, uint32_t offset, uint32_t maxCount,
-                                  uint16_t flags = 0) {
-    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, maxCount};
-}
-
-// A row of a map item, selected by the attribute's identifier; the value
-// decoded is the attribute's first value.
-constexpr DorvexAsnTempl Keyed(const DorvexAsnItem *item, DorvexAoid key, uint32_t offset,
-                               uint16_t flags = kOpt) {
-    return DorvexAsnTempl{item, static_cast<uint32_t>(key), DRX_ASN_TAG_UNIVERSAL, flags, offset,
-                          0};
-}
-
-template <size_t N>
-constexpr DorvexAsnItem Structured(const DorvexAsnTempl (&rows)[N], const DorvexAsnFunc *func,
-                                   uint32_t number, uint32_t recordSize) {
-    return DorvexAsnItem{
-        rows, func, DRX_ASN_CLASS_UNIVERSAL, 1, number, static_cast<uint32_t>(N), recordSize};
-}
+using drx_asn::Counted;
+using drx_asn::Elements;
+using drx_asn::Keyed;
+using drx_asn::Row;
+using drx_asn::Structured;
+using drx_asn::Tagged;
 
 // ---- SignedData -------------------------------------------------------------
 
@@ -78,11 +54,6 @@ constexpr DorvexAsnTempl g_templDorvexPkcs7IssuerAndSerial[] = {
     Row(&g_itemDorvexAsnBigint, offsetof(DorvexPkcs7IssuerAndSerial, serialNumber),
         DRX_ASN_SIGNED_INT),
 };
-
-// A map row counting the attributes of `key`.
-constexpr DorvexAsnTempl Counted(DorvexAoid key, uint32_t offset) {
-    return Keyed(&g_itemDorvexAsnOcts, key, offset, kOpt | DRX_ASN_MAP_COUNT);
-}
 
 // SignedAttributes ::= SET SIZE (1..MAX) OF Attribute, dispatched by attrType:
 //     id-messageDigest            -> messageDigest (content of its only value), counted
@@ -304,18 +275,19 @@ uint32_t InternalDecodeCert(DorvexPkcs7SignedData &signedData) {
     const DorvexX509CertRawBundle &raw = signedData.certificates;
     for (uint32_t i = 0; i < raw.count && i < DRX_PKCS7_MAX_CERTS; ++i) {
         const DorvexAsnOcts &der = raw.certs[i];
-        DorvexX509Cert *cert = nullptr;
+        DorvexX509Cert *decoded = nullptr;
         uint32_t used = 0;
         if (!IsSequenceTag(der) ||
-            DorvexX509DecodeCert(der.data, der.len, &cert, &used) != DORVEX_OK) {
+            DorvexX509DecodeCert(der.data, der.len, &decoded, &used) != DORVEX_OK) {
             DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, nullptr);
             return DORVEX_ERR_PKCS7_DECODE;
         }
-        if (DorvexListAdd(&signedData.certList, cert) != DORVEX_OK) {
-            DorvexX509FreeCert(cert);
+        drx::CertPtr cert(decoded);
+        if (DorvexListAdd(&signedData.certList, cert.get()) != DORVEX_OK) {
             DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, nullptr);
             return DORVEX_ERR_PKCS7_DECODE;
         }
+        (void)cert.release();
     }
     return DORVEX_OK;
 }
@@ -335,12 +307,11 @@ uint32_t DorvexPkcs7DecodeSigned(const uint8_t *data, uint32_t size, DorvexPkcs7
     if (DorvexAsnDecode(data, size, &g_itemDorvexPkcs7Content, 0, &record, &used) != DORVEX_OK) {
         return DORVEX_ERR_PKCS7_DECODE;
     }
-    auto *decoded = static_cast<DorvexPkcs7Content *>(record);
+    drx::SignedPtr decoded(static_cast<DorvexPkcs7Content *>(record));
     if (InternalDecodeCert(decoded->signedData) != DORVEX_OK) {
-        DorvexPkcs7FreeSigned(decoded);
         return DORVEX_ERR_PKCS7_DECODE;
     }
-    *content = decoded;
+    *content = decoded.release();
     *consumed = used;
     return DORVEX_OK;
 }

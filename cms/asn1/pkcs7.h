@@ -149,6 +149,10 @@ void DorvexPkcs7FreeSigned(DorvexPkcs7Content *content);
 
 #ifdef __cplusplus
 }
+
+namespace drx {
+using SignedPtr = Owned<DorvexPkcs7Content, DorvexPkcs7FreeSigned>;
+}  // namespace drx
 #endif
 
 #endif  // CMS_ASN1_PKCS7_H

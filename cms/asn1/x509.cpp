@@ -27,44 +27,12 @@ constexpr uint16_t kPeekWhole = DRX_ASN_PEEK | DRX_ASN_WITH_HEADER;
 // Serial numbers are compared as numbers: kept as encoded, minimal only.
 constexpr uint16_t kSerial = DRX_ASN_SIGNED_INT;
 
-// A row carrying the item's own tag.
-constexpr DorvexAsnTempl Row(const DorvexAsnItem *item, uint32_t offset, uint16_t flags = 0) {
-    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, 0};
-}
-
-// A row under an EXPLICIT or IMPLICIT context tag [number].
-constexpr DorvexAsnTempl Tagged(const DorvexAsnItem *item, uint16_t mode, uint32_t number,
-                                uint32_t offset, uint16_t flags = 0) {
-    return DorvexAsnTempl{item, number, mode, flags, offset, 0};
-}
-
-// The single row of a SET OF / SEQUENCE OF item.
-constexpr DorvexAsnTempl Elements(const DorvexAsnItem *item, uint32_t offset, uint32_t maxCount) {
-    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, 0, offset, maxCount};
-}
-
-// A row of a map item, selected by the entry's identifier.
-constexpr DorvexAsnTempl Keyed(const DorvexAsnItem *item, DorvexAoid key, uint32_t offset) {
-    return DorvexAsnTempl{item, static_cast<uint32_t>(key), DRX_ASN_TAG_UNIVERSAL, kOpt, offset, 0};
-}
-
-// A map row recording the critical flag of the entries with `key`; with
-// AOID_UNKNOWN, of every critical entry no other row reads.
-constexpr DorvexAsnTempl Critical(DorvexAoid key, uint32_t offset) {
-    return DorvexAsnTempl{&g_itemDorvexAsnBool,
-                          static_cast<uint32_t>(key),
-                          DRX_ASN_TAG_UNIVERSAL,
-                          kOpt | DRX_ASN_MAP_CRITICAL,
-                          offset,
-                          0};
-}
-
-template <size_t N>
-constexpr DorvexAsnItem Structured(const DorvexAsnTempl (&rows)[N], const DorvexAsnFunc *func,
-                                   uint32_t number, uint32_t recordSize) {
-    return DorvexAsnItem{
-        rows, func, DRX_ASN_CLASS_UNIVERSAL, 1, number, static_cast<uint32_t>(N), recordSize};
-}
+using drx_asn::Critical;
+using drx_asn::Elements;
+using drx_asn::Keyed;
+using drx_asn::Row;
+using drx_asn::Structured;
+using drx_asn::Tagged;
 
 // ---- names ----------------------------------------------------------------
 

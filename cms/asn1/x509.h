@@ -279,6 +279,14 @@ uint32_t DorvexConvertDatetimeToTime(const DorvexAsnOcts *time, int64_t *seconds
 
 #ifdef __cplusplus
 }
+
+namespace drx {
+using CertPtr = Owned<DorvexX509Cert, DorvexX509FreeCert>;
+using CrlPtr = Owned<DorvexX509Crl, DorvexX509FreeCrl>;
+// Lists holding one reference on each certificate or CRL.
+using CertList = OwnedList<DorvexX509FreeCertItem>;
+using CrlList = OwnedList<DorvexX509FreeCrlItem>;
+}  // namespace drx
 #endif
 
 #endif  // CMS_ASN1_X509_H
