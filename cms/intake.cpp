@@ -21,13 +21,8 @@ using drx::CertPtr;
 using drx::CrlPtr;
 using drx::FilePtr;
 
-constexpr std::string_view kPemBegin = "-----BEGIN";
-constexpr std::string_view kPemEnd = "-----END";
-constexpr std::string_view kPemDashes = "-----";
-constexpr std::string_view kPemCertHeader = "-----BEGIN CERTIFICATE-----";
-constexpr std::string_view kPemCertFooter = "-----END CERTIFICATE-----";
-constexpr std::string_view kPemCrlHeader = "-----BEGIN X509 CRL-----";
-constexpr std::string_view kPemCrlFooter = "-----END X509 CRL-----";
+constexpr std::string_view kPemCertLabel = "CERTIFICATE";
+constexpr std::string_view kPemCrlLabel = "X509 CRL";
 
 // Trailing bytes of a DER stream that decode as nothing are ignored when
 // there are fewer than this (padding, a stray line break); more are an error.
@@ -56,32 +51,20 @@ struct PemDerArea {
     uint32_t used = 0;
 };
 
-// InternalPemBlockDer: decodes the body of one PEM block `text`
-// that begins with `header` into the next free bytes of `area`. The body
-// starts `bodySkip` characters behind the header and runs to the first
-// `footer` inside the block; the search never leaves the block, so a walk
-// over many blocks stays linear in the text.
-uint32_t InternalPemBlockDer(std::string_view text, std::string_view header, size_t bodySkip,
-                             std::string_view footer, PemDerArea *area, const uint8_t **der,
-                             uint32_t *derLen) {
-    const size_t bodyStart = header.size() + bodySkip;
-    const size_t bodyEnd = text.find(footer);
-    if (bodyEnd == std::string_view::npos || bodyEnd <= bodyStart) {
-        return DORVEX_ERR_INPUT_FORMAT;
-    }
-    if (bodyEnd - bodyStart > INT32_MAX) {
-        return DORVEX_ERR_BASE64;
-    }
-    const auto *src = reinterpret_cast<const uint8_t *>(text.data() + bodyStart);
-    const auto srcLen = static_cast<int32_t>(bodyEnd - bodyStart);
-    uint32_t room = area->capacity - area->used;
-    uint8_t *dst = area->bytes + area->used;
-    uint32_t ret = DorvexBase64Decode(src, srcLen, dst, &room);
+// InternalPemBlockDer: decodes the body of one PEM block labelled `label`
+// into the next free bytes of `area`.
+uint32_t InternalPemBlockDer(std::string_view whole, std::string_view label, PemDerArea *area,
+                             const uint8_t **der, uint32_t *derLen) {
+    std::string_view body;
+    uint32_t ret = InternalPemBody(whole, label, &body);
     if (ret != DORVEX_OK) {
         return ret;
     }
-    if (room == 0 || room > area->capacity - area->used) {
-        return DORVEX_ERR_INPUT_FORMAT;
+    uint8_t *dst = area->bytes + area->used;
+    uint32_t room = area->capacity - area->used;
+    ret = InternalPemDecodeBody(body, dst, &room);
+    if (ret != DORVEX_OK) {
+        return ret;
     }
     *der = dst;
     *derLen = room;
@@ -92,11 +75,9 @@ uint32_t InternalPemBlockDer(std::string_view text, std::string_view header, siz
 // `area`. A failure leaves nothing in the list; the caller reports it and
 // goes on with the next block.
 uint32_t InternalPemDecodeCert(std::string_view block, PemDerArea *area, DorvexList *certs) {
-    // The body starts behind the header and one line-break character.
     const uint8_t *der = nullptr;
     uint32_t derLen = 0;
-    uint32_t ret =
-        InternalPemBlockDer(block, kPemCertHeader, 1, kPemCertFooter, area, &der, &derLen);
+    uint32_t ret = InternalPemBlockDer(block, kPemCertLabel, area, &der, &derLen);
     if (ret != DORVEX_OK) {
         return ret;
     }
@@ -120,11 +101,9 @@ uint32_t InternalPemDecodeCert(std::string_view block, PemDerArea *area, DorvexL
 // the caller collects no CRLs the block is still decoded, so that a damaged
 // one is reported, and then dropped.
 uint32_t InternalPemDecodeCrl(std::string_view block, PemDerArea *area, DorvexList *crls) {
-    // The body starts right behind the header; the base64 decoder steps over
-    // the line break.
     const uint8_t *der = nullptr;
     uint32_t derLen = 0;
-    uint32_t ret = InternalPemBlockDer(block, kPemCrlHeader, 0, kPemCrlFooter, area, &der, &derLen);
+    uint32_t ret = InternalPemBlockDer(block, kPemCrlLabel, area, &der, &derLen);
     if (ret != DORVEX_OK) {
         return ret;
     }
@@ -152,8 +131,7 @@ uint32_t InternalPemDecodeCrl(std::string_view block, PemDerArea *area, DorvexLi
 uint32_t InternalDecodePemCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length,
                                   DorvexList *certs, DorvexList *crls) {
     const std::string_view text(reinterpret_cast<const char *>(data), length);
-    // Base64 gives three bytes for every four characters at most.
-    const uint32_t capacity = length / 4 * 3 + 3;
+    const uint32_t capacity = InternalPemDerCapacity(length);
     BufferPtr derBuffer;
     uint32_t ret = InternalAllocBuffer(capacity, &derBuffer);
     if (ret != DORVEX_OK) {
@@ -161,33 +139,23 @@ uint32_t InternalDecodePemCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32
     }
     PemDerArea area{derBuffer.get(), capacity, 0};
     uint32_t damaged = 0;
-    size_t block = text.find(kPemBegin);
-    while (block != std::string_view::npos) {
-        // "-----BEGIN" holds no dash after its fifth character, so the end
-        // marker lies behind it and so does the label (one blank after it).
-        const size_t endMarker = text.find(kPemEnd, block);
-        const size_t closing = endMarker == std::string_view::npos
-                                   ? endMarker
-                                   : text.find(kPemDashes, endMarker + kPemEnd.size());
-        if (closing == std::string_view::npos) {
+    DrxPemBlock block{};
+    for (size_t from = 0; InternalPemNextBlock(text, from, &block); from = block.end) {
+        if (block.end == std::string_view::npos) {
             DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "PEM block without end marker.");
             ret = DORVEX_ERR_INPUT_FORMAT;
             break;
         }
-        const size_t blockEnd = closing + kPemDashes.size();
-        const std::string_view whole = text.substr(block, blockEnd - block);
-        // The exact header implies the label; "CERTIFICATE REQUEST" and the
-        // like do not match it and are skipped.
+        // "CERTIFICATE REQUEST" and the like are skipped.
         uint32_t blockRet = DORVEX_OK;
-        if (whole.starts_with(kPemCertHeader)) {
-            blockRet = InternalPemDecodeCert(whole, &area, certs);
-        } else if (whole.starts_with(kPemCrlHeader)) {
-            blockRet = InternalPemDecodeCrl(whole, &area, crls);
+        if (InternalPemHasLabel(block.whole, kPemCertLabel)) {
+            blockRet = InternalPemDecodeCert(block.whole, &area, certs);
+        } else if (InternalPemHasLabel(block.whole, kPemCrlLabel)) {
+            blockRet = InternalPemDecodeCrl(block.whole, &area, crls);
         }
         if (blockRet != DORVEX_OK && ++damaged <= kDrxPemReportMax) {
-            DORVEX_LOG_ERR(blockRet, "Invalid PEM block at offset %zu.", block);
+            DORVEX_LOG_ERR(blockRet, "Invalid PEM block at offset %zu.", block.start);
         }
-        block = text.find(kPemBegin, blockEnd);
     }
     if (damaged > kDrxPemReportMax) {
         DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "%u more invalid PEM blocks skipped.",
@@ -419,7 +387,7 @@ uint32_t InternalDecodeCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t 
         DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "Input of %u bytes is too short.", length);
         return DORVEX_ERR_INPUT_FORMAT;
     }
-    if (memcmp(data, kPemBegin.data(), kPemBegin.size()) == 0) {
+    if (InternalIsPem(data, length)) {
         return InternalDecodePemCertCrl(ctx, data, length, certs, crls);
     }
     return InternalDecodeStreamCertCrl(ctx, data, length, certs, crls);

@@ -203,6 +203,17 @@ void AsnFreeWith(void *record) {
 template <typename T, const DorvexAsnItem *Item>
 using AsnPtr = Owned<T, AsnFreeWith<Item>>;
 
+// AsnDecodeOwned: DorvexAsnDecode of one element against Item into *out;
+// the decoder's code on failure.
+template <const DorvexAsnItem *Item, typename T>
+uint32_t AsnDecodeOwned(const uint8_t *data, uint32_t size, AsnPtr<T, Item> *out) {
+    void *record = nullptr;
+    uint32_t used = 0;
+    const uint32_t ret = DorvexAsnDecode(data, size, Item, 0, &record, &used);
+    out->reset(static_cast<T *>(record));
+    return ret;
+}
+
 }  // namespace drx
 #endif
 

@@ -682,19 +682,19 @@ uint32_t DorvexAsnDecode(const uint8_t *data, uint32_t size, const DorvexAsnItem
     if (ret != DORVEX_OK) {
         return ret;
     }
-    void *out = nullptr;
-    ret = DorvexMallocWith0(&out, item->recordSize);
+    void *block = nullptr;
+    ret = DorvexMallocWith0(&block, item->recordSize);
     if (ret != DORVEX_OK) {
         return ret;
     }
+    drx::BlockPtr<void> out(block);
     const DorvexAsnTempl top = {item, 0, DRX_ASN_TAG_UNIVERSAL, flags, 0, 0};
     uint32_t used = 0;
-    ret = func(&buf, out, &used, &top);
+    ret = func(&buf, out.get(), &used, &top);
     if (ret != DORVEX_OK) {
-        DorvexFree(out);
         return ret;
     }
-    *record = out;
+    *record = out.release();
     *consumed = used;
     return DORVEX_OK;
 }

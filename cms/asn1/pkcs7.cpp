@@ -330,22 +330,25 @@ uint32_t DorvexPkcs7EssCertHash(const DorvexAsnOcts *value, uint32_t v2, int32_t
         certHash == nullptr) {
         return DORVEX_ERR_PARAM;
     }
-    void *record = nullptr;
-    uint32_t used = 0;
-    if (DorvexAsnDecode(value->data, value->len, &g_itemDorvexEssSigningCert, 0, &record, &used) !=
+    drx::AsnPtr<DorvexAsnOcts, &g_itemDorvexEssSigningCert> signing;
+    if (drx::AsnDecodeOwned<&g_itemDorvexEssSigningCert>(value->data, value->len, &signing) !=
         DORVEX_OK) {
         return DORVEX_ERR_PKCS7_DECODE;
     }
-    const DorvexAsnOcts certs = *static_cast<DorvexAsnOcts *>(record);
-    DorvexAsnFree(record, &g_itemDorvexEssSigningCert);
+    const DorvexAsnOcts certs = *signing;
     // An empty list names no certificate, which cannot be the one that signed.
-    if (certs.data == nullptr || certs.len == 0 ||
-        DorvexAsnDecode(certs.data, certs.len,
-                        v2 != 0 ? &g_itemDorvexEssCertIdV2 : &g_itemDorvexEssCertId, 0, &record,
-                        &used) != DORVEX_OK) {
+    if (certs.data == nullptr || certs.len == 0) {
         return DORVEX_ERR_PKCS7_DECODE;
     }
-    const auto *id = static_cast<const DorvexEssCertId *>(record);
+    drx::AsnPtr<DorvexEssCertId, &g_itemDorvexEssCertId> idV1;
+    drx::AsnPtr<DorvexEssCertId, &g_itemDorvexEssCertIdV2> idV2;
+    const uint32_t decoded =
+        v2 != 0 ? drx::AsnDecodeOwned<&g_itemDorvexEssCertIdV2>(certs.data, certs.len, &idV2)
+                : drx::AsnDecodeOwned<&g_itemDorvexEssCertId>(certs.data, certs.len, &idV1);
+    if (decoded != DORVEX_OK) {
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    const DorvexEssCertId *id = v2 != 0 ? idV2.get() : idV1.get();
     if (v2 == 0) {
         *hashAoid = AOID_SHA1;
     } else if (id->hashAlgorithm.algorithm.data == nullptr) {
@@ -354,6 +357,5 @@ uint32_t DorvexPkcs7EssCertHash(const DorvexAsnOcts *value, uint32_t v2, int32_t
         *hashAoid = DorvexFindAoid(&id->hashAlgorithm.algorithm);
     }
     *certHash = id->certHash;
-    DorvexAsnFree(record, v2 != 0 ? &g_itemDorvexEssCertIdV2 : &g_itemDorvexEssCertId);
     return DORVEX_OK;
 }

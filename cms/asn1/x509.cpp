@@ -477,10 +477,11 @@ uint32_t DorvexX509DecodeCrl(const uint8_t *data, uint32_t size, DorvexX509Crl *
     if (ret != DORVEX_OK) {
         return ret;
     }
-    ret = InternalDecodeRevoked((*crl)->crlInfo.revokedCertificates);
-    if (ret != DORVEX_OK) {
-        DorvexX509FreeCrl(*crl);
-        *crl = nullptr;
+    drx::CrlPtr decoded(*crl);
+    *crl = nullptr;
+    ret = InternalDecodeRevoked(decoded->crlInfo.revokedCertificates);
+    if (ret == DORVEX_OK) {
+        *crl = decoded.release();
     }
     return ret;
 }
@@ -540,14 +541,12 @@ bool DorvexX509GeneralNamesHold(const DorvexAsnOcts *names, const DorvexX509Name
         }
         void *record = nullptr;
         uint32_t used = 0;
-        if (DorvexAsnDecode(general.data, general.len, &g_itemDorvexX509Name, 0, &record, &used) !=
-            DORVEX_OK) {
-            return false;
-        }
-        const bool same = used == general.len &&
-                          DorvexCompareX509Name(static_cast<DorvexX509Name *>(record), name) == 0;
-        DorvexAsnFree(record, &g_itemDorvexX509Name);
-        return same;
+        const uint32_t ret =
+            DorvexAsnDecode(general.data, general.len, &g_itemDorvexX509Name, 0, &record, &used);
+        const drx::AsnPtr<DorvexX509Name, &g_itemDorvexX509Name> decoded(
+            static_cast<DorvexX509Name *>(record));
+        return ret == DORVEX_OK && used == general.len &&
+               DorvexCompareX509Name(decoded.get(), name) == 0;
     });
 }
 
