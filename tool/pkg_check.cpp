@@ -7,10 +7,7 @@
 #include "cms/dorvex.h"
 #include "platform/lzeb_mem.h"
 #include "platform/securec.h"
-#include "root_cert/root_cert.h"
 #include "tool/verify_tool.h"
-
-static_assert(ROOT_CERT_LEN == ROOT_CERT_HEAD_LEN + ROOT_CERT_TAIL_LEN);
 
 namespace {
 
@@ -19,24 +16,6 @@ constexpr uint32_t kCheckFailed = 0xFFFFFFFFu;
 constexpr uint64_t kCreateParamsSize = 72;
 
 }  // namespace
-
-uint32_t GenerateRootCert(uint8_t **buffer, uint32_t *length) {
-    auto *block = static_cast<uint8_t *>(LZEB_MallocSubStandard(
-        DBG_MODULE_VERIFY_TOOL, ROOT_CERT_LEN, 0, "GenerateRootCert", __LINE__));
-    if (block == nullptr) {
-        TOOL_LOG(DBG_LEVEL_ERR, "Initialize root certificate failed.");
-        return DORVEX_ERR_MALLOC;
-    }
-    if (memcpy_s(block, ROOT_CERT_LEN, g_rootCert0, ROOT_CERT_HEAD_LEN) != SEC_OK ||
-        memcpy_s(block + ROOT_CERT_HEAD_LEN, ROOT_CERT_TAIL_LEN, g_rootCert1, ROOT_CERT_TAIL_LEN) !=
-            SEC_OK) {
-        LZEB_FreeSub(block, "GenerateRootCert", __LINE__);
-        return DORVEX_ERR_MALLOC;
-    }
-    *buffer = block;
-    *length = ROOT_CERT_LEN;
-    return 0;
-}
 
 uint32_t VerifyProcessPostHandle(uint32_t result, DorvexVrfCtx *context, uint8_t *rootBuffer) {
     if (context != nullptr) {

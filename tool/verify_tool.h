@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include "dbglog/dbglog.h"
+#include "root_cert/root_cert.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -56,10 +57,6 @@ uint32_t VerifyCmsFile(const char *cmsPath, const char *checksumPath, const char
 // Frees whichever of the two exists and hands `result` back unchanged.
 uint32_t VerifyProcessPostHandle(uint32_t result, struct DorvexVrfCtx *context,
                                  uint8_t *rootBuffer);
-
-// Joins the built-in root certificate into one new block (the caller frees it
-// with LZEB_FreeSub); 0, or DORVEX_ERR_MALLOC when memory is short.
-uint32_t GenerateRootCert(uint8_t **buffer, uint32_t *length);
 
 #ifdef __cplusplus
 }
