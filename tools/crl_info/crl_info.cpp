@@ -69,8 +69,13 @@ const char *LoadError(uint32_t code) {
             return "cannot open the file";
         case DORVEX_ERR_FILE_EMPTY:
             return "the file is empty";
-        case DORVEX_ERR_FILE_TOO_LARGE:
-            return "the file is larger than 2000000 bytes";
+        case DORVEX_ERR_FILE_TOO_LARGE: {
+            // The CRL file's limit, not the signature file's.
+            static char text[64];
+            snprintf(text, sizeof text, "the file is larger than %u bytes",
+                     DORVEX_MAX_CRL_FILE_SIZE);
+            return text;
+        }
         case DORVEX_ERR_FILE_READ:
             return "cannot read the file";
         case DORVEX_ERR_CRL_DECODE:
