@@ -1,9 +1,12 @@
 // Handler of "CHECK_PKG_INTEGRITY": is the checksum file authentic?
 //
-// The order is fixed: context, built-in root, CRL file, then the one-call
-// detached verification of the checksum file against the CMS signature. The
-// context and the root block are released on every path after the context
-// exists.
+// Context, built-in root, CRL file, then the one-call detached verification
+// of the checksum file against the CMS signature: the root goes in first so
+// that the store, which answers every lookup with the first fitting
+// certificate, finds it before anything a file brings, and the CRLs go in
+// before the signature because paths are judged, revocation included, while
+// it is checked. The context and the root block are released on every path
+// after the context exists.
 #include "cms/dorvex.h"
 #include "platform/lzeb_mem.h"
 #include "platform/securec.h"
