@@ -109,7 +109,7 @@ function(vt_embed_root_cert der out)
     _vt_c_bytes("${hex}" ${head_len} ${VT_ROOT_TAIL_LEN} tail)
     file(CONFIGURE OUTPUT "${out}" @ONLY CONTENT
 "// Generated from @der@ by cmake/EmbedRootCert.cmake; do not edit.
-#include \"tool/root_cert.h\"
+#include \"root_cert/root_cert.h\"
 
 const unsigned char g_rootCert0[ROOT_CERT_HEAD_LEN] = {
 @head@};

@@ -8,7 +8,7 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 # One include root: the headers include each other by their path from it
-# ("cms/dorvex_errno.h", "platform/securec.h").
+# ("cms/base/dorvex_errno.h", "platform/securec.h").
 set(VT_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/dorvex)
 set(VT_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/Dorvex)
 set(VT_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
@@ -18,13 +18,13 @@ install(FILES ${PROJECT_SOURCE_DIR}/doc/verify_tool.1 DESTINATION ${CMAKE_INSTAL
 
 # vt_warnings carries only build-tree settings; it is exported as an empty
 # interface because every library links it publicly.
-install(TARGETS cms cms_pki cms_asn1 cms_adapt dbglog platform vt_warnings
+install(TARGETS cms cms_pki cms_asn1 cms_adapt cms_base dbglog platform vt_warnings
     EXPORT DorvexTargets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
     INCLUDES DESTINATION ${VT_INSTALL_INCLUDEDIR})
 
 set(VT_PUBLIC_HEADERS
-    cms/dorvex.h cms/dorvex_errno.h cms/vrf_ctx.h cms/asn1/list.h
+    cms/dorvex.h cms/base/dorvex_errno.h cms/base/vrf_ctx.h cms/base/list.h
     dbglog/dbglog.h dbglog/zeb_sys.h
     platform/securec.h platform/lzeb_mem.h platform/lzeb_file.h platform/lzeb_exec.h
     platform/rbtree.h)

@@ -17,17 +17,6 @@ namespace {
 constexpr std::string_view kPemBegin = "-----BEGIN";
 constexpr std::string_view kPemCrlHeader = "-----BEGIN X509 CRL-----";
 
-// Decoded records of one input; this reference is dropped on every exit, so
-// only what the store took stays alive.
-struct DecodedRecords {
-    DorvexList certs{};
-    DorvexList crls{};
-    ~DecodedRecords() {
-        InternalFreeCertList(&certs);
-        InternalFreeCrlList(&crls);
-    }
-};
-
 void InternalFreeCrlInfo(DorvexCrlInfo *info) {
     if (info != nullptr) {
         DorvexFree(info->revoked);
@@ -35,10 +24,7 @@ void InternalFreeCrlInfo(DorvexCrlInfo *info) {
     }
 }
 
-struct CrlInfoFree {
-    void operator()(DorvexCrlInfo *info) const { InternalFreeCrlInfo(info); }
-};
-using CrlInfoPtr = std::unique_ptr<DorvexCrlInfo, CrlInfoFree>;
+using CrlInfoPtr = drx::Owned<DorvexCrlInfo, InternalFreeCrlInfo>;
 
 // A list of somebody else's making may claim any count; never walk past
 // its slots.
@@ -56,10 +42,7 @@ void InternalFreeCrlInfoList(DorvexCrlInfoList *list) {
     DorvexFree(list);
 }
 
-struct CrlInfoListFree {
-    void operator()(DorvexCrlInfoList *list) const { InternalFreeCrlInfoList(list); }
-};
-using CrlInfoListPtr = std::unique_ptr<DorvexCrlInfoList, CrlInfoListFree>;
+using CrlInfoListPtr = drx::Owned<DorvexCrlInfoList, InternalFreeCrlInfoList>;
 
 // The PEM walk of the intake logs and skips a block that does not fit the
 // 16-slot lists, so a PEM file with too many CRLs would come back cut
@@ -127,19 +110,19 @@ uint32_t InternalCheckParamDecodeCrlFile(const DorvexVrfCtx *ctx, const char *pa
 // cannot be rendered (an attribute type the library does not know); the
 // CRL is still worth reporting then.
 void InternalGetCrlIssuerName(const DorvexX509Crl *crl, DorvexCrlInfo *info) {
-    char *rendered = nullptr;
+    char *text = nullptr;
     uint32_t renderedLen = 0;
-    if (DorvexConvertFromX509Name(&crl->crlInfo.issuer, &rendered, &renderedLen) != DORVEX_OK) {
-        DorvexFree(rendered);
+    const uint32_t converted = DorvexConvertFromX509Name(&crl->crlInfo.issuer, &text, &renderedLen);
+    const drx::BlockPtr<char> rendered(text);
+    if (converted != DORVEX_OK) {
         return;
     }
-    int ret = strncpy_s(info->issuerName, sizeof(info->issuerName), rendered,
+    int ret = strncpy_s(info->issuerName, sizeof(info->issuerName), rendered.get(),
                         std::min<size_t>(renderedLen, sizeof(info->issuerName) - 1));
     if (ret != SEC_OK) {
         info->issuerName[0] = '\0';
         DORVEX_LOG_WARN(static_cast<uint32_t>(ret), "Failed to copy CRL issuer name.");
     }
-    DorvexFree(rendered);
 }
 
 // InternalGetCrlRevoked: the serials a root's CRL revokes, in CRL order.
@@ -395,28 +378,31 @@ extern "C" uint32_t DorvexDecodeCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint
         return ret;
     }
     *list = nullptr;
-    DecodedRecords records;
-    ret = InternalDecodeCertCrl(ctx, data, size, &records.certs, &records.crls);
-    if (InternalTooManyCrls(data, size, ret, records.crls)) {
+    // Each decoded record loses this reference on every exit, so only what
+    // the store took stays alive.
+    drx::CertList certs;
+    drx::CrlList crls;
+    ret = InternalDecodeCertCrl(ctx, data, size, &certs.list, &crls.list);
+    if (InternalTooManyCrls(data, size, ret, crls.list)) {
         DORVEX_LOG_ERR(DORVEX_ERR_CRL_TOO_MANY, "Decode CRL failed.");
         return DORVEX_ERR_CRL_TOO_MANY;
     }
-    if (ret != DORVEX_OK || records.crls.count == 0) {
+    if (ret != DORVEX_OK || crls.list.count == 0) {
         DORVEX_LOG_ERR(DORVEX_ERR_CRL_DECODE, "Failed to decode CRL.");
         return DORVEX_ERR_CRL_DECODE;
     }
-    ret = InternalAddCrlToStore(ctx, &records.crls);
+    ret = InternalAddCrlToStore(ctx, &crls.list);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(DORVEX_ERR_CRL_DECODE, "Failed to add CRL into store (0x%x).", ret);
         return DORVEX_ERR_CRL_DECODE;
     }
     // The CA certificates must come with their CRLs, so that the file can be
     // judged on its own; a root in it is no source of trust and is skipped.
-    if (records.certs.count == 0) {
+    if (certs.list.count == 0) {
         DORVEX_LOG_ERR(DORVEX_ERR_CRL_DECODE, "No certificate beside the CRLs.");
         return DORVEX_ERR_CRL_DECODE;
     }
-    ret = InternalAddCertToStore(ctx, &records.certs, false);
+    ret = InternalAddCertToStore(ctx, &certs.list, false);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(DORVEX_ERR_CRL_DECODE, "Failed to add certificate into store (0x%x).", ret);
         return DORVEX_ERR_CRL_DECODE;
@@ -430,10 +416,10 @@ extern "C" uint32_t DorvexDecodeCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint
     CrlInfoListPtr out(static_cast<DorvexCrlInfoList *>(block));
     out->size = sizeof(DorvexCrlInfoList);
     const auto crlCount =
-        static_cast<uint32_t>(std::clamp<int32_t>(records.crls.count, 0, DORVEX_LIST_CAPACITY));
+        static_cast<uint32_t>(std::clamp<int32_t>(crls.list.count, 0, DORVEX_LIST_CAPACITY));
     for (uint32_t i = 0; i < crlCount; ++i) {
         CrlInfoPtr info =
-            InternalGetCrlInfo(ctx, static_cast<const DorvexX509Crl *>(records.crls.items[i]));
+            InternalGetCrlInfo(ctx, static_cast<const DorvexX509Crl *>(crls.list.items[i]));
         if (info != nullptr) {
             out->crlInfo[out->count++] = info.release();
         }
@@ -456,9 +442,8 @@ extern "C" uint32_t DorvexDecodeCrlFile(DorvexVrfCtx *ctx, const char *path,
         DORVEX_LOG_ERR(ret, "Failed to read CRL file.");
         return ret;
     }
-    ret = DorvexDecodeCrl(ctx, data, length, list);
-    DorvexFree(data);
-    return ret;
+    const drx::BufferPtr guard(data);
+    return DorvexDecodeCrl(ctx, data, length, list);
 }
 
 extern "C" uint32_t DorvexCrlCompare(DorvexVrfCtx *ctx, const DorvexCrlInfoList *first,

@@ -15,39 +15,22 @@
 #include "cms/asn1/pkcs7.h"
 #include "cms/asn1/pubkey.h"
 #include "cms/internal.h"
-#include "cms/owned.h"
 #include "cms/pki/pki.h"
 
 namespace {
 
 using drx::BufferPtr;
+using drx::FilePtr;
 using drx::MdCtxPtr;
 using drx::MdInfoPtr;
 using drx::SignedPtr;
 using drx::VerifyCtxPtr;
 
-constexpr std::string_view kPemBegin = "-----BEGIN";
-constexpr std::string_view kPemCmsHeader = "-----BEGIN CMS-----";
-constexpr std::string_view kPemCmsFooter = "-----END CMS-----";
-constexpr std::string_view kPemPkcs7Header = "-----BEGIN PKCS7-----";
-constexpr std::string_view kPemPkcs7Footer = "-----END PKCS7-----";
+constexpr std::string_view kPemCmsLabel = "CMS";
+constexpr std::string_view kPemPkcs7Label = "PKCS7";
 
 // First key-usage octet: digitalSignature.
 constexpr uint32_t kDrxKuDigitalSignature = 0x80;
-
-struct FileClose {
-    void operator()(FILE *f) const { (void)DorvexFileClose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileClose>;
-
-uint32_t InternalAllocBuffer(uint64_t size, BufferPtr *out) {
-    void *block = nullptr;
-    uint32_t ret = DorvexMalloc(&block, size);
-    if (ret == DORVEX_OK) {
-        out->reset(static_cast<uint8_t *>(block));
-    }
-    return ret;
-}
 
 uint32_t InternalNewMdInfo(MdInfoPtr *out) {
     void *block = nullptr;
@@ -123,43 +106,41 @@ uint32_t InternalDecodeKeptDer(SignatureBuffer *keeper, BufferPtr der, uint32_t 
     return DORVEX_OK;
 }
 
-// InternalPemDecodeCms: a signature in "CMS" or "PKCS7" armour. The body
-// runs from behind the header to the first matching end marker.
+// InternalPemDecodeCms: a signature in "CMS" or "PKCS7" armour, its first
+// block; whatever follows that block is not read.
 uint32_t InternalPemDecodeCms(SignatureBuffer *keeper, const uint8_t *data, uint32_t length,
                               SignedPtr *content) {
-    BufferPtr text;
-    uint32_t ret = InternalAllocBuffer(static_cast<uint64_t>(length) + 1, &text);
-    if (ret != DORVEX_OK) {
-        DORVEX_LOG_WARN(ret, "Failed to allocate PEM buffer.");
-        return ret;
-    }
-    memcpy(text.get(), data, length);  // the terminator is already there: zero-filled
-    const char *start = reinterpret_cast<const char *>(text.get());
-    std::string_view footer;
-    const char *body = nullptr;
-    if (DorvexStrNCmp(start, kPemCmsHeader.data(), kPemCmsHeader.size()) == 0) {
-        body = start + kPemCmsHeader.size();
-        footer = kPemCmsFooter;
-    } else if (DorvexStrNCmp(start, kPemPkcs7Header.data(), kPemPkcs7Header.size()) == 0) {
-        body = start + kPemPkcs7Header.size();
-        footer = kPemPkcs7Footer;
+    const std::string_view text(reinterpret_cast<const char *>(data), length);
+    DrxPemBlock block{};
+    (void)InternalPemNextBlock(text, 0, &block);  // the caller saw "-----BEGIN" at 0
+    std::string_view label;
+    if (InternalPemHasLabel(block.whole, kPemCmsLabel)) {
+        label = kPemCmsLabel;
+    } else if (InternalPemHasLabel(block.whole, kPemPkcs7Label)) {
+        label = kPemPkcs7Label;
     } else {
         DORVEX_LOG_ERR(DORVEX_ERR_CMS_DECODE, "Unknown PEM header of signature.");
         return DORVEX_ERR_CMS_DECODE;
     }
-    const char *bodyEnd = DorvexStrStr(body, footer.data());
-    if (bodyEnd == nullptr) {
+    std::string_view body;
+    if (block.end == std::string_view::npos ||
+        InternalPemBody(block.whole, label, &body) != DORVEX_OK) {
         DORVEX_LOG_ERR(DORVEX_ERR_CMS_DECODE, "PEM signature without end marker.");
         return DORVEX_ERR_CMS_DECODE;
     }
-    uint8_t *der = nullptr;
-    uint32_t derLen = 0;
-    ret = InternalBase64Decode(body, bodyEnd, &der, &derLen);
+    BufferPtr der;
+    uint32_t derLen = InternalPemDerCapacity(body.size());
+    uint32_t ret = InternalAllocBuffer(derLen, &der);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_WARN(ret, "Failed to allocate PEM buffer.");
+        return ret;
+    }
+    ret = InternalPemDecodeBody(body, der.get(), &derLen);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to decode base64 of signature.");
         return DORVEX_ERR_CMS_DECODE;
     }
-    return InternalDecodeKeptDer(keeper, BufferPtr(der), derLen, content);
+    return InternalDecodeKeptDer(keeper, std::move(der), derLen, content);
 }
 
 // DER input is decoded from a copy as well; see SignatureBuffer.
@@ -639,9 +620,8 @@ extern "C" uint32_t DorvexVerifyDetachSignatureBegin(DorvexVrfCtx *ctx, const ui
     // Declared before the record, so it is released after the record is.
     SignatureBuffer keeper(ctx);
     SignedPtr content;
-    ret = memcmp(data, kPemBegin.data(), kPemBegin.size()) == 0
-              ? InternalPemDecodeCms(&keeper, data, length, &content)
-              : InternalDerDecodeCms(&keeper, data, length, &content);
+    ret = InternalIsPem(data, length) ? InternalPemDecodeCms(&keeper, data, length, &content)
+                                      : InternalDerDecodeCms(&keeper, data, length, &content);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to decode signature.");
         return ret;

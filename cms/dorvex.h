@@ -8,8 +8,8 @@
 
 #include <stdint.h>
 
-#include "dorvex_errno.h"
-#include "vrf_ctx.h"
+#include "cms/base/dorvex_errno.h"
+#include "cms/base/vrf_ctx.h"
 
 #ifdef __cplusplus
 extern "C" {

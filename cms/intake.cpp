@@ -12,7 +12,6 @@
 #include "cms/adapt/adapt.h"
 #include "cms/asn1/pubkey.h"
 #include "cms/internal.h"
-#include "cms/owned.h"
 #include "cms/pki/pki.h"
 
 namespace {
@@ -20,46 +19,14 @@ namespace {
 using drx::BufferPtr;
 using drx::CertPtr;
 using drx::CrlPtr;
+using drx::FilePtr;
 
-constexpr std::string_view kPemBegin = "-----BEGIN";
-constexpr std::string_view kPemEnd = "-----END";
-constexpr std::string_view kPemDashes = "-----";
-constexpr std::string_view kPemCertHeader = "-----BEGIN CERTIFICATE-----";
-constexpr std::string_view kPemCertFooter = "-----END CERTIFICATE-----";
-constexpr std::string_view kPemCrlHeader = "-----BEGIN X509 CRL-----";
-constexpr std::string_view kPemCrlFooter = "-----END X509 CRL-----";
+constexpr std::string_view kPemCertLabel = "CERTIFICATE";
+constexpr std::string_view kPemCrlLabel = "X509 CRL";
 
 // Trailing bytes of a DER stream that decode as nothing are ignored when
 // there are fewer than this (padding, a stray line break); more are an error.
 constexpr uint32_t kDrxIgnoredTailMax = 33;
-
-// Local collections of the intake; whatever they still hold loses this
-// reference on every exit, so only what the store took stays alive.
-struct LocalCerts {
-    DorvexList list{};
-    ~LocalCerts() { InternalFreeCertList(&list); }
-};
-struct LocalCrls {
-    DorvexList list{};
-    ~LocalCrls() { InternalFreeCrlList(&list); }
-};
-
-void InternalFreeCertItem(void *item) {
-    DorvexX509FreeCert(static_cast<DorvexX509Cert *>(item));
-}
-
-void InternalFreeCrlItem(void *item) {
-    DorvexX509FreeCrl(static_cast<DorvexX509Crl *>(item));
-}
-
-uint32_t InternalAllocBuffer(uint64_t size, BufferPtr *out) {
-    void *block = nullptr;
-    uint32_t ret = DorvexMalloc(&block, size);
-    if (ret == DORVEX_OK) {
-        out->reset(static_cast<uint8_t *>(block));
-    }
-    return ret;
-}
 
 // Hands the buffer to the context, which frees it with the context.
 uint32_t InternalKeepBuffer(DorvexVrfCtx *ctx, BufferPtr *buffer) {
@@ -69,19 +36,6 @@ uint32_t InternalKeepBuffer(DorvexVrfCtx *ctx, BufferPtr *buffer) {
     }
     return ret;
 }
-
-void InternalCloseFile(FILE *file) {
-    int32_t ret = DorvexFileClose(file);
-    if (ret != 0) {
-        // The bytes are read already; a failing close loses nothing of them.
-        DORVEX_LOG_WARN(static_cast<uint32_t>(ret), "Failed to close file.");
-    }
-}
-
-struct FileClose {
-    void operator()(FILE *f) const { InternalCloseFile(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileClose>;
 
 // Damaged PEM blocks reported one by one; the rest are counted in one line,
 // so a hostile file cannot flood the log.
@@ -97,32 +51,20 @@ struct PemDerArea {
     uint32_t used = 0;
 };
 
-// InternalPemBlockDer: decodes the body of one PEM block `text`
-// that begins with `header` into the next free bytes of `area`. The body
-// starts `bodySkip` characters behind the header and runs to the first
-// `footer` inside the block; the search never leaves the block, so a walk
-// over many blocks stays linear in the text.
-uint32_t InternalPemBlockDer(std::string_view text, std::string_view header, size_t bodySkip,
-                             std::string_view footer, PemDerArea *area, const uint8_t **der,
-                             uint32_t *derLen) {
-    const size_t bodyStart = header.size() + bodySkip;
-    const size_t bodyEnd = text.find(footer);
-    if (bodyEnd == std::string_view::npos || bodyEnd <= bodyStart) {
-        return DORVEX_ERR_INPUT_FORMAT;
-    }
-    if (bodyEnd - bodyStart > INT32_MAX) {
-        return DORVEX_ERR_BASE64;
-    }
-    const auto *src = reinterpret_cast<const uint8_t *>(text.data() + bodyStart);
-    const auto srcLen = static_cast<int32_t>(bodyEnd - bodyStart);
-    uint32_t room = area->capacity - area->used;
-    uint8_t *dst = area->bytes + area->used;
-    uint32_t ret = DorvexBase64Decode(src, srcLen, dst, &room);
+// InternalPemBlockDer: decodes the body of one PEM block labelled `label`
+// into the next free bytes of `area`.
+uint32_t InternalPemBlockDer(std::string_view whole, std::string_view label, PemDerArea *area,
+                             const uint8_t **der, uint32_t *derLen) {
+    std::string_view body;
+    uint32_t ret = InternalPemBody(whole, label, &body);
     if (ret != DORVEX_OK) {
         return ret;
     }
-    if (room == 0 || room > area->capacity - area->used) {
-        return DORVEX_ERR_INPUT_FORMAT;
+    uint8_t *dst = area->bytes + area->used;
+    uint32_t room = area->capacity - area->used;
+    ret = InternalPemDecodeBody(body, dst, &room);
+    if (ret != DORVEX_OK) {
+        return ret;
     }
     *der = dst;
     *derLen = room;
@@ -133,11 +75,9 @@ uint32_t InternalPemBlockDer(std::string_view text, std::string_view header, siz
 // `area`. A failure leaves nothing in the list; the caller reports it and
 // goes on with the next block.
 uint32_t InternalPemDecodeCert(std::string_view block, PemDerArea *area, DorvexList *certs) {
-    // The body starts behind the header and one line-break character.
     const uint8_t *der = nullptr;
     uint32_t derLen = 0;
-    uint32_t ret =
-        InternalPemBlockDer(block, kPemCertHeader, 1, kPemCertFooter, area, &der, &derLen);
+    uint32_t ret = InternalPemBlockDer(block, kPemCertLabel, area, &der, &derLen);
     if (ret != DORVEX_OK) {
         return ret;
     }
@@ -161,11 +101,9 @@ uint32_t InternalPemDecodeCert(std::string_view block, PemDerArea *area, DorvexL
 // the caller collects no CRLs the block is still decoded, so that a damaged
 // one is reported, and then dropped.
 uint32_t InternalPemDecodeCrl(std::string_view block, PemDerArea *area, DorvexList *crls) {
-    // The body starts right behind the header; the base64 decoder steps over
-    // the line break.
     const uint8_t *der = nullptr;
     uint32_t derLen = 0;
-    uint32_t ret = InternalPemBlockDer(block, kPemCrlHeader, 0, kPemCrlFooter, area, &der, &derLen);
+    uint32_t ret = InternalPemBlockDer(block, kPemCrlLabel, area, &der, &derLen);
     if (ret != DORVEX_OK) {
         return ret;
     }
@@ -193,8 +131,7 @@ uint32_t InternalPemDecodeCrl(std::string_view block, PemDerArea *area, DorvexLi
 uint32_t InternalDecodePemCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t length,
                                   DorvexList *certs, DorvexList *crls) {
     const std::string_view text(reinterpret_cast<const char *>(data), length);
-    // Base64 gives three bytes for every four characters at most.
-    const uint32_t capacity = length / 4 * 3 + 3;
+    const uint32_t capacity = InternalPemDerCapacity(length);
     BufferPtr derBuffer;
     uint32_t ret = InternalAllocBuffer(capacity, &derBuffer);
     if (ret != DORVEX_OK) {
@@ -202,33 +139,23 @@ uint32_t InternalDecodePemCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32
     }
     PemDerArea area{derBuffer.get(), capacity, 0};
     uint32_t damaged = 0;
-    size_t block = text.find(kPemBegin);
-    while (block != std::string_view::npos) {
-        // "-----BEGIN" holds no dash after its fifth character, so the end
-        // marker lies behind it and so does the label (one blank after it).
-        const size_t endMarker = text.find(kPemEnd, block);
-        const size_t closing = endMarker == std::string_view::npos
-                                   ? endMarker
-                                   : text.find(kPemDashes, endMarker + kPemEnd.size());
-        if (closing == std::string_view::npos) {
+    DrxPemBlock block{};
+    for (size_t from = 0; InternalPemNextBlock(text, from, &block); from = block.end) {
+        if (block.end == std::string_view::npos) {
             DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "PEM block without end marker.");
             ret = DORVEX_ERR_INPUT_FORMAT;
             break;
         }
-        const size_t blockEnd = closing + kPemDashes.size();
-        const std::string_view whole = text.substr(block, blockEnd - block);
-        // The exact header implies the label; "CERTIFICATE REQUEST" and the
-        // like do not match it and are skipped.
+        // "CERTIFICATE REQUEST" and the like are skipped.
         uint32_t blockRet = DORVEX_OK;
-        if (whole.starts_with(kPemCertHeader)) {
-            blockRet = InternalPemDecodeCert(whole, &area, certs);
-        } else if (whole.starts_with(kPemCrlHeader)) {
-            blockRet = InternalPemDecodeCrl(whole, &area, crls);
+        if (InternalPemHasLabel(block.whole, kPemCertLabel)) {
+            blockRet = InternalPemDecodeCert(block.whole, &area, certs);
+        } else if (InternalPemHasLabel(block.whole, kPemCrlLabel)) {
+            blockRet = InternalPemDecodeCrl(block.whole, &area, crls);
         }
         if (blockRet != DORVEX_OK && ++damaged <= kDrxPemReportMax) {
-            DORVEX_LOG_ERR(blockRet, "Invalid PEM block at offset %zu.", block);
+            DORVEX_LOG_ERR(blockRet, "Invalid PEM block at offset %zu.", block.start);
         }
-        block = text.find(kPemBegin, blockEnd);
     }
     if (damaged > kDrxPemReportMax) {
         DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "%u more invalid PEM blocks skipped.",
@@ -272,35 +199,37 @@ uint32_t InternalDecodeStreamCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uin
         const uint8_t *at = bytes + pos;
         const uint32_t left = length - pos;
         uint32_t used = 0;
-        DorvexX509Cert *cert = nullptr;
+        DorvexX509Cert *decodedCert = nullptr;
         // A record that claims to use nothing, or more than there is, would
         // stall or overrun the walk; it counts as not decoded.
-        if (DorvexX509DecodeCert(at, left, &cert, &used) == DORVEX_OK && used > 0 && used <= left) {
-            ret = DorvexListAdd(certs, cert);
+        const uint32_t certRet = DorvexX509DecodeCert(at, left, &decodedCert, &used);
+        CertPtr cert(decodedCert);
+        if (certRet == DORVEX_OK && used > 0 && used <= left) {
+            ret = DorvexListAdd(certs, cert.get());
             if (ret != DORVEX_OK) {
                 DORVEX_LOG_ERR(ret, "Too many certificates.");
-                DorvexX509FreeCert(cert);
                 return ret;
             }
+            (void)cert.release();
             pos += used;
             continue;
         }
-        DorvexX509FreeCert(cert);
-        DorvexX509Crl *crl = nullptr;
+        DorvexX509Crl *decodedCrl = nullptr;
         used = 0;
-        uint32_t crlRet = DorvexX509DecodeCrl(at, left, &crl, &used);
+        const uint32_t crlRet = DorvexX509DecodeCrl(at, left, &decodedCrl, &used);
+        CrlPtr crl(decodedCrl);
         if (crlRet == DORVEX_OK && used > 0 && used <= left) {
-            if (crls == nullptr) {
-                DorvexX509FreeCrl(crl);
-            } else if ((ret = DorvexListAdd(crls, crl)) != DORVEX_OK) {
-                DORVEX_LOG_ERR(ret, "Too many CRLs.");
-                DorvexX509FreeCrl(crl);
-                return ret;
+            if (crls != nullptr) {
+                ret = DorvexListAdd(crls, crl.get());
+                if (ret != DORVEX_OK) {
+                    DORVEX_LOG_ERR(ret, "Too many CRLs.");
+                    return ret;
+                }
+                (void)crl.release();
             }
             pos += used;
             continue;
         }
-        DorvexX509FreeCrl(crl);
         if (left < kDrxIgnoredTailMax) {
             return DORVEX_OK;
         }
@@ -354,11 +283,11 @@ uint32_t InternalCheckParamVerifyAddCrl(const DorvexVrfCtx *ctx, const uint8_t *
 }  // namespace
 
 void InternalFreeCertList(DorvexList *certs) {
-    DorvexListFree(certs, InternalFreeCertItem);
+    DorvexListFree(certs, DorvexX509FreeCertItem);
 }
 
 void InternalFreeCrlList(DorvexList *crls) {
-    DorvexListFree(crls, InternalFreeCrlItem);
+    DorvexListFree(crls, DorvexX509FreeCrlItem);
 }
 
 uint32_t InternalOpenInputFile(const char *path, FILE **out) {
@@ -458,7 +387,7 @@ uint32_t InternalDecodeCertCrl(DorvexVrfCtx *ctx, const uint8_t *data, uint32_t 
         DORVEX_LOG_ERR(DORVEX_ERR_INPUT_FORMAT, "Input of %u bytes is too short.", length);
         return DORVEX_ERR_INPUT_FORMAT;
     }
-    if (memcmp(data, kPemBegin.data(), kPemBegin.size()) == 0) {
+    if (InternalIsPem(data, length)) {
         return InternalDecodePemCertCrl(ctx, data, length, certs, crls);
     }
     return InternalDecodeStreamCertCrl(ctx, data, length, certs, crls);
@@ -521,7 +450,7 @@ extern "C" uint32_t DorvexVerifyAddCert(DorvexVrfCtx *ctx, const uint8_t *data, 
     if (ret != DORVEX_OK) {
         return ret;
     }
-    LocalCerts certs;
+    drx::CertList certs;
     ret = InternalDecodeCertCrl(ctx, data, length, &certs.list, nullptr);
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to decode certificate.");
@@ -565,8 +494,8 @@ extern "C" uint32_t DorvexVerifyAddCrl(DorvexVrfCtx *ctx, const uint8_t *data, u
     if (ret != DORVEX_OK) {
         return ret;
     }
-    LocalCerts certs;
-    LocalCrls crls;
+    drx::CertList certs;
+    drx::CrlList crls;
     ret = InternalDecodeCertCrl(ctx, data, length, &certs.list, &crls.list);
     if (ret != DORVEX_OK || crls.list.count == 0) {
         DORVEX_LOG_ERR(DORVEX_ERR_CRL_DECODE, "Failed to decode CRL.");

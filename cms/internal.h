@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <string_view>
 
 #include "cms/adapt/provider.h"
 #include "cms/asn1/pkcs7.h"
@@ -39,6 +40,10 @@ typedef struct DorvexMdInfo {
 // frees it; null is ignored. Typed for DorvexListFree.
 void InternalFreeMdInfo(void *info);
 
+namespace drx {
+using MdInfoPtr = Owned<DorvexMdInfo, InternalFreeMdInfo>;
+}  // namespace drx
+
 // InternalCheckCtx: DORVEX_ERR_NULL_CTX for a null context,
 // DORVEX_ERR_CTX_SIZE for one whose size field is wrong; not logged.
 uint32_t InternalCheckCtx(const DorvexVrfCtx *ctx);
@@ -55,6 +60,41 @@ uint32_t InternalOpenInputFile(const char *path, FILE **out);
 // DORVEX_ERR_FILE_OPEN, DORVEX_ERR_FILE_TYPE, DORVEX_ERR_FILE_EMPTY,
 // DORVEX_ERR_FILE_TOO_LARGE, DORVEX_ERR_FILE_READ, or the allocator's code.
 uint32_t InternalReadFile(const char *path, uint32_t maxSize, uint8_t **data, uint32_t *length);
+
+// ---- PEM text (pem.cpp) -------------------------------------------------------
+
+// One block of PEM text: "-----BEGIN <label>-----", the base64 body and the
+// first "-----END ...-----" behind it.
+struct DrxPemBlock {
+    size_t start;            // offset of "-----BEGIN" in the text
+    size_t end;              // offset behind the end marker; npos when there is none
+    std::string_view whole;  // the block, or the rest of the text without an end marker
+};
+
+// InternalIsPem: whether the input starts with "-----BEGIN".
+bool InternalIsPem(const uint8_t *data, uint32_t length);
+
+// InternalPemNextBlock: the first block at or behind offset `from`; false
+// when no "-----BEGIN" follows.
+bool InternalPemNextBlock(std::string_view text, size_t from, DrxPemBlock *block);
+
+// InternalPemHasLabel: whether the block's header is "-----BEGIN <label>-----".
+bool InternalPemHasLabel(std::string_view whole, std::string_view label);
+
+// InternalPemBody: the base64 text between the block's header and its
+// footer "-----END <label>-----"; DORVEX_ERR_INPUT_FORMAT when the block has
+// another header, another footer or no body.
+uint32_t InternalPemBody(std::string_view whole, std::string_view label, std::string_view *body);
+
+// InternalPemDerCapacity: bytes enough for the DER of any body of a text of
+// textLength characters.
+uint32_t InternalPemDerCapacity(size_t textLength);
+
+// InternalPemDecodeBody: decodes a body into dst, whose capacity *length
+// gives on entry; *length is the DER's length on success.
+// DORVEX_ERR_INPUT_FORMAT for a body that decodes to nothing or does not
+// fit, else the base64 decoder's code.
+uint32_t InternalPemDecodeBody(std::string_view body, uint8_t *dst, uint32_t *length);
 
 // InternalBase64Decode: decodes the base64 text [start, end) into a new
 // buffer freed with DorvexFree. DORVEX_ERR_INPUT_FORMAT for text that decodes

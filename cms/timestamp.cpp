@@ -12,20 +12,14 @@
 #include "cms/asn1/pkcs7.h"
 #include "cms/asn1/pubkey.h"
 #include "cms/internal.h"
-#include "cms/owned.h"
 #include "cms/pki/pki.h"
 
 namespace {
 
 using drx::SignedPtr;
 
-// A record of DorvexAsnDecode, released against its item.
-template <const DorvexAsnItem *Item>
-struct AsnFree {
-    void operator()(void *record) const { DorvexAsnFree(record, Item); }
-};
-using OctsPtr = std::unique_ptr<DorvexAsnOcts, AsnFree<&g_itemDorvexAsnOcts>>;
-using TstInfoPtr = std::unique_ptr<DorvexTimestampInfo, AsnFree<&g_itemDorvexTimestampInfo>>;
+using OctsPtr = drx::AsnPtr<DorvexAsnOcts, &g_itemDorvexAsnOcts>;
+using TstInfoPtr = drx::AsnPtr<DorvexTimestampInfo, &g_itemDorvexTimestampInfo>;
 
 bool InternalSameBytes(const uint8_t *a, uint32_t aLen, const uint8_t *b, uint32_t bLen) {
     return aLen == bLen && (aLen == 0 || (a != nullptr && b != nullptr && memcmp(a, b, aLen) == 0));

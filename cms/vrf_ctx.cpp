@@ -59,15 +59,14 @@ extern "C" uint32_t DorvexVerifyCreateCtx(DorvexVrfCtx **ctx, const DorvexCtxCre
         DORVEX_LOG_ERR(ret, "Failed to allocate verify context.");
         return ret;
     }
-    auto *created = static_cast<DorvexVrfCtx *>(block);
-    ret = DorvexPkiInit(created);
+    drx::BlockPtr<DorvexVrfCtx> created(static_cast<DorvexVrfCtx *>(block));
+    ret = DorvexPkiInit(created.get());
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to create PKI store.");
-        DorvexFree(created);
         return ret;
     }
     created->size = DORVEX_VRF_CTX_SIZE;
-    *ctx = created;
+    *ctx = created.release();
     return DORVEX_OK;
 }
 

@@ -221,7 +221,7 @@ int add_gid_conf(uint32_t gid) {
     auto *record = static_cast<GidRecord *>(__zeb_zmalloc(sizeof(GidRecord)));
     if (record == nullptr) {
         syslog(LOG_INFO, "%s: __zeb_zmalloc fail\n", "add_gid_conf");
-        return -12;
+        return -ENOMEM;
     }
     record->gid = gid;
     pthread_spin_init(&record->state.lock, PTHREAD_PROCESS_PRIVATE);
@@ -252,7 +252,7 @@ int add_gid_conf(uint32_t gid) {
     if (exists) {
         pthread_spin_destroy(&record->state.lock);
         free(record);  // outside the spin lock: free may take the allocator's lock
-        return -22;
+        return -EINVAL;
     }
     return 0;
 }
@@ -282,7 +282,7 @@ int replace_or_add_gid(uint32_t gid, uint32_t num, uint32_t interval, uint32_t b
 }
 
 // "gid=%u,num=%u,interval=%u" with ",burst=%u,resume=%u" or nothing behind
-// it. A malformed or out-of-range line stores nothing (-22): the group keeps
+// it. A malformed or out-of-range line stores nothing (-EINVAL): the group keeps
 // what it had, and the file reader reports the line.
 int read_gid_conf_line(char *line, uint32_t local) {
     if (dbglog::IsSkippedLine(line)) {
@@ -301,7 +301,7 @@ int read_gid_conf_line(char *line, uint32_t local) {
              c.Number("resume", &resume) && c.AtEnd();
     }
     if (!ok || gid == 0 || gid == kAllGroups) {
-        return -22;
+        return -EINVAL;
     }
     replace_or_add_gid(gid, num, interval, burst, resume, static_cast<int32_t>(local));
     return 0;
@@ -449,7 +449,7 @@ int LZEB_set_log_ratelimit(uint32_t gid, uint32_t multiple) {
     zeb_debug_module_init();
     if (multiple == 0) {
         syslog(LOG_INFO, "<3>The input param multiple is zero[%s].\n", kOwner);
-        return -22;
+        return -EINVAL;
     }
     if (gid == kAllGroups) {
         syslog(LOG_INFO, "<4>Set the number of logs to %d times for every gid[%s].\n",
@@ -470,7 +470,7 @@ int LZEB_set_log_ratelimit(uint32_t gid, uint32_t multiple) {
     GidRecord *record = search_gid_conf(gid);
     if (record == nullptr) {
         syslog(LOG_INFO, "<3>%s: gid=%u is inval\n", kOwner, gid);
-        return -22;
+        return -EINVAL;
     }
     const uint32_t base = LoadField(record->state.baseNum);
     if (base == 0) {
@@ -502,7 +502,7 @@ int LZEB_set_log_num_interval(uint32_t gid, uint32_t num, uint32_t interval) {
     static constexpr char kOwner[] = "LZEB_set_log_num_interval";
     zeb_debug_module_init();
     if (!GroupIdUsable(gid, kOwner)) {
-        return -22;
+        return -EINVAL;
     }
     GidRecord *record = FindOrAdd(gid);
     if (record == nullptr) {
@@ -518,12 +518,12 @@ int LZEB_get_log_num_interval(uint32_t gid, uint32_t *num, uint32_t *interval) {
     static constexpr char kOwner[] = "LZEB_get_log_num_interval";
     zeb_debug_module_init();
     if (!GroupIdUsable(gid, kOwner)) {
-        return -22;
+        return -EINVAL;
     }
     GidRecord *record = search_gid_conf(gid);
     if (record == nullptr) {
         syslog(LOG_INFO, "<3>%s: gid %u is not exist\n", kOwner, gid);
-        return -22;
+        return -EINVAL;
     }
     if (num != nullptr) {
         *num = LoadField(record->state.num);

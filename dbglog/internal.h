@@ -138,7 +138,13 @@ int ___ratelimit3(RateLimitState *state, const char *name);
 #ifdef __cplusplus
 }  // extern "C"
 
+#include <errno.h>
+
 #include <atomic>
+
+// Operations that fail with a negative errno value return -EINVAL or
+// -ENOMEM, whose numbers (-22, -12) the device's callers know.
+static_assert(EINVAL == 22 && ENOMEM == 12);
 
 namespace dbglog {
 

@@ -1,5 +1,6 @@
 // Per-module table: display names, group bindings and level mirrors, its
 // configuration files, and the kernel module's level requests.
+#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
@@ -116,12 +117,12 @@ void dbg_copy_pid_name(const PidRecord *record, char *out) {
 
 int add_pid_conf(const PidRecord *tmpl) {
     if (tmpl == nullptr) {
-        return -22;
+        return -EINVAL;
     }
     auto *record = static_cast<PidRecord *>(__zeb_zmalloc(sizeof(PidRecord)));
     if (record == nullptr) {
         syslog(LOG_INFO, "%s: __zeb_zmalloc fail\n", "add_pid_conf");
-        return -12;
+        return -ENOMEM;
     }
     int rc = memcpy_s(record, sizeof(PidRecord), tmpl, sizeof(PidRecord));
     if (rc != 0) {
@@ -153,7 +154,7 @@ int add_pid_conf(const PidRecord *tmpl) {
     }
     if (exists) {
         free(record);  // outside the spin lock: free may take the allocator's lock
-        return -22;
+        return -EINVAL;
     }
     return 0;
 }
@@ -186,7 +187,7 @@ void replace_or_add_pid(const PidRecord *tmpl, uint32_t gid) {
 
 // "pid=%u pid_name=%s gid=%u", "pid=%u pid_name=%s" or "pid=%u gid=%u", with
 // commas read as blanks. A name longer than 31 characters, a number that does
-// not fit 32 bits or anything else malformed stores nothing (-22), so the
+// not fit 32 bits or anything else malformed stores nothing (-EINVAL), so the
 // module keeps its name and group; the file reader reports the line.
 int read_pid_conf_line(char *line) {
     if (dbglog::IsSkippedLine(line)) {
@@ -204,7 +205,7 @@ int read_pid_conf_line(char *line) {
         ok = ok && c.Number("gid", &gid) && c.AtEnd();
     }
     if (!ok || tmpl.pid == 0) {
-        return -22;
+        return -EINVAL;
     }
     replace_or_add_pid(&tmpl, gid);
     return 0;
@@ -221,7 +222,7 @@ int read_log_level_conf_line(char *line) {
     dbglog::LineCursor c(line);
     if (!(c.Number("pid", &pid) && c.Blanks() && c.Number("level", &level) && c.AtEnd()) ||
         pid == 0 || level > DBG_LEVEL_DBG) {
-        return -22;
+        return -EINVAL;
     }
     const auto byte = static_cast<uint8_t>(level);
     if (PidRecord *record = search_pid_conf(pid); record != nullptr) {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "cms/dorvex.h"
-#include "tool/root_cert.h"
+#include "root_cert/root_cert.h"
 
 namespace {
 

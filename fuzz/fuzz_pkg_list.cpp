@@ -8,7 +8,7 @@
 #include <span>
 #include <vector>
 
-#include "cms/dorvex_errno.h"
+#include "cms/base/dorvex_errno.h"
 #include "tool/pkg_files.h"
 
 namespace {

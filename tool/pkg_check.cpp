@@ -1,16 +1,16 @@
 // Handler of "CHECK_PKG_INTEGRITY": is the checksum file authentic?
 //
-// The order is fixed: context, built-in root, CRL file, then the one-call
-// detached verification of the checksum file against the CMS signature. The
-// context and the root block are released on every path after the context
-// exists.
+// Context, built-in root, CRL file, then the one-call detached verification
+// of the checksum file against the CMS signature: the root goes in first so
+// that the store, which answers every lookup with the first fitting
+// certificate, finds it before anything a file brings, and the CRLs go in
+// before the signature because paths are judged, revocation included, while
+// it is checked. The context and the root block are released on every path
+// after the context exists.
 #include "cms/dorvex.h"
 #include "platform/lzeb_mem.h"
 #include "platform/securec.h"
-#include "tool/root_cert.h"
 #include "tool/verify_tool.h"
-
-static_assert(ROOT_CERT_LEN == ROOT_CERT_HEAD_LEN + ROOT_CERT_TAIL_LEN);
 
 namespace {
 
@@ -19,24 +19,6 @@ constexpr uint32_t kCheckFailed = 0xFFFFFFFFu;
 constexpr uint64_t kCreateParamsSize = 72;
 
 }  // namespace
-
-uint32_t GenerateRootCert(uint8_t **buffer, uint32_t *length) {
-    auto *block = static_cast<uint8_t *>(LZEB_MallocSubStandard(
-        VERIFY_TOOL_MODULE_ID, ROOT_CERT_LEN, 0, "GenerateRootCert", __LINE__));
-    if (block == nullptr) {
-        TOOL_LOG(DBG_LEVEL_ERR, "Initialize root certificate failed.");
-        return DORVEX_ERR_MALLOC;
-    }
-    if (memcpy_s(block, ROOT_CERT_LEN, g_rootCert0, ROOT_CERT_HEAD_LEN) != SEC_OK ||
-        memcpy_s(block + ROOT_CERT_HEAD_LEN, ROOT_CERT_TAIL_LEN, g_rootCert1, ROOT_CERT_TAIL_LEN) !=
-            SEC_OK) {
-        LZEB_FreeSub(block, "GenerateRootCert", __LINE__);
-        return DORVEX_ERR_MALLOC;
-    }
-    *buffer = block;
-    *length = ROOT_CERT_LEN;
-    return 0;
-}
 
 uint32_t VerifyProcessPostHandle(uint32_t result, DorvexVrfCtx *context, uint8_t *rootBuffer) {
     if (context != nullptr) {

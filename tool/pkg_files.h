@@ -12,9 +12,12 @@
 #include <string>
 #include <vector>
 
-// Largest checksum file the check reads, in bytes: the limit of the other
-// inputs. It bounds the list too: an entry takes at least 68 bytes.
-inline constexpr uint32_t kPkgListMaxSize = 2000000;
+#include "cms/dorvex.h"
+
+// Largest checksum file the check reads, in bytes: the limit of the
+// signature file, since both are held whole in memory. It bounds the list
+// too: an entry takes at least 68 bytes.
+inline constexpr uint32_t kPkgListMaxSize = DORVEX_MAX_FILE_SIZE;
 // Longest listed path and longest component of one, in bytes (Linux's
 // PATH_MAX and NAME_MAX, terminator not counted).
 inline constexpr size_t kPkgPathMax = 4095;

@@ -19,7 +19,7 @@
 #include <thread>
 
 #include "cms/adapt/provider.h"
-#include "cms/dorvex_errno.h"
+#include "cms/base/dorvex_errno.h"
 #include "tool/pkg_files.h"
 
 namespace {
@@ -28,10 +28,7 @@ namespace {
 // beside the digest, small enough to stay in the cache.
 constexpr size_t kReadPiece = 256 * 1024;
 
-struct MdFree {
-    void operator()(DorvexMdCtx *md) const { DorvexMdDestoryCtx(md); }
-};
-using MdPtr = std::unique_ptr<DorvexMdCtx, MdFree>;
+using drx::MdCtxPtr;
 
 // What a failed openat of `name` below `at` means for a listed path.
 PkgProblem OpenProblem(int err, int at, const char *name, bool directory) {
@@ -92,7 +89,7 @@ PkgProblem HashOpen(int fd, const PkgEntry &entry, uint8_t *piece) {
     if (DorvexMdCreateCtx(&created) != DORVEX_OK) {
         return {DORVEX_ERR_MALLOC, "no memory for a digest", 0};
     }
-    MdPtr md(created);
+    MdCtxPtr md(created);
     if (DorvexMdInit(md.get(), entry.hashAlg) != DORVEX_OK) {
         return {DORVEX_FAIL, "digest cannot start", 0};
     }

@@ -15,7 +15,7 @@
 #include <string_view>
 
 #include "cms/asn1/oid.h"
-#include "cms/dorvex_errno.h"
+#include "cms/base/dorvex_errno.h"
 #include "tool/pkg_files.h"
 
 namespace {

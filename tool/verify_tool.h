@@ -5,13 +5,11 @@
 #include <stdint.h>
 
 #include "dbglog/dbglog.h"
+#include "root_cert/root_cert.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-// Module id under which the tool (and the CMS library) log.
-#define VERIFY_TOOL_MODULE_ID 1014u
 
 #define VERIFY_OPCODE_LEN 32
 #define VERIFY_PATH_LEN 128
@@ -60,15 +58,11 @@ uint32_t VerifyCmsFile(const char *cmsPath, const char *checksumPath, const char
 uint32_t VerifyProcessPostHandle(uint32_t result, struct DorvexVrfCtx *context,
                                  uint8_t *rootBuffer);
 
-// Joins the built-in root certificate into one new block (the caller frees it
-// with LZEB_FreeSub); 0, or DORVEX_ERR_MALLOC when memory is short.
-uint32_t GenerateRootCert(uint8_t **buffer, uint32_t *length);
-
 #ifdef __cplusplus
 }
 #endif
 
 #define TOOL_LOG(level, ...) \
-    DBG_Log(VERIFY_TOOL_MODULE_ID, (level), __func__, __LINE__, 0, __VA_ARGS__)
+    DBG_Log(DBG_MODULE_VERIFY_TOOL, (level), __func__, __LINE__, 0, __VA_ARGS__)
 
 #endif  // TOOL_VERIFY_TOOL_H

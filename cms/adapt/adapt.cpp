@@ -31,7 +31,7 @@ extern "C" uint32_t DorvexMalloc(void **out, uint64_t size) {
     if (size > UINT32_MAX) {
         return DORVEX_ERR_MALLOC;
     }
-    void *block = LZEB_MallocSubStandard(DORVEX_MODULE_ID, static_cast<uint32_t>(size), 0,
+    void *block = LZEB_MallocSubStandard(DBG_MODULE_VERIFY_TOOL, static_cast<uint32_t>(size), 0,
                                          "DorvexMalloc", __LINE__);
     if (block == nullptr) {
         return DORVEX_ERR_MALLOC;
@@ -205,10 +205,6 @@ constexpr LevelStyle g_drxLogLevels[] = {
     {"[DEBUG]", DBG_LEVEL_DBG},
 };
 
-struct LibraryFree {
-    void operator()(void *p) const { DorvexFree(p); }
-};
-
 const char *OrEmpty(const char *s) {
     return s != nullptr ? s : "";
 }
@@ -224,8 +220,8 @@ extern "C" void DorvexLogPrint(uint32_t level, const char *file, uint32_t line,
     const LevelStyle *style = level < std::size(g_drxLogLevels) ? &g_drxLogLevels[level] : nullptr;
     if (style != nullptr) {
         // The caller's place travels inside the text; the error code stays on the console.
-        DBG_Log(DORVEX_MODULE_ID, style->dbgLevel, "DorvexLogPrint", __LINE__, 0, "%s(%d):(%s):%s",
-                file, static_cast<int>(line), function, message);
+        DBG_Log(DBG_MODULE_VERIFY_TOOL, style->dbgLevel, "DorvexLogPrint", __LINE__, 0,
+                "%s(%d):(%s):%s", file, static_cast<int>(line), function, message);
     }
     // Hold the stream for the whole line so that concurrent callers do not
     // interleave inside one.
@@ -260,7 +256,7 @@ extern "C" void DorvexLogCallback(uint32_t level, const char *file, uint32_t lin
         DorvexLogPrint(level, file, line, function, errorCode, format);
         return;
     }
-    std::unique_ptr<char, LibraryFree> buffer(static_cast<char *>(block));
+    drx::BlockPtr<char> buffer(static_cast<char *>(block));
     if (format != nullptr) {
         va_list args;
         va_start(args, format);
@@ -276,4 +272,20 @@ extern "C" void DorvexLogCallback(uint32_t level, const char *file, uint32_t lin
         }
     }
     DorvexLogPrint(level, file, line, function, errorCode, buffer.get());
+}
+
+uint32_t InternalAllocBuffer(uint64_t size, drx::BufferPtr *out) {
+    void *block = nullptr;
+    const uint32_t ret = DorvexMalloc(&block, size);
+    if (ret == DORVEX_OK) {
+        out->reset(static_cast<uint8_t *>(block));
+    }
+    return ret;
+}
+
+void InternalCloseFile(FILE *file) {
+    const int32_t ret = DorvexFileClose(file);
+    if (ret != 0) {
+        DORVEX_LOG_WARN(static_cast<uint32_t>(ret), "Failed to close file.");
+    }
 }

@@ -11,14 +11,11 @@
 #include <stdint.h>
 #include <stdio.h>
 
-#include "cms/dorvex_errno.h"
+#include "cms/base/dorvex_errno.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-// Module id under which the library allocates and logs.
-#define DORVEX_MODULE_ID 1014u
 
 // Label passed as the file argument of every log call; it is printed, never opened.
 #define DORVEX_LOG_FILE "dorvex_log.log"
@@ -134,6 +131,28 @@ int64_t DorvexMktime(const DorvexDatetime *time);
 
 #ifdef __cplusplus
 }
+
+#include "cms/base/owned.h"
+
+namespace drx {
+
+// A block of DorvexMalloc.
+template <typename T>
+using BlockPtr = Owned<T, DorvexFree>;
+using BufferPtr = BlockPtr<uint8_t>;
+
+}  // namespace drx
+
+// InternalAllocBuffer: DorvexMalloc of `size` bytes into *out.
+uint32_t InternalAllocBuffer(uint64_t size, drx::BufferPtr *out);
+
+// InternalCloseFile: DorvexFileClose; a failing close is only logged as a
+// warning, since every caller has read what it needed by then.
+void InternalCloseFile(FILE *file);
+
+namespace drx {
+using FilePtr = Owned<FILE, InternalCloseFile>;
+}  // namespace drx
 #endif
 
 #endif  // CMS_ADAPT_ADAPT_H

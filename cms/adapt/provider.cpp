@@ -35,7 +35,7 @@ static_assert(std::is_standard_layout_v<DorvexBigInt> &&
 
 // The provider logs straight to the debug log, under its own function name.
 #define DRX_PROVIDER_LOG_ERR(message) \
-    DBG_Log(DORVEX_MODULE_ID, DBG_LEVEL_ERR, __func__, __LINE__, 0, message)
+    DBG_Log(DBG_MODULE_VERIFY_TOOL, DBG_LEVEL_ERR, __func__, __LINE__, 0, message)
 
 namespace {
 

@@ -9,13 +9,13 @@
 // times), Final, Destroy. The owner always calls Destroy, also after a
 // failed Init, Update or Final; a context is not reusable after Final.
 // Apart from DorvexMdCreateCtx, the functions answer 0 or DORVEX_FAIL (-1)
-// and log their own failures through DBG_Log (module 1014, level error).
+// and log their own failures through DBG_Log (DBG_MODULE_VERIFY_TOOL, level error).
 #ifndef CMS_ADAPT_PROVIDER_H
 #define CMS_ADAPT_PROVIDER_H
 
 #include <stdint.h>
 
-#include "cms/dorvex_errno.h"
+#include "cms/base/dorvex_errno.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -126,6 +126,13 @@ uint64_t DrxBenchRsaVerifyCount(void);
 
 #ifdef __cplusplus
 }
+
+#include "cms/base/owned.h"
+
+namespace drx {
+using MdCtxPtr = Owned<DorvexMdCtx, DorvexMdDestoryCtx>;
+using VerifyCtxPtr = Owned<DorvexCryptoVerifyCtx, DorvexCryptoVerifyDestroyCtx>;
+}  // namespace drx
 #endif
 
 #endif  // CMS_ADAPT_PROVIDER_H

@@ -10,18 +10,12 @@
 
 #include <stdint.h>
 
-#include "cms/dorvex_errno.h"
+#include "cms/base/cursor.h"
+#include "cms/base/dorvex_errno.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-// Read cursor over one contiguous DER byte string (not owned).
-typedef struct DorvexBuf {
-    const uint8_t *data;
-    uint32_t size;
-    uint32_t pos;  // index of the next byte, 0..size
-} DorvexBuf;
 
 // A decoded or expected tag; the three fields are compared as one unit.
 typedef struct DorvexAsnTag {
@@ -164,18 +158,6 @@ extern const DorvexAsnItem g_itemDorvexAsnBitsToInt;
 extern const DorvexAsnItem g_itemDorvexX509AlgoIdentifier;
 extern const DorvexAsnItem g_itemDorvexX509ExtensionEntry;
 
-// DorvexBufInit: cursor over data[0..size) at position 0. All arguments
-// required and size non-zero, else DORVEX_ERR_PARAM.
-uint32_t DorvexBufInit(DorvexBuf *buf, const uint8_t *data, uint32_t size);
-
-// DorvexBufGet: the next byte, advancing; DORVEX_ERR_BUF_END at the end.
-uint32_t DorvexBufGet(DorvexBuf *buf, uint8_t *byte);
-
-// DorvexBufSeek: moves relative to the current position (whence 1 only).
-// A target below 0 or beyond size, or another whence, gives DORVEX_FAIL and
-// leaves the position unchanged.
-uint32_t DorvexBufSeek(DorvexBuf *buf, int64_t offset, int32_t whence);
-
 // Decode functions; each leaves the cursor at the element's start on failure.
 uint32_t DorvexDecodeOctet(DorvexBuf *buf, void *target, uint32_t *consumed,
                            const DorvexAsnTempl *row);
@@ -207,6 +189,32 @@ void DorvexAsnFree(void *record, const DorvexAsnItem *item);
 
 #ifdef __cplusplus
 }
+
+#include "cms/base/owned.h"
+
+namespace drx {
+
+template <const DorvexAsnItem *Item>
+void AsnFreeWith(void *record) {
+    DorvexAsnFree(record, Item);
+}
+
+// A record of DorvexAsnDecode against Item.
+template <typename T, const DorvexAsnItem *Item>
+using AsnPtr = Owned<T, AsnFreeWith<Item>>;
+
+// AsnDecodeOwned: DorvexAsnDecode of one element against Item into *out;
+// the decoder's code on failure.
+template <const DorvexAsnItem *Item, typename T>
+uint32_t AsnDecodeOwned(const uint8_t *data, uint32_t size, AsnPtr<T, Item> *out) {
+    void *record = nullptr;
+    uint32_t used = 0;
+    const uint32_t ret = DorvexAsnDecode(data, size, Item, 0, &record, &used);
+    out->reset(static_cast<T *>(record));
+    return ret;
+}
+
+}  // namespace drx
 #endif
 
 #endif  // CMS_ASN1_ASN1_H

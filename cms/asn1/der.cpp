@@ -1,5 +1,5 @@
-// Table-driven DER decoder: cursor, header readers, the eight decode
-// functions and the basic items.
+// Table-driven DER decoder: header readers, the eight decode functions and
+// the basic items.
 //
 // Departures from strict DER (X.690 section 10) are deliberate: non-minimal
 // length octets, unsorted SET OF elements, any BIT STRING unused-bits value
@@ -15,6 +15,11 @@
 #include "cms/asn1/oid.h"
 
 namespace {
+
+using drx_asn::Elements;
+using drx_asn::Leaf;
+using drx_asn::Row;
+using drx_asn::Structured;
 
 // Puts the cursor back to where an element started unless the decode
 // succeeded, so that every failing decode function leaves it unmoved.
@@ -227,56 +232,7 @@ uint32_t DispatchMapEntry(const DorvexAsnItem &map, const DorvexX509ExtensionEnt
     return DORVEX_OK;
 }
 
-constexpr DorvexAsnTempl MakeRow(const DorvexAsnItem *item, uint16_t flags, uint32_t offset) {
-    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, 0};
-}
-
 }  // namespace
-
-// ---- Cursor ----------------------------------------------------------------
-
-uint32_t DorvexBufInit(DorvexBuf *buf, const uint8_t *data, uint32_t size) {
-    if (buf == nullptr || data == nullptr || size == 0) {
-        return DORVEX_ERR_PARAM;
-    }
-    buf->data = data;
-    buf->size = size;
-    buf->pos = 0;
-    return DORVEX_OK;
-}
-
-uint32_t DorvexBufGet(DorvexBuf *buf, uint8_t *byte) {
-    if (buf == nullptr || byte == nullptr) {
-        return DORVEX_ERR_PARAM;
-    }
-    if (buf->pos >= buf->size) {
-        return DORVEX_ERR_BUF_END;
-    }
-    *byte = buf->data[buf->pos];
-    ++buf->pos;
-    return DORVEX_OK;
-}
-
-uint32_t DorvexBufSeek(DorvexBuf *buf, int64_t offset, int32_t whence) {
-    constexpr int32_t kSeekCur = 1;
-    if (buf == nullptr) {
-        return DORVEX_ERR_PARAM;
-    }
-    if (whence != kSeekCur) {
-        return DORVEX_FAIL;
-    }
-    // |offset| beyond 2^32 can never land inside the buffer; bounding it
-    // first keeps the sum below from overflowing.
-    if (offset > int64_t{UINT32_MAX} || offset < -int64_t{UINT32_MAX}) {
-        return DORVEX_FAIL;
-    }
-    const int64_t target = int64_t{buf->pos} + offset;
-    if (target < 0 || target > int64_t{buf->size}) {
-        return DORVEX_FAIL;
-    }
-    buf->pos = static_cast<uint32_t>(target);
-    return DORVEX_OK;
-}
 
 // ---- Header readers --------------------------------------------------------
 
@@ -602,7 +558,7 @@ uint32_t DorvexDecodeSetof(DorvexBuf *buf, void *target, uint32_t *consumed,
 
 uint32_t DorvexDecodeMap(DorvexBuf *buf, void *target, uint32_t *consumed,
                          const DorvexAsnTempl *row) {
-    static constexpr DorvexAsnTempl kEntryRow = MakeRow(&g_itemDorvexX509ExtensionEntry, 0, 0);
+    static constexpr DorvexAsnTempl kEntryRow = Row(&g_itemDorvexX509ExtensionEntry, 0);
     if (buf == nullptr || target == nullptr || consumed == nullptr || row == nullptr ||
         row->item == nullptr) {
         return DORVEX_ERR_PARAM;
@@ -643,7 +599,7 @@ uint32_t DorvexDecodeMap(DorvexBuf *buf, void *target, uint32_t *consumed,
 
 uint32_t DorvexOidToExku(DorvexBuf *buf, void *target, uint32_t *consumed,
                          const DorvexAsnTempl * /*row: the value is always a bundle*/) {
-    static constexpr DorvexAsnTempl kBundleRow = MakeRow(&g_itemDorvexAsnOidBundle, 0, 0);
+    static constexpr DorvexAsnTempl kBundleRow = Row(&g_itemDorvexAsnOidBundle, 0);
     if (target == nullptr) {
         return DORVEX_ERR_PARAM;
     }
@@ -726,19 +682,19 @@ uint32_t DorvexAsnDecode(const uint8_t *data, uint32_t size, const DorvexAsnItem
     if (ret != DORVEX_OK) {
         return ret;
     }
-    void *out = nullptr;
-    ret = DorvexMallocWith0(&out, item->recordSize);
+    void *block = nullptr;
+    ret = DorvexMallocWith0(&block, item->recordSize);
     if (ret != DORVEX_OK) {
         return ret;
     }
+    drx::BlockPtr<void> out(block);
     const DorvexAsnTempl top = {item, 0, DRX_ASN_TAG_UNIVERSAL, flags, 0, 0};
     uint32_t used = 0;
-    ret = func(&buf, out, &used, &top);
+    ret = func(&buf, out.get(), &used, &top);
     if (ret != DORVEX_OK) {
-        DorvexFree(out);
         return ret;
     }
-    *record = out;
+    *record = out.release();
     *consumed = used;
     return DORVEX_OK;
 }
@@ -765,16 +721,15 @@ constexpr uint32_t kUniv = DRX_ASN_CLASS_UNIVERSAL;
 
 // OidBundle ::= SEQUENCE SIZE (1..10) OF OBJECT IDENTIFIER
 constexpr DorvexAsnTempl g_templDorvexAsnOidBundle[] = {
-    {&g_itemDorvexAsnOcts, 0, DRX_ASN_TAG_UNIVERSAL, 0, offsetof(DorvexAsnOidBundle, oids),
-     DRX_ASN_OID_BUNDLE_MAX},
+    Elements(&g_itemDorvexAsnOcts, offsetof(DorvexAsnOidBundle, oids), DRX_ASN_OID_BUNDLE_MAX),
 };
 
 // AlgorithmIdentifier ::= SEQUENCE {
 //     algorithm   OBJECT IDENTIFIER,
 //     parameters  ANY DEFINED BY algorithm OPTIONAL }
 constexpr DorvexAsnTempl g_templDorvexX509AlgoIdentifier[] = {
-    MakeRow(&g_itemDorvexAsnOcts, 0, offsetof(DorvexX509AlgoIdentifier, algorithm)),
-    MakeRow(&g_itemDorvexAsnOcts, DRX_ASN_OPTIONAL, offsetof(DorvexX509AlgoIdentifier, parameters)),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509AlgoIdentifier, algorithm)),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509AlgoIdentifier, parameters), DRX_ASN_OPTIONAL),
 };
 
 // Extension ::= SEQUENCE {               Attribute ::= SEQUENCE {
@@ -782,23 +737,10 @@ constexpr DorvexAsnTempl g_templDorvexX509AlgoIdentifier[] = {
 //     critical   BOOLEAN DEFAULT FALSE,      (no BOOLEAN: counts as absent)
 //     extnValue  OCTET STRING }              attrValues  SET OF ANY }
 constexpr DorvexAsnTempl g_templDorvexX509ExtensionEntry[] = {
-    MakeRow(&g_itemDorvexAsnOcts, 0, offsetof(DorvexX509ExtensionEntry, extnId)),
-    MakeRow(&g_itemDorvexAsnBool, DRX_ASN_DEFAULT, offsetof(DorvexX509ExtensionEntry, critical)),
-    MakeRow(&g_itemDorvexAsnOcts, 0, offsetof(DorvexX509ExtensionEntry, extnValue)),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509ExtensionEntry, extnId)),
+    Row(&g_itemDorvexAsnBool, offsetof(DorvexX509ExtensionEntry, critical), DRX_ASN_DEFAULT),
+    Row(&g_itemDorvexAsnOcts, offsetof(DorvexX509ExtensionEntry, extnValue)),
 };
-
-// An item without rows: function slot, expected tag, record size.
-constexpr DorvexAsnItem Leaf(const DorvexAsnFunc *func, uint32_t tagClass, uint32_t constructed,
-                             uint32_t number, uint32_t recordSize) {
-    return DorvexAsnItem{nullptr, func, tagClass, constructed, number, 0, recordSize};
-}
-
-// A universal constructed item read through a template.
-template <size_t N>
-constexpr DorvexAsnItem Structured(const DorvexAsnTempl (&rows)[N], const DorvexAsnFunc *func,
-                                   uint32_t number, uint32_t recordSize) {
-    return DorvexAsnItem{rows, func, kUniv, 1, number, static_cast<uint32_t>(N), recordSize};
-}
 
 }  // namespace
 

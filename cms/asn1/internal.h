@@ -2,9 +2,11 @@
 #ifndef CMS_ASN1_INTERNAL_H
 #define CMS_ASN1_INTERNAL_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include "cms/asn1/asn1.h"
+#include "cms/asn1/oid.h"
 
 // InternalDecTag: reads one identifier octet into tag. The octet is consumed
 // even when it announces a high tag number (31), which is refused with
@@ -24,6 +26,60 @@ uint32_t InternalAsn1ParseContent(DorvexBuf *buf, uint32_t rowTagCode, uint32_t 
                                   DorvexAsnTag *tag);
 
 namespace drx_asn {
+
+// ---- template rows and items, as every template of cms/asn1 writes them ----
+
+// A row carrying the item's own tag.
+constexpr DorvexAsnTempl Row(const DorvexAsnItem *item, uint32_t offset, uint16_t flags = 0) {
+    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, 0};
+}
+
+// A row under an EXPLICIT or IMPLICIT context tag [number].
+constexpr DorvexAsnTempl Tagged(const DorvexAsnItem *item, uint16_t mode, uint32_t number,
+                                uint32_t offset, uint16_t flags = 0) {
+    return DorvexAsnTempl{item, number, mode, flags, offset, 0};
+}
+
+// The single row of a SET OF / SEQUENCE OF item.
+constexpr DorvexAsnTempl Elements(const DorvexAsnItem *item, uint32_t offset, uint32_t maxCount,
+                                  uint16_t flags = 0) {
+    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, maxCount};
+}
+
+// A row of a map item, selected by the entry's identifier; in an attribute
+// set the value decoded is the attribute's first value.
+constexpr DorvexAsnTempl Keyed(const DorvexAsnItem *item, DorvexAoid key, uint32_t offset,
+                               uint16_t flags = DRX_ASN_OPTIONAL) {
+    return DorvexAsnTempl{item, static_cast<uint32_t>(key), DRX_ASN_TAG_UNIVERSAL, flags, offset,
+                          0};
+}
+
+// A map row recording the critical flag of the entries with `key`; with
+// AOID_UNKNOWN, of every critical entry no other row reads.
+constexpr DorvexAsnTempl Critical(DorvexAoid key, uint32_t offset) {
+    return Keyed(&g_itemDorvexAsnBool, key, offset, DRX_ASN_OPTIONAL | DRX_ASN_MAP_CRITICAL);
+}
+
+// A map row counting the entries of `key`.
+constexpr DorvexAsnTempl Counted(DorvexAoid key, uint32_t offset) {
+    return Keyed(&g_itemDorvexAsnOcts, key, offset, DRX_ASN_OPTIONAL | DRX_ASN_MAP_COUNT);
+}
+
+// An item without rows: function slot, expected tag, record size.
+constexpr DorvexAsnItem Leaf(const DorvexAsnFunc *func, uint32_t tagClass, uint32_t constructed,
+                             uint32_t number, uint32_t recordSize) {
+    return DorvexAsnItem{nullptr, func, tagClass, constructed, number, 0, recordSize};
+}
+
+// A universal constructed item read through a template.
+template <size_t N>
+constexpr DorvexAsnItem Structured(const DorvexAsnTempl (&rows)[N], const DorvexAsnFunc *func,
+                                   uint32_t number, uint32_t recordSize) {
+    return DorvexAsnItem{
+        rows, func, DRX_ASN_CLASS_UNIVERSAL, 1, number, static_cast<uint32_t>(N), recordSize};
+}
+
+// ---- template checks --------------------------------------------------------
 
 // Deepest nesting of items any template may have; keeps the decoder's
 // recursion bounded by the static tables alone.

@@ -118,7 +118,8 @@ uint32_t DorvexConvertFromX509Name(const DorvexX509Name *name, char **str, uint3
     if (ret != DORVEX_OK) {
         return ret;
     }
-    char *out = static_cast<char *>(block);
+    drx::BlockPtr<char> owned(static_cast<char *>(block));
+    char *out = owned.get();
     uint32_t used = 0;
     for (const DorvexX509AttrBundle &rdn : RdnsOf(*name)) {
         for (const DorvexX509AttrEntry &attr : AttrsOf(rdn)) {
@@ -126,7 +127,6 @@ uint32_t DorvexConvertFromX509Name(const DorvexX509Name *name, char **str, uint3
             const int32_t aoid = DorvexFindAoid(&attr.type);
             if (aoid == AOID_UNKNOWN) {
                 DORVEX_LOG_ERR(DORVEX_ERR_NAME_ATTR, "unknown attribute type in name.");
-                DorvexFree(block);
                 return DORVEX_ERR_NAME_ATTR;
             }
             InternalMakeReadableAttr(piece, attr.value.len, attr.value.data, AttrPrefix(aoid));
@@ -143,7 +143,7 @@ uint32_t DorvexConvertFromX509Name(const DorvexX509Name *name, char **str, uint3
             used += pieceLen;
         }
     }
-    *str = out;
+    *str = owned.release();
     *len = used;
     return DORVEX_OK;
 }

@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "cms/adapt/adapt.h"
+#include "cms/asn1/internal.h"
 #include "cms/asn1/oid.h"
 
 namespace {
@@ -22,37 +23,12 @@ constexpr uint16_t kWhole = DRX_ASN_WITH_HEADER;
 constexpr uint16_t kImplicit = DRX_ASN_TAG_IMPLICIT;
 constexpr uint16_t kExplicit = DRX_ASN_TAG_EXPLICIT;
 
-// A row carrying the item's own tag.
-constexpr DorvexAsnTempl Row(const DorvexAsnItem *item, uint32_t offset, uint16_t flags = 0) {
-    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, 0};
-}
-
-// A row under an EXPLICIT or IMPLICIT context tag [number].
-constexpr DorvexAsnTempl Tagged(const DorvexAsnItem *item, uint16_t mode, uint32_t number,
-                                uint32_t offset, uint16_t flags = 0) {
-    return DorvexAsnTempl{item, number, mode, flags, offset, 0};
-}
-
-// The single row of a SET OF / SEQUENCE OF item.
-constexpr DorvexAsnTempl Elements(const DorvexAsnItem *item, uint32_t offset, uint32_t maxCount,
-                                  uint16_t flags = 0) {
-    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, maxCount};
-}
-
-// A row of a map item, selected by the attribute's identifier; the value
-// decoded is the attribute's first value.
-constexpr DorvexAsnTempl Keyed(const DorvexAsnItem *item, DorvexAoid key, uint32_t offset,
-                               uint16_t flags = kOpt) {
-    return DorvexAsnTempl{item, static_cast<uint32_t>(key), DRX_ASN_TAG_UNIVERSAL, flags, offset,
-                          0};
-}
-
-template <size_t N>
-constexpr DorvexAsnItem Structured(const DorvexAsnTempl (&rows)[N], const DorvexAsnFunc *func,
-                                   uint32_t number, uint32_t recordSize) {
-    return DorvexAsnItem{
-        rows, func, DRX_ASN_CLASS_UNIVERSAL, 1, number, static_cast<uint32_t>(N), recordSize};
-}
+using drx_asn::Counted;
+using drx_asn::Elements;
+using drx_asn::Keyed;
+using drx_asn::Row;
+using drx_asn::Structured;
+using drx_asn::Tagged;
 
 // ---- SignedData -------------------------------------------------------------
 
@@ -78,11 +54,6 @@ constexpr DorvexAsnTempl g_templDorvexPkcs7IssuerAndSerial[] = {
     Row(&g_itemDorvexAsnBigint, offsetof(DorvexPkcs7IssuerAndSerial, serialNumber),
         DRX_ASN_SIGNED_INT),
 };
-
-// A map row counting the attributes of `key`.
-constexpr DorvexAsnTempl Counted(DorvexAoid key, uint32_t offset) {
-    return Keyed(&g_itemDorvexAsnOcts, key, offset, kOpt | DRX_ASN_MAP_COUNT);
-}
 
 // SignedAttributes ::= SET SIZE (1..MAX) OF Attribute, dispatched by attrType:
 //     id-messageDigest            -> messageDigest (content of its only value), counted
@@ -287,31 +258,10 @@ constexpr DorvexAsnItem g_itemDorvexEssSigningCert =
 // The SET OF decoder stores the count in the record's first word.
 static_assert(offsetof(DorvexX509CertRawBundle, count) == 0 &&
               offsetof(DorvexPkcs7SignedInfoBundle, count) == 0);
-// The list is filled here through its layout (below).
-static_assert(DORVEX_LIST_CAPACITY == sizeof(DorvexList::items) / sizeof(void *));
 
 // ---- decode and release -----------------------------------------------------
 
 namespace {
-
-// cms_asn1 sits below the PKI store's library, so the certificate list is
-// filled and emptied here with the store's own rules: append while fewer
-// than DORVEX_LIST_CAPACITY items are held, release from first to last.
-bool InternalListAppend(DorvexList &list, DorvexX509Cert *cert) {
-    if (list.count < 0 || list.count >= DORVEX_LIST_CAPACITY) {
-        return false;
-    }
-    list.items[list.count] = cert;
-    ++list.count;
-    return true;
-}
-
-void InternalReleaseCerts(DorvexList &list) {
-    for (int32_t i = 0; i < list.count && i < DORVEX_LIST_CAPACITY; ++i) {
-        DorvexX509FreeCert(static_cast<DorvexX509Cert *>(list.items[i]));
-    }
-    list.count = 0;
-}
 
 constexpr bool IsSequenceTag(const DorvexAsnOcts &raw) {
     return raw.tagClass == DRX_ASN_CLASS_UNIVERSAL && raw.constructed == 1 &&
@@ -325,18 +275,19 @@ uint32_t InternalDecodeCert(DorvexPkcs7SignedData &signedData) {
     const DorvexX509CertRawBundle &raw = signedData.certificates;
     for (uint32_t i = 0; i < raw.count && i < DRX_PKCS7_MAX_CERTS; ++i) {
         const DorvexAsnOcts &der = raw.certs[i];
-        DorvexX509Cert *cert = nullptr;
+        DorvexX509Cert *decoded = nullptr;
         uint32_t used = 0;
         if (!IsSequenceTag(der) ||
-            DorvexX509DecodeCert(der.data, der.len, &cert, &used) != DORVEX_OK) {
+            DorvexX509DecodeCert(der.data, der.len, &decoded, &used) != DORVEX_OK) {
             DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, nullptr);
             return DORVEX_ERR_PKCS7_DECODE;
         }
-        if (!InternalListAppend(signedData.certList, cert)) {
-            DorvexX509FreeCert(cert);
+        drx::CertPtr cert(decoded);
+        if (DorvexListAdd(&signedData.certList, cert.get()) != DORVEX_OK) {
             DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, nullptr);
             return DORVEX_ERR_PKCS7_DECODE;
         }
+        (void)cert.release();
     }
     return DORVEX_OK;
 }
@@ -356,12 +307,11 @@ uint32_t DorvexPkcs7DecodeSigned(const uint8_t *data, uint32_t size, DorvexPkcs7
     if (DorvexAsnDecode(data, size, &g_itemDorvexPkcs7Content, 0, &record, &used) != DORVEX_OK) {
         return DORVEX_ERR_PKCS7_DECODE;
     }
-    auto *decoded = static_cast<DorvexPkcs7Content *>(record);
+    drx::SignedPtr decoded(static_cast<DorvexPkcs7Content *>(record));
     if (InternalDecodeCert(decoded->signedData) != DORVEX_OK) {
-        DorvexPkcs7FreeSigned(decoded);
         return DORVEX_ERR_PKCS7_DECODE;
     }
-    *content = decoded;
+    *content = decoded.release();
     *consumed = used;
     return DORVEX_OK;
 }
@@ -370,7 +320,7 @@ void DorvexPkcs7FreeSigned(DorvexPkcs7Content *content) {
     if (content == nullptr) {
         return;
     }
-    InternalReleaseCerts(content->signedData.certList);
+    DorvexListFree(&content->signedData.certList, DorvexX509FreeCertItem);
     DorvexAsnFree(content, &g_itemDorvexPkcs7Content);
 }
 
@@ -380,22 +330,25 @@ uint32_t DorvexPkcs7EssCertHash(const DorvexAsnOcts *value, uint32_t v2, int32_t
         certHash == nullptr) {
         return DORVEX_ERR_PARAM;
     }
-    void *record = nullptr;
-    uint32_t used = 0;
-    if (DorvexAsnDecode(value->data, value->len, &g_itemDorvexEssSigningCert, 0, &record, &used) !=
+    drx::AsnPtr<DorvexAsnOcts, &g_itemDorvexEssSigningCert> signing;
+    if (drx::AsnDecodeOwned<&g_itemDorvexEssSigningCert>(value->data, value->len, &signing) !=
         DORVEX_OK) {
         return DORVEX_ERR_PKCS7_DECODE;
     }
-    const DorvexAsnOcts certs = *static_cast<DorvexAsnOcts *>(record);
-    DorvexAsnFree(record, &g_itemDorvexEssSigningCert);
+    const DorvexAsnOcts certs = *signing;
     // An empty list names no certificate, which cannot be the one that signed.
-    if (certs.data == nullptr || certs.len == 0 ||
-        DorvexAsnDecode(certs.data, certs.len,
-                        v2 != 0 ? &g_itemDorvexEssCertIdV2 : &g_itemDorvexEssCertId, 0, &record,
-                        &used) != DORVEX_OK) {
+    if (certs.data == nullptr || certs.len == 0) {
         return DORVEX_ERR_PKCS7_DECODE;
     }
-    const auto *id = static_cast<const DorvexEssCertId *>(record);
+    drx::AsnPtr<DorvexEssCertId, &g_itemDorvexEssCertId> idV1;
+    drx::AsnPtr<DorvexEssCertId, &g_itemDorvexEssCertIdV2> idV2;
+    const uint32_t decoded =
+        v2 != 0 ? drx::AsnDecodeOwned<&g_itemDorvexEssCertIdV2>(certs.data, certs.len, &idV2)
+                : drx::AsnDecodeOwned<&g_itemDorvexEssCertId>(certs.data, certs.len, &idV1);
+    if (decoded != DORVEX_OK) {
+        return DORVEX_ERR_PKCS7_DECODE;
+    }
+    const DorvexEssCertId *id = v2 != 0 ? idV2.get() : idV1.get();
     if (v2 == 0) {
         *hashAoid = AOID_SHA1;
     } else if (id->hashAlgorithm.algorithm.data == nullptr) {
@@ -404,6 +357,5 @@ uint32_t DorvexPkcs7EssCertHash(const DorvexAsnOcts *value, uint32_t v2, int32_t
         *hashAoid = DorvexFindAoid(&id->hashAlgorithm.algorithm);
     }
     *certHash = id->certHash;
-    DorvexAsnFree(record, v2 != 0 ? &g_itemDorvexEssCertIdV2 : &g_itemDorvexEssCertId);
     return DORVEX_OK;
 }

@@ -16,7 +16,7 @@
 
 #include "cms/asn1/asn1.h"
 #include "cms/asn1/x509.h"
-#include "cms/asn1/list.h"
+#include "cms/base/list.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -149,6 +149,10 @@ void DorvexPkcs7FreeSigned(DorvexPkcs7Content *content);
 
 #ifdef __cplusplus
 }
+
+namespace drx {
+using SignedPtr = Owned<DorvexPkcs7Content, DorvexPkcs7FreeSigned>;
+}  // namespace drx
 #endif
 
 #endif  // CMS_ASN1_PKCS7_H

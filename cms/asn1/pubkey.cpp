@@ -21,12 +21,6 @@ uint32_t CopyKeyPart(DorvexBigInt *out, const DorvexAsnBigint &part) {
     return static_cast<uint32_t>(memcpy_s(out->data, sizeof out->data, part.data, part.len));
 }
 
-// Owns one provider context for the length of a call.
-struct VerifyCtx {
-    DorvexCryptoVerifyCtx *ctx = nullptr;
-    ~VerifyCtx() { DorvexCryptoVerifyDestroyCtx(ctx); }
-};
-
 }  // namespace
 
 extern "C" uint32_t InternalGetBigIntFromOcts(DorvexBigInt *out, uint32_t length,
@@ -81,18 +75,19 @@ extern "C" uint32_t DorvexX509PubKeyVerify(const uint8_t *data, uint32_t dataLen
     if (ret != DORVEX_OK) {
         return ret;
     }
-    VerifyCtx verify;
-    ret = DorvexCryptoVerifyCreateCtx(&verify.ctx);
+    DorvexCryptoVerifyCtx *created = nullptr;
+    ret = DorvexCryptoVerifyCreateCtx(&created);
+    const drx::VerifyCtxPtr verify(created);
     if (ret != DORVEX_OK) {
         return ret;
     }
     uint32_t verdict = 0;
-    ret = DorvexCryptoVerifyInit(verify.ctx, &exponent, &modulus, static_cast<uint32_t>(digest));
+    ret = DorvexCryptoVerifyInit(verify.get(), &exponent, &modulus, static_cast<uint32_t>(digest));
     if (ret == DORVEX_OK) {
-        ret = DorvexCryptoVerifyUpdate(verify.ctx, data, dataLength);
+        ret = DorvexCryptoVerifyUpdate(verify.get(), data, dataLength);
     }
     if (ret == DORVEX_OK) {
-        ret = DorvexCryptoVerifyFinal(verify.ctx, signature, signatureLength, &verdict);
+        ret = DorvexCryptoVerifyFinal(verify.get(), signature, signatureLength, &verdict);
     }
     if (ret != DORVEX_OK) {
         return ret;

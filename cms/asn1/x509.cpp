@@ -27,44 +27,12 @@ constexpr uint16_t kPeekWhole = DRX_ASN_PEEK | DRX_ASN_WITH_HEADER;
 // Serial numbers are compared as numbers: kept as encoded, minimal only.
 constexpr uint16_t kSerial = DRX_ASN_SIGNED_INT;
 
-// A row carrying the item's own tag.
-constexpr DorvexAsnTempl Row(const DorvexAsnItem *item, uint32_t offset, uint16_t flags = 0) {
-    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, flags, offset, 0};
-}
-
-// A row under an EXPLICIT or IMPLICIT context tag [number].
-constexpr DorvexAsnTempl Tagged(const DorvexAsnItem *item, uint16_t mode, uint32_t number,
-                                uint32_t offset, uint16_t flags = 0) {
-    return DorvexAsnTempl{item, number, mode, flags, offset, 0};
-}
-
-// The single row of a SET OF / SEQUENCE OF item.
-constexpr DorvexAsnTempl Elements(const DorvexAsnItem *item, uint32_t offset, uint32_t maxCount) {
-    return DorvexAsnTempl{item, 0, DRX_ASN_TAG_UNIVERSAL, 0, offset, maxCount};
-}
-
-// A row of a map item, selected by the entry's identifier.
-constexpr DorvexAsnTempl Keyed(const DorvexAsnItem *item, DorvexAoid key, uint32_t offset) {
-    return DorvexAsnTempl{item, static_cast<uint32_t>(key), DRX_ASN_TAG_UNIVERSAL, kOpt, offset, 0};
-}
-
-// A map row recording the critical flag of the entries with `key`; with
-// AOID_UNKNOWN, of every critical entry no other row reads.
-constexpr DorvexAsnTempl Critical(DorvexAoid key, uint32_t offset) {
-    return DorvexAsnTempl{&g_itemDorvexAsnBool,
-                          static_cast<uint32_t>(key),
-                          DRX_ASN_TAG_UNIVERSAL,
-                          kOpt | DRX_ASN_MAP_CRITICAL,
-                          offset,
-                          0};
-}
-
-template <size_t N>
-constexpr DorvexAsnItem Structured(const DorvexAsnTempl (&rows)[N], const DorvexAsnFunc *func,
-                                   uint32_t number, uint32_t recordSize) {
-    return DorvexAsnItem{
-        rows, func, DRX_ASN_CLASS_UNIVERSAL, 1, number, static_cast<uint32_t>(N), recordSize};
-}
+using drx_asn::Critical;
+using drx_asn::Elements;
+using drx_asn::Keyed;
+using drx_asn::Row;
+using drx_asn::Structured;
+using drx_asn::Tagged;
 
 // ---- names ----------------------------------------------------------------
 
@@ -509,10 +477,11 @@ uint32_t DorvexX509DecodeCrl(const uint8_t *data, uint32_t size, DorvexX509Crl *
     if (ret != DORVEX_OK) {
         return ret;
     }
-    ret = InternalDecodeRevoked((*crl)->crlInfo.revokedCertificates);
-    if (ret != DORVEX_OK) {
-        DorvexX509FreeCrl(*crl);
-        *crl = nullptr;
+    drx::CrlPtr decoded(*crl);
+    *crl = nullptr;
+    ret = InternalDecodeRevoked(decoded->crlInfo.revokedCertificates);
+    if (ret == DORVEX_OK) {
+        *crl = decoded.release();
     }
     return ret;
 }
@@ -522,6 +491,14 @@ void DorvexX509FreeCrl(DorvexX509Crl *crl) {
         InternalFreeRevoked(crl->crlInfo.revokedCertificates);
     }
     InternalRelease(crl, g_itemDorvexX509Crl);
+}
+
+void DorvexX509FreeCertItem(void *cert) {
+    DorvexX509FreeCert(static_cast<DorvexX509Cert *>(cert));
+}
+
+void DorvexX509FreeCrlItem(void *crl) {
+    DorvexX509FreeCrl(static_cast<DorvexX509Crl *>(crl));
 }
 
 void DorvexX509CrlFindSerial(const DorvexX509Crl *crl, const DorvexAsnBigint *serial,
@@ -564,14 +541,12 @@ bool DorvexX509GeneralNamesHold(const DorvexAsnOcts *names, const DorvexX509Name
         }
         void *record = nullptr;
         uint32_t used = 0;
-        if (DorvexAsnDecode(general.data, general.len, &g_itemDorvexX509Name, 0, &record, &used) !=
-            DORVEX_OK) {
-            return false;
-        }
-        const bool same = used == general.len &&
-                          DorvexCompareX509Name(static_cast<DorvexX509Name *>(record), name) == 0;
-        DorvexAsnFree(record, &g_itemDorvexX509Name);
-        return same;
+        const uint32_t ret =
+            DorvexAsnDecode(general.data, general.len, &g_itemDorvexX509Name, 0, &record, &used);
+        const drx::AsnPtr<DorvexX509Name, &g_itemDorvexX509Name> decoded(
+            static_cast<DorvexX509Name *>(record));
+        return ret == DORVEX_OK && used == general.len &&
+               DorvexCompareX509Name(decoded.get(), name) == 0;
     });
 }
 

@@ -218,6 +218,11 @@ uint32_t DorvexX509DecodeCrl(const uint8_t *data, uint32_t size, DorvexX509Crl *
                              uint32_t *consumed);
 void DorvexX509FreeCrl(DorvexX509Crl *crl);
 
+// DorvexX509FreeCertItem / DorvexX509FreeCrlItem: DorvexX509FreeCert and
+// DorvexX509FreeCrl typed for DorvexListFree.
+void DorvexX509FreeCertItem(void *cert);
+void DorvexX509FreeCrlItem(void *crl);
+
 // DorvexX509CrlFindSerial: the entries of the CRL listing `serial` (INTEGER
 // content octets as encoded): positions [*first, *first + *count) of
 // revokedCertificates.bySerial, *count 0 when none. Binary search: the cost
@@ -274,6 +279,14 @@ uint32_t DorvexConvertDatetimeToTime(const DorvexAsnOcts *time, int64_t *seconds
 
 #ifdef __cplusplus
 }
+
+namespace drx {
+using CertPtr = Owned<DorvexX509Cert, DorvexX509FreeCert>;
+using CrlPtr = Owned<DorvexX509Crl, DorvexX509FreeCrl>;
+// Lists holding one reference on each certificate or CRL.
+using CertList = OwnedList<DorvexX509FreeCertItem>;
+using CrlList = OwnedList<DorvexX509FreeCrlItem>;
+}  // namespace drx
 #endif
 
 #endif  // CMS_ASN1_X509_H

@@ -20,15 +20,6 @@ inline constexpr uint32_t kDrxMaxPkiWork = 4096;
 inline constexpr uint32_t kDrxKuKeyCertSign = 0x04;
 inline constexpr uint32_t kDrxKuCrlSign = 0x02;
 
-// Number of items in use, a count corrupted outside 0..16 clamped so that
-// no walk leaves the slots.
-inline int32_t DrxListCount(const DorvexList &list) {
-    if (list.count < 0) {
-        return 0;
-    }
-    return list.count > DORVEX_LIST_CAPACITY ? DORVEX_LIST_CAPACITY : list.count;
-}
-
 // InternalCertStatus: whether `cert` is trusted at the context's time (0) or
 // why not, remembered per stored certificate; *budget is how many
 // intermediate CAs may still stand below it (negative: it may issue

@@ -1,7 +1,6 @@
-// PKI store of a verify context: the operations of the fixed-capacity list
-// (its record lives with the context in cms/vrf_ctx.h), the certificates and
-// CRLs that paths are built from, and certificate path verification with
-// CRL-based revocation checking.
+// PKI store of a verify context: the certificates and CRLs that paths are
+// built from, and certificate path verification with CRL-based revocation
+// checking.
 //
 // Trust comes only from path building: a path ends at a self-signed
 // certificate of the store. Every lookup walks a list from its first item
@@ -12,7 +11,7 @@
 #include <stdint.h>
 
 #include "cms/asn1/x509.h"
-#include "cms/vrf_ctx.h"
+#include "cms/base/vrf_ctx.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -51,22 +50,6 @@ typedef struct DorvexPkiStore {
     uint8_t issuedBy[DORVEX_LIST_CAPACITY][DORVEX_LIST_CAPACITY];
     uint32_t work;  // judgements and checks of the current outermost verification
 } DorvexPkiStore;
-
-// ---- list ------------------------------------------------------------------
-
-// DorvexListAdd: appends `item`. DORVEX_ERR_PARAM for a null list or item,
-// DORVEX_ERR_LIST_FULL when 16 items are held already (the list unchanged).
-uint32_t DorvexListAdd(DorvexList *list, void *item);
-
-// DorvexListFree: calls freeItem on every item from the first to the last and
-// sets the count to 0; the slots keep their old pointers and the list itself
-// is not released. Nothing happens when either argument is null.
-void DorvexListFree(DorvexList *list, void (*freeItem)(void *));
-
-// DorvexListSort: stable in-place sort; afterwards compare(item, successor)
-// is never above 0. compare(a, b) > 0 means a must come after b.
-// DORVEX_ERR_PARAM when either argument is null, else 0.
-uint32_t DorvexListSort(DorvexList *list, int32_t (*compare)(const void *a, const void *b));
 
 // ---- store -----------------------------------------------------------------
 

@@ -6,14 +6,6 @@
 
 namespace {
 
-void FreeCertItem(void *item) {
-    DorvexX509FreeCert(static_cast<DorvexX509Cert *>(item));
-}
-
-void FreeCrlItem(void *item) {
-    DorvexX509FreeCrl(static_cast<DorvexX509Crl *>(item));
-}
-
 // Records are the same when their signature values are byte-identical;
 // nothing else about them is compared.
 template <typename Record>
@@ -61,8 +53,8 @@ void DorvexPkiUninit(DorvexVrfCtx *ctx) {
     if (ctx == nullptr || ctx->pki == nullptr) {
         return;
     }
-    DorvexListFree(&ctx->pki->certs, FreeCertItem);
-    DorvexListFree(&ctx->pki->crls, FreeCrlItem);
+    DorvexListFree(&ctx->pki->certs, DorvexX509FreeCertItem);
+    DorvexListFree(&ctx->pki->crls, DorvexX509FreeCrlItem);
     DorvexFree(ctx->pki);
     ctx->pki = nullptr;
 }

@@ -29,8 +29,8 @@ run(0 "cmake --install" ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefi
 
 # What a user expects to find, and no test-only library or program.
 foreach(file IN ITEMS bin/verify_tool bin/crl_info share/man/man1/verify_tool.1
-        include/dorvex/cms/dorvex.h include/dorvex/cms/dorvex_errno.h
-        include/dorvex/cms/vrf_ctx.h include/dorvex/dbglog/dbglog.h
+        include/dorvex/cms/dorvex.h include/dorvex/cms/base/dorvex_errno.h
+        include/dorvex/cms/base/vrf_ctx.h include/dorvex/dbglog/dbglog.h
         include/dorvex/platform/securec.h lib/pkgconfig/dorvex.pc
         lib/cmake/Dorvex/DorvexConfig.cmake lib/cmake/Dorvex/DorvexTargets.cmake)
     if(NOT EXISTS ${prefix}/${file})
@@ -40,7 +40,7 @@ endforeach()
 file(GLOB archives RELATIVE ${prefix}/lib ${prefix}/lib/*)
 list(FILTER archives EXCLUDE REGEX "^(pkgconfig|cmake)$")
 list(SORT archives)
-set(want libcms.a libcms_adapt.a libcms_asn1.a libcms_pki.a libdbglog.a libplatform.a)
+set(want libcms.a libcms_adapt.a libcms_asn1.a libcms_base.a libcms_pki.a libdbglog.a libplatform.a)
 if(NOT archives STREQUAL want)
     fail("lib/ holds ${archives}, expected ${want}")
 endif()

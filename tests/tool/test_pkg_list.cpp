@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "cms/dorvex_errno.h"
+#include "cms/base/dorvex_errno.h"
 #include "tool/pkg_files.h"
 #include "tool/verify_tool.h"
 #include "tools/testpki/testpki.h"

@@ -6,7 +6,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -15,9 +14,8 @@
 
 #include "cms/adapt/provider.h"
 #include "cms/dorvex.h"
-#include "tool/root_cert.h"
-
-static_assert(ROOT_CERT_LEN == ROOT_CERT_HEAD_LEN + ROOT_CERT_TAIL_LEN);
+#include "platform/lzeb_mem.h"
+#include "root_cert/root_cert.h"
 
 namespace {
 
@@ -35,12 +33,16 @@ constexpr char kUsage[] =
     "installed one; 1 a CRL is not trusted / it may not; 2 bad command line,\n"
     "unreadable or undecodable file.\n";
 
-// The built-in root: head and tail joined in one block, as verify_tool does.
-std::array<uint8_t, ROOT_CERT_LEN> JoinRootCert() {
-    std::array<uint8_t, ROOT_CERT_LEN> der{};
-    std::memcpy(der.data(), g_rootCert0, ROOT_CERT_HEAD_LEN);
-    std::memcpy(der.data() + ROOT_CERT_HEAD_LEN, g_rootCert1, ROOT_CERT_TAIL_LEN);
-    return der;
+// Adds the built-in root, joined as verify_tool joins it.
+uint32_t AddRootCert(DorvexVrfCtx *ctx) {
+    uint8_t *root = nullptr;
+    uint32_t length = 0;
+    uint32_t ret = GenerateRootCert(&root, &length);
+    if (ret == DORVEX_OK) {
+        ret = DorvexVerifyAddCert(ctx, root, length);
+        LZEB_FreeSub(root, "AddRootCert", __LINE__);
+    }
+    return ret;
 }
 
 // One decoded CRL file with the context it was decoded in.
@@ -68,8 +70,13 @@ const char *LoadError(uint32_t code) {
             return "cannot open the file";
         case DORVEX_ERR_FILE_EMPTY:
             return "the file is empty";
-        case DORVEX_ERR_FILE_TOO_LARGE:
-            return "the file is larger than 2000000 bytes";
+        case DORVEX_ERR_FILE_TOO_LARGE: {
+            // The CRL file's limit, not the signature file's.
+            static char text[64];
+            snprintf(text, sizeof text, "the file is larger than %u bytes",
+                     DORVEX_MAX_CRL_FILE_SIZE);
+            return text;
+        }
         case DORVEX_ERR_FILE_READ:
             return "cannot read the file";
         case DORVEX_ERR_CRL_DECODE:
@@ -88,8 +95,7 @@ bool LoadCrlSet(const char *path, CrlSet *set) {
     params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
     uint32_t ret = DorvexVerifyCreateCtx(&set->ctx, &params);
     if (ret == DORVEX_OK) {
-        const auto root = JoinRootCert();
-        ret = DorvexVerifyAddCert(set->ctx, root.data(), static_cast<uint32_t>(root.size()));
+        ret = AddRootCert(set->ctx);
     }
     if (ret != DORVEX_OK) {
         fprintf(stderr, "crl_info: cannot set up the verification (0x%08x)\n", ret);

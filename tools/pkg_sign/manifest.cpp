@@ -3,6 +3,8 @@
 // does not cover by surprise.
 #include "tools/pkg_sign/manifest.h"
 
+#include "tools/pkg_sign/core.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,14 +17,16 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tool/pkg_files.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 
 // verify_tool's limits: the checksum file, a path, a name.
-constexpr size_t kMaxListSize = 2000000;
-constexpr size_t kMaxPath = 4095;
-constexpr size_t kMaxName = 255;
+constexpr size_t kMaxListSize = kPkgListMaxSize;
+constexpr size_t kMaxPath = kPkgPathMax;
+constexpr size_t kMaxName = kPkgNameMax;
 
 [[noreturn]] void Refuse(const std::string &message) {
     throw std::runtime_error(message);
@@ -157,3 +161,26 @@ std::vector<uint8_t> PkgSignManifest(const std::string &dir, const std::string &
     }
     return std::vector<uint8_t>(text.begin(), text.end());
 }
+
+namespace pkg_sign {
+
+namespace {
+
+constexpr OptionDef kManifestOptions[] = {
+    {"dir", true, false},
+    {"out", true, false},
+    {"md", true, false},
+};
+
+int Manifest(const Options &opts) {
+    const std::string out = opts.Required("out");
+    const EVP_MD *md = DigestByName(opts.Get("md", "sha256"));
+    WriteOutputs({{out, PkgSignManifest(opts.Required("dir"), out, md)}});
+    return PKG_SIGN_EXIT_OK;
+}
+
+}  // namespace
+
+const Command kManifestCommand = {"manifest", kManifestOptions, Manifest};
+
+}  // namespace pkg_sign

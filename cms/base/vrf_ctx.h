@@ -7,7 +7,7 @@
 
 #include <stdint.h>
 
-#include "cms/asn1/list.h"
+#include "cms/base/list.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -1,7 +1,9 @@
 // DorvexList: count plus 16 slots, no growth, no ownership.
+#include "cms/base/list.h"
+
 #include <utility>
 
-#include "cms/pki/internal.h"
+#include "cms/base/dorvex_errno.h"
 
 uint32_t DorvexListAdd(DorvexList *list, void *item) {
     if (list == nullptr || item == nullptr) {
