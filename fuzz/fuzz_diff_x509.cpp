@@ -5,8 +5,8 @@
 // issuer, update times, revoked serials and dates (CRLs); and the length of
 // the element. Any difference aborts. The verdicts themselves are not
 // compared: this system accepts what OpenSSL refuses (non-minimal lengths,
-// unknown critical extensions) and refuses what OpenSSL accepts (indefinite lengths, more
-// than 10 RDNs, keys other than RSA and EC on P-256 and P-384).
+// unknown critical extensions) and refuses what OpenSSL accepts (indefinite
+// lengths, more than 10 RDNs, keys other than RSA and EC on P-256 and P-384).
 #include <openssl/asn1.h>
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
