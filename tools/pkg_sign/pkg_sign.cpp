@@ -12,11 +12,13 @@
 // pem.h first: cms.h declares the CMS PEM functions only after it.
 #include <openssl/pem.h>
 #include <openssl/cms.h>
+#include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 #include <openssl/pkcs7.h>
 #include <openssl/rand.h>
+#include <openssl/rsa.h>
 #include <openssl/ts.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
@@ -88,7 +90,7 @@ using CertListPtr = std::unique_ptr<STACK_OF(X509), CertListFree>;
 
 constexpr char kUsage[] =
     "Usage: pkg_sign sign --key KEY --cert CERT [--chain CA]... --in CHECKSUMS --out SIG\n"
-    "                     [--pem] [--md sha256|sha384|sha512] [--tsq QUERY]\n"
+    "                     [--pem] [--md sha256|sha384|sha512] [--tsq QUERY] [--pss]\n"
     "       pkg_sign add-timestamp --sig SIG --tsr REPLY --out SIGNED [--pem]\n"
     "       pkg_sign local-tsa --key KEY --cert CERT [--chain CA]... (--tsq QUERY | --sig SIG)\n"
     "                          --out REPLY [--time YYYYMMDDHHMMSSZ] [--md sha256|sha384|sha512]\n"
@@ -96,10 +98,12 @@ constexpr char kUsage[] =
     "       pkg_sign manifest --dir DIR --out CHECKSUMS [--md sha256|sha384|sha512]\n"
     "       pkg_sign --help\n"
     "\n"
-    "sign           makes the detached CMS signature of a checksum file (RSA, signed\n"
-    "               attributes, the signer and at most one CA certificate embedded, the\n"
-    "               signer named by issuer and serial number); with --tsq it also writes\n"
-    "               the RFC 3161 query for the signature value, to send to a TSA.\n"
+    "sign           makes the detached CMS signature of a checksum file (RSA PKCS #1\n"
+    "               v1.5, RSASSA-PSS with --pss, or ECDSA with a P-256 or P-384 key;\n"
+    "               signed attributes, the signer and at most one CA certificate\n"
+    "               embedded, the signer named by issuer and serial number); with --tsq\n"
+    "               it also writes the RFC 3161 query for the signature value, to send\n"
+    "               to a TSA.\n"
     "add-timestamp  checks the TSA's reply (granted, stamping exactly this signature\n"
     "               value) and embeds its token in the signer; the result is the\n"
     "               signature to ship.\n"
@@ -377,11 +381,27 @@ X509Ptr LoadOneCert(const std::string &path) {
     return std::move(certs.front());
 }
 
-void CheckRsaKey(const EVP_PKEY *key, const std::string &what) {
+// CheckKey: the keys verify_tool checks: RSA (at most kMaxRsaBits here) and
+// EC on the named curves P-256 and P-384.
+void CheckKey(const EVP_PKEY *key, const std::string &what) {
+    if (EVP_PKEY_is_a(key, "EC") == 1) {
+        char group[64] = {};
+        char encoding[32] = {};
+        (void)EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_EC_ENCODING, encoding,
+                                             sizeof encoding, nullptr);
+        const bool named = std::string_view(encoding) != OSSL_PKEY_EC_ENCODING_EXPLICIT &&
+                           EVP_PKEY_get_group_name(key, group, sizeof group, nullptr) == 1;
+        if (!named ||
+            (std::string_view(group) != "prime256v1" && std::string_view(group) != "secp384r1")) {
+            Refuse(what + " is an EC key on " + (named ? group : "explicit parameters") +
+                   "; verify_tool takes EC keys on P-256 and P-384 by name only");
+        }
+        return;
+    }
     if (EVP_PKEY_is_a(key, "RSA") != 1) {
         const char *type = EVP_PKEY_get0_type_name(key);
-        Refuse(what + " is not an RSA key (" + (type != nullptr ? type : "unknown") +
-               "); verify_tool checks RSA signatures only");
+        Refuse(what + " is neither an RSA nor an EC key (" + (type != nullptr ? type : "unknown") +
+               "); verify_tool checks RSA and ECDSA signatures only");
     }
     const int bits = EVP_PKEY_get_bits(key);
     if (bits > kMaxRsaBits) {
@@ -397,7 +417,7 @@ void CheckEmbeddable(X509 *cert, const std::string &what) {
     if (key == nullptr) {
         FailOpenssl("cannot read the public key of " + what + " certificate");
     }
-    CheckRsaKey(key, "the key of " + what + " certificate");
+    CheckKey(key, "the key of " + what + " certificate");
     if (X509_get_version(cert) == X509_VERSION_1) {
         Refuse(what + " certificate is version 1; verify_tool decodes version 2 and 3 only");
     }
@@ -487,7 +507,7 @@ struct Identity {
 Identity LoadIdentity(const std::string &keyPath, const std::string &certPath, uint32_t purpose,
                       const std::string &what) {
     Identity id{LoadKey(keyPath), LoadOneCert(certPath)};
-    CheckRsaKey(id.key.get(), what + " key");
+    CheckKey(id.key.get(), what + " key");
     if (X509_check_private_key(id.cert.get(), id.key.get()) != 1) {
         Refuse(what + " key " + keyPath + " does not belong to the certificate " + certPath);
     }
@@ -849,9 +869,29 @@ class Options {
 // ---- commands ---------------------------------------------------------------
 
 constexpr OptionDef kSignOptions[] = {
-    {"key", true, false}, {"cert", true, false}, {"chain", true, true}, {"in", true, false},
-    {"out", true, false}, {"pem", false, false}, {"md", true, false},   {"tsq", true, false},
+    {"key", true, false}, {"cert", true, false}, {"chain", true, true},
+    {"in", true, false},  {"out", true, false},  {"pem", false, false},
+    {"md", true, false},  {"tsq", true, false},  {"pss", false, false},
 };
+
+// AddSigner: the signer with its signed attributes; an RSA key signs by
+// PKCS #1 v1.5, or with `pss` by RSASSA-PSS (salt as long as the digest,
+// MGF1 with the digest), an EC key by ECDSA.
+void AddSigner(CMS_ContentInfo *cms, const Identity &signer, const EVP_MD *md, bool pss) {
+    if (pss && EVP_PKEY_is_a(signer.key.get(), "RSA") != 1) {
+        Refuse("--pss needs an RSA key; an EC key signs by ECDSA");
+    }
+    constexpr unsigned int kFlags = CMS_DETACHED | CMS_BINARY | CMS_PARTIAL | CMS_NOSMIMECAP;
+    CMS_SignerInfo *info = CMS_add1_signer(cms, signer.cert.get(), signer.key.get(), md,
+                                           kFlags | (pss ? CMS_KEY_PARAM : 0));
+    Check(info != nullptr, "CMS_add1_signer");
+    if (pss) {
+        EVP_PKEY_CTX *pctx = CMS_SignerInfo_get0_pkey_ctx(info);
+        Check(pctx != nullptr && EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1 &&
+                  EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, RSA_PSS_SALTLEN_DIGEST) == 1,
+              "RSASSA-PSS parameters");
+    }
+}
 
 int Sign(const Options &opts) {
     const std::string in = opts.Required("in");
@@ -873,8 +913,7 @@ int Sign(const Options &opts) {
     constexpr unsigned int kFlags = CMS_DETACHED | CMS_BINARY | CMS_PARTIAL | CMS_NOSMIMECAP;
     CmsPtr cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, kFlags));
     Check(cms != nullptr, "CMS_sign");
-    Check(CMS_add1_signer(cms.get(), signer.cert.get(), signer.key.get(), md, kFlags) != nullptr,
-          "CMS_add1_signer");
+    AddSigner(cms.get(), signer, md, opts.Has("pss"));
     for (const auto &cert : chain) {
         Check(CMS_add1_cert(cms.get(), cert.get()) == 1, "CMS_add1_cert");
     }
