@@ -468,8 +468,11 @@ inline constexpr int kMaxChainDepth = 12;
 // "sha256sums.p7s" (leaf and last CA embedded) and "crls+ca.pem" (an empty
 // CRL of the root and of every CA, then every CA certificate). Depth 2 has
 // the shape of the demo package. Returns the file names, relative to outDir.
+// With `ecdsa`, every key below the root is EC (CAs and TSA P-384, the
+// signer P-256), so everything below the root's own signatures is ECDSA.
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
-                                           const std::filesystem::path &keyDir = DefaultKeyDir());
+                                           const std::filesystem::path &keyDir = DefaultKeyDir(),
+                                           bool ecdsa = false);
 
 // ---- the differential path target's pool ------------------------------------
 
