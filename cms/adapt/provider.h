@@ -1,5 +1,6 @@
-// Crypto provider of the CMS library: SHA-2 digests and RSA (PKCS #1 v1.5)
-// signature verification over OpenSSL libcrypto.
+// Crypto provider of the CMS library: SHA-2 digests and RSA (PKCS #1 v1.5,
+// RSASSA-PSS) and ECDSA (P-256, P-384) signature verification over OpenSSL
+// libcrypto.
 //
 // This is the only code of the library that touches OpenSSL. Callers work
 // with the library's algorithm ids (AOID_SHA256/384/512) and byte buffers;
