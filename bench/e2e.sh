@@ -6,6 +6,8 @@
 #      `openssl speed -evp sha256 -bytes 16384` reports (hashing alone);
 #   2. the demo package: wall time of verify_tool against the OpenSSL command
 #      pair `openssl cms -verify` + `openssl ts -verify` doing the same checks;
+#      2b. next to it, a package signed, stamped and revoked by ECDSA below
+#      the RSA root (testpki ecdsa-package);
 #   3. peak resident memory of verify_tool (GNU time %M) for a 1 KiB and a
 #      1 GiB checksum file;
 #   4. the RSA verifications one package check costs, for the demo package
@@ -281,6 +283,24 @@ echo "   verify_tool / pair, dynamic: $(per_round t=t.dynamic p=t.pair 't / p' |
 echo "   verify_tool / pair, static:  $(per_round t=t.static p=t.pair 't / p' | summary %.3f) of the time (goal: at most 0.25)"
 echo "   openssl flags: cms -CAfile root+crls -certfile ca -crl_check_all -attime $at -purpose any;"
 echo "                  ts -CAfile root+crls -untrusted tsa,ca -crl_check_all -attime $at"
+
+# ---- 2b: the same check of an all-ECDSA package -------------------------------
+
+# testpki ecdsa-package: EC keys below the built-in RSA root (CA and TSA on
+# P-384, signer on P-256), so every signature checked but the root's own is
+# ECDSA. Paired with the RSA demo package in the same rounds.
+ecdsa=$tmp/ecdsa
+"$testpki" ecdsa-package "$ecdsa" >/dev/null
+check_with "$tool" "$ecdsa/sha256sums.p7s" "$ecdsa/sha256sums" "$ecdsa/crls+ca.pem" >/dev/null 2>&1 ||
+    die "verify_tool refuses the ECDSA package"
+m_rsa() { timed check_with "$tool" "$demo/sha256sums.p7s" "$demo/sha256sums" "$demo/crls+ca.pem"; }
+m_ecdsa() { timed check_with "$tool" "$ecdsa/sha256sums.p7s" "$ecdsa/sha256sums" "$ecdsa/crls+ca.pem"; }
+run_rounds "$small_rounds" rsa ecdsa
+echo
+echo "2b. small package, RSA (demo) against all-ECDSA below the root, dynamic, $small_rounds rounds: median (min..max)"
+printf '   %-24s %s ms\n' "RSA package" "$(per_round t=t.rsa 't / 1e3' | summary %.2f)"
+printf '   %-24s %s ms\n' "ECDSA package" "$(per_round t=t.ecdsa 't / 1e3' | summary %.2f)"
+echo "   ECDSA / RSA: $(per_round e=t.ecdsa r=t.rsa 'e / r' | summary %.3f) of the time"
 
 echo
 echo "3. peak resident memory of verify_tool (GNU time %M), $rounds runs each: median (min..max)"

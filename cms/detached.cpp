@@ -156,6 +156,25 @@ uint32_t InternalDerDecodeCms(SignatureBuffer *keeper, const uint8_t *data, uint
     return InternalDecodeKeptDer(keeper, std::move(copy), length, content);
 }
 
+// InternalSignerScheme: how the signer's value is checked. A bare
+// rsaEncryption label means PKCS #1 v1.5 with the signer's digest (RFC
+// 3370 3.2); every other label must name that same digest.
+uint32_t InternalSignerScheme(const DorvexPkcs7SignedInfo *signerInfo, int32_t digest,
+                              DorvexSignScheme *scheme) {
+    const DorvexX509AlgoIdentifier &label = signerInfo->signatureAlgorithm;
+    if (DorvexFindAoid(&label.algorithm) == AOID_RSAENCRYPTION) {
+        *scheme = DorvexSignScheme{DRX_SIG_RSA_PKCS1, static_cast<uint32_t>(digest), 0};
+        return DORVEX_OK;
+    }
+    if (DorvexX509GetSignScheme(&label, scheme) != DORVEX_OK ||
+        scheme->hashAlg != static_cast<uint32_t>(digest)) {
+        DORVEX_LOG_ERR(DORVEX_ERR_SIGN_ALG,
+                       "Signature algorithm does not fit the signer's digest.");
+        return DORVEX_ERR_SIGN_ALG;
+    }
+    return DORVEX_OK;
+}
+
 // InternalCreateVerifyHandle: a signer without signed attributes signed the
 // content itself; its signature is checked over the content at Final.
 uint32_t InternalCreateVerifyHandle(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signerInfo,
@@ -170,18 +189,15 @@ uint32_t InternalCreateVerifyHandle(DorvexVrfCtx *ctx, const DorvexPkcs7SignedIn
         DORVEX_LOG_ERR(DORVEX_ERR_SIGN_ALG, "Unsupported digest algorithm of signer.");
         return DORVEX_ERR_SIGN_ALG;
     }
-    DorvexBigInt exponent{};
-    DorvexBigInt modulus{};
-    ret = DorvexX509ExtractPublicKey(cert, &exponent, &modulus);
+    DorvexSignScheme scheme{};
+    ret = InternalSignerScheme(signerInfo, hashAlg, &scheme);
     if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Failed to extract public key of signer.");
         return ret;
     }
     // Owned by the record from here on, so every failure below releases it.
     ret = DorvexCryptoVerifyCreateCtx(&info->verifyCtx);
     if (ret == DORVEX_OK) {
-        ret = DorvexCryptoVerifyInit(info->verifyCtx, &exponent, &modulus,
-                                     static_cast<uint32_t>(hashAlg));
+        ret = DorvexX509CertVerifyInit(info->verifyCtx, cert, &scheme);
     }
     if (ret != DORVEX_OK) {
         DORVEX_LOG_ERR(ret, "Failed to init verify context.");
@@ -280,9 +296,11 @@ uint32_t InternalVerifyCms(DorvexVrfCtx *ctx, const DorvexPkcs7SignedInfo *signe
     }
     uint32_t verified = 0;
     ret = DorvexPkcs7DetachedSignatureVerify(signerInfo, cert, &verified);
-    // A key the provider refuses (too short, odd exponent) says so itself.
+    // A key the provider refuses (too short, odd exponent), a label that
+    // does not fit the key and an ECDSA value that is no DER say so themselves.
     if (ret == DORVEX_ERR_PUBKEY_TOO_SHORT || ret == DORVEX_ERR_PUBKEY_EXPONENT ||
-        ret == DORVEX_ERR_PUBKEY_TOO_LONG) {
+        ret == DORVEX_ERR_PUBKEY_TOO_LONG || ret == DORVEX_ERR_SIGN_ALG ||
+        ret == DORVEX_ERR_SIG_ENCODING) {
         DORVEX_LOG_ERR(ret, "Key of signer is refused.");
         return ret;
     }
@@ -428,14 +446,12 @@ uint32_t InternalCheckSignerForm(const DorvexPkcs7SignedInfo *signerInfo,
         DORVEX_LOG_ERR(DORVEX_ERR_SIGN_ALG, "Digest algorithm of signer is not SHA-2.");
         return DORVEX_ERR_SIGN_ALG;
     }
-    // The only keys are RSA: the label may name the key alone or the key
-    // with the digest the signer declared, nothing else.
-    const DorvexX509AlgoIdentifier &label = signerInfo->signatureAlgorithm;
-    if (DorvexFindAoid(&label.algorithm) != AOID_RSAENCRYPTION &&
-        DorvexGetRsaSignHashAoid(&label) != digest) {
-        DORVEX_LOG_ERR(DORVEX_ERR_SIGN_ALG,
-                       "Signature algorithm does not fit an RSA key and the signer's digest.");
-        return DORVEX_ERR_SIGN_ALG;
+    // The label names a scheme with the digest the signer declared (or an
+    // RSA key alone); whether it fits the key is seen when the key is used.
+    DorvexSignScheme scheme{};
+    const uint32_t ret = InternalSignerScheme(signerInfo, digest, &scheme);
+    if (ret != DORVEX_OK) {
+        return ret;
     }
     const bool oid = eContentType->tagClass == DRX_ASN_CLASS_UNIVERSAL &&
                      eContentType->tagCode == DRX_ASN_OID && eContentType->len != 0;
@@ -521,11 +537,9 @@ uint32_t DorvexPkcs7DetachedSignatureVerify(const DorvexPkcs7SignedInfo *signerI
         DORVEX_LOG_ERR(DORVEX_ERR_PKCS7_DECODE, "No signed attributes.");
         return DORVEX_ERR_PKCS7_DECODE;
     }
-    DorvexBigInt exponent{};
-    DorvexBigInt modulus{};
-    uint32_t ret = DorvexX509ExtractPublicKey(cert, &exponent, &modulus);
+    DorvexSignScheme scheme{};
+    uint32_t ret = InternalSignerScheme(signerInfo, hashAlg, &scheme);
     if (ret != DORVEX_OK) {
-        DORVEX_LOG_ERR(ret, "Failed to extract public key.");
         return ret;
     }
     DorvexCryptoVerifyCtx *created = nullptr;
@@ -540,7 +554,7 @@ uint32_t DorvexPkcs7DetachedSignatureVerify(const DorvexPkcs7SignedInfo *signerI
     const auto tag = static_cast<uint8_t>((attrs.tagClass << 6) | (attrs.constructed << 5) |
                                           (attrs.tagCode & 0x1F));
     uint32_t valid = 0;
-    ret = DorvexCryptoVerifyInit(vctx.get(), &exponent, &modulus, static_cast<uint32_t>(hashAlg));
+    ret = DorvexX509CertVerifyInit(vctx.get(), cert, &scheme);
     if (ret == DORVEX_OK) {
         ret = DorvexCryptoVerifyUpdate(vctx.get(), &tag, 1);
     }

@@ -77,6 +77,12 @@ uint32_t InternalVerifyAttributeSign(const DorvexPkcs7SignedInfo *tsSigner,
     }
     uint32_t verified = 0;
     uint32_t ret = DorvexPkcs7DetachedSignatureVerify(tsSigner, cert, &verified);
+    // As for the signer: a label that does not fit the authority's key, or
+    // an ECDSA value that is no DER, is named as such.
+    if (ret == DORVEX_ERR_SIGN_ALG || ret == DORVEX_ERR_SIG_ENCODING) {
+        DORVEX_LOG_ERR(ret, "Timestamp signature is refused.");
+        return ret;
+    }
     if (ret != DORVEX_OK || verified != 1) {
         DORVEX_LOG_ERR(DORVEX_ERR_SIGNATURE,
                        "Signature over timestamp attributes does not verify.");

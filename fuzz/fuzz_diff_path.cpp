@@ -7,8 +7,9 @@
 //
 // Input: byte 0 the time (an index into every date of the pool, each one
 // second before, at and after), byte 1 bit 0 strict revocation, byte 2 the
-// certificate (an index among those taken), bytes 3-4 one bit per pool
-// certificate (little-endian), then one byte per CRL slot: 0 none, v the
+// certificate (an index among those taken), bytes 3-5 one bit per pool
+// certificate (little-endian; the first 16 picked are taken), then one byte
+// per CRL slot: 0 none, v the
 // slot's variant v - 1 (modulo). Missing bytes are 0.
 //
 // OpenSSL runs with X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL and
@@ -131,8 +132,8 @@ void LoadPool(const std::filesystem::path &dir) {
             g_slots[at->second].push_back({name, std::move(der), std::move(crl)});
         }
     }
-    if (g_certs.empty() || g_certs.size() > 16 || g_slots.empty()) {
-        Die("the pool in " + dir.string() + " needs 1 to 16 certificates and a CRL");
+    if (g_certs.empty() || g_certs.size() > 24 || g_slots.empty()) {
+        Die("the pool in " + dir.string() + " needs 1 to 24 certificates and a CRL");
     }
 }
 
@@ -168,8 +169,9 @@ Case Decode(const uint8_t *data, size_t size) {
     Case c;
     c.time = g_times[at(0) % g_times.size()];
     c.strict = at(1) & 1;
-    const uint32_t mask = at(3) | at(4) << 8;
-    for (size_t i = 0; i < g_certs.size(); ++i) {
+    const uint32_t mask = at(3) | at(4) << 8 | at(5) << 16;
+    // The store holds DORVEX_LIST_CAPACITY certificates; the first ones picked go in.
+    for (size_t i = 0; i < g_certs.size() && c.certs.size() < DORVEX_LIST_CAPACITY; ++i) {
         if ((mask >> i & 1) != 0) {
             c.certs.push_back(&g_certs[i]);
         }
@@ -178,7 +180,7 @@ Case Decode(const uint8_t *data, size_t size) {
         c.target = c.certs[at(2) % c.certs.size()];
     }
     for (size_t s = 0; s < g_slots.size(); ++s) {
-        const uint32_t pick = at(5 + s) % (g_slots[s].size() + 1);
+        const uint32_t pick = at(6 + s) % (g_slots[s].size() + 1);
         if (pick != 0) {
             c.crls.push_back(&g_slots[s][pick - 1]);
         }
@@ -446,7 +448,8 @@ const Intended kIntended[] = {
     {"issuer key below 2048 bits", When::Refuse,
      [](X509_STORE_CTX *ctx, const Case &, int) {
          X509 *issuer = PathIssuer(ctx);
-         return issuer != nullptr && EVP_PKEY_get_bits(X509_get0_pubkey(issuer)) < 2048;
+         EVP_PKEY *key = issuer != nullptr ? X509_get0_pubkey(issuer) : nullptr;
+         return key != nullptr && EVP_PKEY_is_a(key, "RSA") == 1 && EVP_PKEY_get_bits(key) < 2048;
      },
      nullptr, "RSA keys of 2048 to 8192 bits only; OpenSSL's default security level takes 1024"},
     {"critical extension this verifier does not read", When::Refuse,

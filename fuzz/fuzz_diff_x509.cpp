@@ -1,15 +1,16 @@
 // Differential target: the certificate and CRL decoders against OpenSSL's
 // d2i_X509 and d2i_X509_CRL. Where both accept an input, they must read the
 // same fields: serial number, issuer and subject attributes, validity
-// strings, RSA modulus and exponent (certificates); issuer, update times,
-// revoked serials and dates (CRLs); and the length of the element. Any
-// difference aborts. The verdicts themselves are not compared: this system
-// accepts what OpenSSL refuses (non-minimal lengths, unknown critical
-// extensions) and refuses what OpenSSL accepts (indefinite lengths, more
-// than 10 RDNs, non-RSA keys).
+// strings, RSA modulus and exponent or EC curve and point (certificates);
+// issuer, update times, revoked serials and dates (CRLs); and the length of
+// the element. Any difference aborts. The verdicts themselves are not
+// compared: this system accepts what OpenSSL refuses (non-minimal lengths,
+// unknown critical extensions) and refuses what OpenSSL accepts (indefinite
+// lengths, more than 10 RDNs, keys other than RSA and EC on P-256 and P-384).
 #include <openssl/asn1.h>
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 #include <openssl/x509.h>
@@ -20,8 +21,10 @@
 #include <string.h>
 
 #include <memory>
+#include <string_view>
 #include <vector>
 
+#include "cms/asn1/oid.h"
 #include "cms/asn1/x509.h"
 
 namespace {
@@ -183,6 +186,23 @@ struct CrlFree {
     void operator()(X509_CRL *x) const { X509_CRL_free(x); }
 };
 
+// An EC key: OpenSSL reads an EC key on the same named curve with the same
+// point octets.
+void SameEcKey(const DorvexX509PubkeyInfo &ours, X509 *theirs) {
+    const ASN1_BIT_STRING *bits = X509_get0_pubkey_bitstr(theirs);
+    EVP_PKEY *pkey = X509_get0_pubkey(theirs);
+    char group[32] = {};
+    const bool ec = pkey != nullptr && EVP_PKEY_is_a(pkey, "EC") &&
+                    EVP_PKEY_get_group_name(pkey, group, sizeof group, nullptr) == 1;
+    Same(ec, "an EC key");
+    const std::string_view expected = ours.curve == AOID_PRIME256V1 ? "prime256v1" : "secp384r1";
+    Same(ec && group == expected, "the curve");
+    Same(bits != nullptr && static_cast<uint32_t>(bits->length) == ours.keyBits.len &&
+             memcmp(bits->data, ours.keyBits.data, ours.keyBits.len) == 0,
+         "the EC point");
+    ERR_clear_error();
+}
+
 void DiffCert(const uint8_t *data, size_t size) {
     DorvexX509Cert *ours = nullptr;
     uint32_t consumed = 0;
@@ -199,7 +219,11 @@ void DiffCert(const uint8_t *data, size_t size) {
         SameName(info.subject, X509_get_subject_name(theirs.get()), "the subject");
         SameTime(info.validity.notBefore, X509_get0_notBefore(theirs.get()), "notBefore");
         SameTime(info.validity.notAfter, X509_get0_notAfter(theirs.get()), "notAfter");
-        SameRsaKey(info.subjectPublicKeyInfo.subjectPublicKey, theirs.get());
+        if (info.subjectPublicKeyInfo.keyType == DRX_KEY_EC) {
+            SameEcKey(info.subjectPublicKeyInfo, theirs.get());
+        } else {
+            SameRsaKey(info.subjectPublicKeyInfo.subjectPublicKey, theirs.get());
+        }
     }
     DorvexX509FreeCert(ours);
 }

@@ -161,6 +161,7 @@ seeds_fuzz_diff_x509() {
     local dir=$1
     cp "$material/pool/cert.der" "$material/pool/crl.der" "$dir/"
     cp "$demo"/{root,ca,leaf,tsa,root-crl,ca-crl}.der "$dir/"
+    cp "$material"/path-pool/cert-1[6-9]-*.der "$dir/"  # EC keys, a PSS signature
 }
 
 # Choices of the path target (see fuzz/fuzz_diff_path.cpp): every pool
@@ -169,12 +170,18 @@ seeds_fuzz_diff_x509() {
 # two times.
 seeds_fuzz_diff_path() {
     local dir=$1 target time slot seed
-    for target in $(seq 0 15); do
-        for time in 40 a0; do
-            for slot in 01 02; do
-                seed=$dir/t$target-$time-$slot
-                printf "\\x$time\\x00\\x$(printf %02x "$target")\\xff\\xff" >"$seed"
-                for _ in 1 2 3 4 5 6 7; do printf "\\x$slot"; done >>"$seed"
+    # The first 16 certificates; then root, CA and the EC and PSS ones (16-19).
+    local -A masks=([a]='\xff\xff\x00' [e]='\x03\x00\x0f')
+    local set
+    for set in a e; do
+        for target in $(seq 0 15); do
+            [[ $set == e ]] && ((target > 5)) && break
+            for time in 40 a0; do
+                for slot in 01 02; do
+                    seed=$dir/$set$target-$time-$slot
+                    printf "\\x$time\\x00\\x$(printf %02x "$target")${masks[$set]}" >"$seed"
+                    for _ in 1 2 3 4 5 6 7 8; do printf "\\x$slot"; done >>"$seed"
+                done
             done
         done
     done

@@ -1,11 +1,13 @@
 // SHA-2 (and, for certificate identifiers, SHA-1) digests and RSA PKCS #1
-// v1.5 signature verification over OpenSSL 3.
+// v1.5, RSASSA-PSS and ECDSA (P-256, P-384) signature verification over
+// OpenSSL 3.
 #include "cms/adapt/provider.h"
 
 #include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
+#include <openssl/rsa.h>
 
 #include <stdint.h>
 #include <string.h>
@@ -23,7 +25,9 @@ struct DorvexMdCtx {
 
 struct DorvexCryptoVerifyCtx {
     EVP_MD_CTX *mdCtx;  // null until DorvexCryptoVerifyInit
-    EVP_PKEY *pkey;     // RSA public key; null unless Init succeeded
+    EVP_PKEY *pkey;     // public key; null unless Init succeeded
+    uint32_t scheme;    // DRX_SIG_...; 0 (a plain Init) is PKCS #1 v1.5
+    uint32_t saltLength;
 };
 
 // Both records come zero-filled from DorvexMalloc and are never constructed.
@@ -49,6 +53,22 @@ constexpr uint32_t kAoidSha512 = 45;
 struct DigestRow {
     uint32_t aoid;
     const EVP_MD *(*md)(void);
+};
+
+// The named curves accepted (AOID_PRIME256V1, AOID_SECP384R1), with
+// OpenSSL's group name and the size of a coordinate.
+constexpr uint32_t kAoidP256 = 71;
+constexpr uint32_t kAoidP384 = 72;
+
+struct CurveRow {
+    uint32_t aoid;
+    const char *group;
+    uint32_t fieldBytes;
+};
+
+constexpr CurveRow g_drxCurveTable[] = {
+    {kAoidP256, "prime256v1", 32},
+    {kAoidP384, "secp384r1", 48},
 };
 
 constexpr DigestRow g_drxDigestTable[] = {
@@ -102,6 +122,74 @@ EVP_PKEY *InternalBuildRsaKey(const DorvexBigInt &exponent, const DorvexBigInt &
     return pkey;
 }
 
+// InternalPointFormOk: 04 X Y or 02/03 X with coordinates of the curve's size.
+bool InternalPointFormOk(const uint8_t *point, uint32_t length, uint32_t fieldBytes) {
+    if (point == nullptr || length == 0) {
+        return false;
+    }
+    if (point[0] == 0x04) {
+        return length == 1 + 2 * fieldBytes;
+    }
+    return (point[0] == 0x02 || point[0] == 0x03) && length == 1 + fieldBytes;
+}
+
+// InternalBuildEcKey: the point as a key of `group`, checked to lie on the
+// curve (and, for compressed points, to have one); null otherwise.
+EVP_PKEY *InternalBuildEcKey(const char *group, const uint8_t *point, uint32_t length) {
+    ParamBldPtr bld(OSSL_PARAM_BLD_new());
+    if (bld == nullptr ||
+        OSSL_PARAM_BLD_push_utf8_string(bld.get(), OSSL_PKEY_PARAM_GROUP_NAME, group, 0) != 1 ||
+        OSSL_PARAM_BLD_push_octet_string(bld.get(), OSSL_PKEY_PARAM_PUB_KEY, point, length) != 1) {
+        return nullptr;
+    }
+    ParamPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
+    PkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
+    if (params == nullptr || pctx == nullptr || EVP_PKEY_fromdata_init(pctx.get()) != 1) {
+        return nullptr;
+    }
+    EVP_PKEY *pkey = nullptr;
+    if (EVP_PKEY_fromdata(pctx.get(), &pkey, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
+        EVP_PKEY_free(pkey);
+        return nullptr;
+    }
+    // fromdata reads the point; the full check (on the curve, not the point
+    // at infinity) is asked for separately.
+    PkeyCtxPtr check(EVP_PKEY_CTX_new_from_pkey(nullptr, pkey, nullptr));
+    if (check == nullptr || EVP_PKEY_public_check(check.get()) != 1) {
+        EVP_PKEY_free(pkey);
+        return nullptr;
+    }
+    return pkey;
+}
+
+// InternalDerIntegerOk: one INTEGER of an Ecdsa-Sig-Value at sig[*pos]:
+// short-form length, minimal and positive content of at most fieldBytes
+// octets (plus a zero octet before a high bit).
+bool InternalDerIntegerOk(const uint8_t *sig, uint32_t end, uint32_t *pos, uint32_t fieldBytes) {
+    if (end - *pos < 3 || sig[*pos] != 0x02 || sig[*pos + 1] >= 0x80) {
+        return false;
+    }
+    const uint32_t len = sig[*pos + 1];
+    const uint8_t *content = sig + *pos + 2;
+    if (len == 0 || len > end - *pos - 2 || len > fieldBytes + 1 || (content[0] & 0x80) != 0 ||
+        (len > 1 && content[0] == 0 && (content[1] & 0x80) == 0)) {
+        return false;
+    }
+    *pos += 2 + len;
+    return true;
+}
+
+// InternalEcdsaDerOk: SEQUENCE { r INTEGER, s INTEGER } in strict DER and
+// nothing after it. Values of at most 2 * 49 + 6 bytes have a short-form length.
+bool InternalEcdsaDerOk(const uint8_t *sig, uint32_t length, uint32_t fieldBytes) {
+    if (length < 2 || sig[0] != 0x30 || sig[1] >= 0x80 || sig[1] != length - 2) {
+        return false;
+    }
+    uint32_t pos = 2;
+    return InternalDerIntegerOk(sig, length, &pos, fieldBytes) &&
+           InternalDerIntegerOk(sig, length, &pos, fieldBytes) && pos == length;
+}
+
 // InternalExponentUsable: odd, 3 <= e <= 2^32+1. Real keys use 65537 (and
 // a few 3); a larger exponent only makes each check slower, an even one or
 // 1 is no RSA key.
@@ -141,6 +229,38 @@ uint32_t InternalBitLength(const DorvexBigInt &n) {
 // started (EVP_DigestFinal resets it, so it also answers false after Final).
 bool InternalDigestStarted(const EVP_MD_CTX *mdCtx) {
     return mdCtx != nullptr && EVP_MD_CTX_get0_md(mdCtx) != nullptr;
+}
+
+// InternalPkeyVerify: the digest so far, checked against `signature` by the
+// context's scheme (PSS with MGF1 of the same digest and the given salt
+// length). 1 for a good signature.
+int InternalPkeyVerify(DorvexCryptoVerifyCtx *ctx, const uint8_t *signature, uint32_t length) {
+    const EVP_MD *md = EVP_MD_CTX_get0_md(ctx->mdCtx);
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int digestLength = 0;
+    if (md == nullptr || EVP_DigestFinal_ex(ctx->mdCtx, digest, &digestLength) != 1) {
+        return 0;
+    }
+    PkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_pkey(nullptr, ctx->pkey, nullptr));
+    if (pctx == nullptr || EVP_PKEY_verify_init(pctx.get()) != 1 ||
+        EVP_PKEY_CTX_set_signature_md(pctx.get(), md) != 1) {
+        return 0;
+    }
+    if (ctx->scheme == DRX_SIG_RSA_PSS &&
+        (EVP_PKEY_CTX_set_rsa_padding(pctx.get(), RSA_PKCS1_PSS_PADDING) != 1 ||
+         EVP_PKEY_CTX_set_rsa_mgf1_md(pctx.get(), md) != 1 ||
+         EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx.get(), static_cast<int>(ctx->saltLength)) != 1)) {
+        return 0;
+    }
+    return EVP_PKEY_verify(pctx.get(), signature, length, digest, digestLength);
+}
+
+// InternalRsaVerify: a modulus-length RSA signature by the context's scheme.
+int InternalRsaVerify(DorvexCryptoVerifyCtx *ctx, const uint8_t *signature, uint32_t length) {
+    if (ctx->scheme == DRX_SIG_RSA_PSS) {
+        return InternalPkeyVerify(ctx, signature, length);
+    }
+    return EVP_VerifyFinal_ex(ctx->mdCtx, signature, length, ctx->pkey, nullptr, nullptr);
 }
 
 }  // namespace
@@ -246,6 +366,86 @@ extern "C" void DorvexMdDestoryCtx(DorvexMdCtx *ctx) {
     DorvexFree(ctx);
 }
 
+// ---- Keys ------------------------------------------------------------------
+
+// A DorvexPkey is OpenSSL's key itself; the type never leaves this file.
+namespace {
+EVP_PKEY *AsEvp(const DorvexPkey *key) {
+    return reinterpret_cast<EVP_PKEY *>(const_cast<DorvexPkey *>(key));
+}
+}  // namespace
+
+extern "C" uint32_t DorvexPkeyFromRsa(const DorvexBigInt *exponent, const DorvexBigInt *modulus,
+                                      DorvexPkey **out) {
+    if (exponent == nullptr || modulus == nullptr || out == nullptr) {
+        return DORVEX_FAIL;
+    }
+    *out = nullptr;
+    if (exponent->len > DORVEX_BIGINT_MAX_LEN || !InternalExponentUsable(*exponent)) {
+        DRX_PROVIDER_LOG_ERR("RSA public exponent out of range.");
+        return DORVEX_ERR_PUBKEY_EXPONENT;
+    }
+    if (modulus->len <= DORVEX_BIGINT_MAX_LEN &&
+        InternalBitLength(*modulus) < DORVEX_RSA_MIN_BITS) {
+        DRX_PROVIDER_LOG_ERR("RSA modulus below 2048 bits.");
+        return DORVEX_ERR_PUBKEY_TOO_SHORT;
+    }
+    EVP_PKEY *pkey = InternalBuildRsaKey(*exponent, *modulus);
+    if (pkey == nullptr) {
+        ERR_clear_error();
+        DRX_PROVIDER_LOG_ERR("Failed to build rsa public key.");
+        return DORVEX_FAIL;
+    }
+    *out = reinterpret_cast<DorvexPkey *>(pkey);
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexPkeyFromEcPoint(uint32_t curveAoid, const uint8_t *point, uint32_t length,
+                                          DorvexPkey **out) {
+    if (out == nullptr) {
+        return DORVEX_FAIL;
+    }
+    *out = nullptr;
+    const CurveRow *curve = nullptr;
+    for (const auto &row : g_drxCurveTable) {
+        if (row.aoid == curveAoid) {
+            curve = &row;
+        }
+    }
+    if (curve == nullptr) {
+        DRX_PROVIDER_LOG_ERR("EC key on a curve other than P-256 and P-384.");
+        return DORVEX_ERR_PUBKEY_CURVE;
+    }
+    EVP_PKEY *pkey = InternalPointFormOk(point, length, curve->fieldBytes)
+                         ? InternalBuildEcKey(curve->group, point, length)
+                         : nullptr;
+    if (pkey == nullptr) {
+        ERR_clear_error();
+        DRX_PROVIDER_LOG_ERR("EC public key is no point of its curve.");
+        return DORVEX_ERR_PUBKEY_POINT;
+    }
+    *out = reinterpret_cast<DorvexPkey *>(pkey);
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexPkeyType(const DorvexPkey *key) {
+    if (key == nullptr) {
+        return 0;
+    }
+    switch (EVP_PKEY_get_base_id(AsEvp(key))) {
+        case EVP_PKEY_RSA:
+            return DRX_KEY_RSA;
+        case EVP_PKEY_EC:
+            return DRX_KEY_EC;
+        default:
+            return 0;
+    }
+}
+
+extern "C" void DorvexPkeyFree(DorvexPkey *key) {
+    EVP_PKEY_free(AsEvp(key));
+}
+
 // ---- Signature-verification context ---------------------------------------
 
 extern "C" uint32_t DorvexCryptoVerifyCreateCtx(DorvexCryptoVerifyCtx **out) {
@@ -285,6 +485,7 @@ extern "C" uint32_t DorvexCryptoVerifyInit(DorvexCryptoVerifyCtx *ctx, const Dor
         DRX_PROVIDER_LOG_ERR("Failed to get algo handler.");
         return DORVEX_FAIL;
     }
+    ctx->scheme = DRX_SIG_RSA_PKCS1;
     ctx->pkey = InternalBuildRsaKey(*exponent, *modulus);
     if (ctx->pkey == nullptr) {
         ERR_clear_error();
@@ -299,6 +500,42 @@ extern "C" uint32_t DorvexCryptoVerifyInit(DorvexCryptoVerifyCtx *ctx, const Dor
         return DORVEX_FAIL;
     }
     // The digest context stays in the record on failure; Destroy frees it.
+    ctx->mdCtx = EVP_MD_CTX_new();
+    if (ctx->mdCtx == nullptr || EVP_DigestInit_ex(ctx->mdCtx, md, nullptr) != 1) {
+        DRX_PROVIDER_LOG_ERR("Failed to bind algo handler to ctx.");
+        EVP_PKEY_free(ctx->pkey);
+        ctx->pkey = nullptr;
+        return DORVEX_FAIL;
+    }
+    return DORVEX_OK;
+}
+
+extern "C" uint32_t DorvexCryptoVerifyInitKey(DorvexCryptoVerifyCtx *ctx, const DorvexPkey *key,
+                                              uint32_t scheme, uint32_t hashAlgorithm,
+                                              uint32_t saltLength) {
+    if (ctx == nullptr || key == nullptr) {
+        return DORVEX_FAIL;
+    }
+    EVP_PKEY_free(ctx->pkey);
+    ctx->pkey = nullptr;
+    EVP_MD_CTX_free(ctx->mdCtx);
+    ctx->mdCtx = nullptr;
+    const uint32_t type = DorvexPkeyType(key);
+    const bool fits =
+        (type == DRX_KEY_RSA && (scheme == DRX_SIG_RSA_PKCS1 || scheme == DRX_SIG_RSA_PSS)) ||
+        (type == DRX_KEY_EC && scheme == DRX_SIG_ECDSA);
+    if (!fits) {
+        DRX_PROVIDER_LOG_ERR("Signature algorithm does not fit the key.");
+        return DORVEX_ERR_SIGN_ALG;
+    }
+    const EVP_MD *md = hashAlgorithm == kAoidSha1 ? nullptr : DrxGetOpensslEvpmd(hashAlgorithm);
+    if (md == nullptr || EVP_PKEY_up_ref(AsEvp(key)) != 1) {
+        DRX_PROVIDER_LOG_ERR("Failed to get algo handler.");
+        return DORVEX_FAIL;
+    }
+    ctx->pkey = AsEvp(key);
+    ctx->scheme = scheme;
+    ctx->saltLength = saltLength;
     ctx->mdCtx = EVP_MD_CTX_new();
     if (ctx->mdCtx == nullptr || EVP_DigestInit_ex(ctx->mdCtx, md, nullptr) != 1) {
         DRX_PROVIDER_LOG_ERR("Failed to bind algo handler to ctx.");
@@ -331,6 +568,26 @@ extern "C" uint32_t DorvexCryptoVerifyFinal(DorvexCryptoVerifyCtx *ctx, const ui
         !InternalDigestStarted(ctx->mdCtx)) {
         return DORVEX_FAIL;
     }
+    int rc = 0;
+    if (ctx->scheme == DRX_SIG_ECDSA) {
+        const int bits = EVP_PKEY_get_bits(ctx->pkey);
+        if (bits <= 0) {
+            return DORVEX_FAIL;
+        }
+        // OpenSSL's own decoder is lenient in places; only what DER allows
+        // reaches it.
+        if (!InternalEcdsaDerOk(signature, signatureLength,
+                                (static_cast<uint32_t>(bits) + 7) / 8)) {
+            DRX_PROVIDER_LOG_ERR("ECDSA signature is no strict DER.");
+            return DORVEX_ERR_SIG_ENCODING;
+        }
+        rc = InternalPkeyVerify(ctx, signature, signatureLength);
+        *valid = rc == 1 ? 1u : 0u;
+        if (rc != 1) {
+            ERR_clear_error();
+        }
+        return DORVEX_OK;
+    }
     // Encoders may drop a signature's leading zero bytes, while OpenSSL wants
     // exactly the modulus length: put them back, whatever the modulus.
     const int keyBytes = EVP_PKEY_get_size(ctx->pkey);
@@ -338,12 +595,10 @@ extern "C" uint32_t DorvexCryptoVerifyFinal(DorvexCryptoVerifyCtx *ctx, const ui
         return DORVEX_FAIL;
     }
     const auto modulusLength = static_cast<uint32_t>(keyBytes);
-    int rc = 0;
     if (signatureLength > modulusLength) {
         rc = 0;  // longer than the modulus: no valid signature, nothing to read
     } else if (signatureLength == modulusLength) {
-        rc =
-            EVP_VerifyFinal_ex(ctx->mdCtx, signature, signatureLength, ctx->pkey, nullptr, nullptr);
+        rc = InternalRsaVerify(ctx, signature, signatureLength);
     } else {
         void *block = nullptr;
         if (DorvexMalloc(&block, modulusLength) != DORVEX_OK || block == nullptr) {
@@ -353,7 +608,7 @@ extern "C" uint32_t DorvexCryptoVerifyFinal(DorvexCryptoVerifyCtx *ctx, const ui
         const uint32_t zeros = modulusLength - signatureLength;
         memset(padded, 0, zeros);
         memcpy(padded + zeros, signature, signatureLength);
-        rc = EVP_VerifyFinal_ex(ctx->mdCtx, padded, modulusLength, ctx->pkey, nullptr, nullptr);
+        rc = InternalRsaVerify(ctx, padded, modulusLength);
         DorvexFree(block);
     }
     g_drxRsaVerifications.fetch_add(1, std::memory_order_relaxed);

@@ -1,5 +1,6 @@
-// Crypto provider of the CMS library: SHA-2 digests and RSA (PKCS #1 v1.5)
-// signature verification over OpenSSL libcrypto.
+// Crypto provider of the CMS library: SHA-2 digests and RSA (PKCS #1 v1.5,
+// RSASSA-PSS) and ECDSA (P-256, P-384) signature verification over OpenSSL
+// libcrypto.
 //
 // This is the only code of the library that touches OpenSSL. Callers work
 // with the library's algorithm ids (AOID_SHA256/384/512) and byte buffers;
@@ -93,6 +94,48 @@ uint32_t DorvexCryptoVerifyFinal(DorvexCryptoVerifyCtx *ctx, const uint8_t *sign
 
 // DorvexCryptoVerifyDestroyCtx: releases the context in any state; null is ignored.
 void DorvexCryptoVerifyDestroyCtx(DorvexCryptoVerifyCtx *ctx);
+
+// ---- Keys built once and signature schemes ---------------------------------
+
+// A public key ready for checks (OpenSSL's EVP_PKEY underneath), built once
+// and shared by every check with it; the builder's caller frees it.
+typedef struct DorvexPkey DorvexPkey;
+
+// Kinds of key, and how a signature is made with them.
+#define DRX_KEY_RSA 1u
+#define DRX_KEY_EC 2u
+#define DRX_SIG_RSA_PKCS1 1u  // RSA PKCS #1 v1.5
+#define DRX_SIG_RSA_PSS 2u    // RSASSA-PSS, MGF1 with the message digest, trailer 0xbc
+#define DRX_SIG_ECDSA 3u      // ECDSA, value a DER Ecdsa-Sig-Value
+
+// DorvexPkeyFromRsa: an RSA key from exponent and modulus, refused as
+// DorvexCryptoVerifyInit refuses it (DORVEX_ERR_PUBKEY_EXPONENT,
+// DORVEX_ERR_PUBKEY_TOO_SHORT, -1).
+uint32_t DorvexPkeyFromRsa(const DorvexBigInt *exponent, const DorvexBigInt *modulus,
+                           DorvexPkey **out);
+
+// DorvexPkeyFromEcPoint: a key on the named curve `curveAoid` (AOID_PRIME256V1
+// or AOID_SECP384R1) from an encoded point (04 X Y, or 02/03 X).
+// DORVEX_ERR_PUBKEY_CURVE for any other curve, DORVEX_ERR_PUBKEY_POINT for a
+// point of the wrong length or form, or not on the curve.
+uint32_t DorvexPkeyFromEcPoint(uint32_t curveAoid, const uint8_t *point, uint32_t length,
+                               DorvexPkey **out);
+
+// DorvexPkeyType: DRX_KEY_RSA or DRX_KEY_EC; 0 for none.
+uint32_t DorvexPkeyType(const DorvexPkey *key);
+
+// DorvexPkeyFree: releases a key; null is ignored.
+void DorvexPkeyFree(DorvexPkey *key);
+
+// DorvexCryptoVerifyInitKey: like DorvexCryptoVerifyInit, with a built key
+// (the context takes its own reference) and a scheme DRX_SIG_... that must
+// fit the key (DORVEX_ERR_SIGN_ALG otherwise). `saltLength` is the PSS salt
+// length in bytes, unused by the other schemes. Final then checks the value
+// by that scheme; an ECDSA value that is no strict DER Ecdsa-Sig-Value
+// (minimal positive integers of at most the curve's size, nothing after
+// them) gives DORVEX_ERR_SIG_ENCODING there, before OpenSSL reads it.
+uint32_t DorvexCryptoVerifyInitKey(DorvexCryptoVerifyCtx *ctx, const DorvexPkey *key,
+                                   uint32_t scheme, uint32_t hashAlgorithm, uint32_t saltLength);
 
 // ---- Mapping and teardown --------------------------------------------------
 

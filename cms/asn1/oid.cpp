@@ -17,6 +17,14 @@ constexpr uint8_t kOidSha512[] = {0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02
 constexpr uint8_t kOidSha256Rsa[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x01, 0x0b};
 constexpr uint8_t kOidSha384Rsa[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x01, 0x0c};
 constexpr uint8_t kOidSha512Rsa[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x01, 0x0d};
+constexpr uint8_t kOidRsaPss[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x01, 0x0a};
+constexpr uint8_t kOidMgf1[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x01, 0x08};
+constexpr uint8_t kOidEcPublicKey[] = {0x2a, 0x86, 0x48, 0xce, 0x3d, 0x02, 0x01};
+constexpr uint8_t kOidPrime256v1[] = {0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x07};
+constexpr uint8_t kOidSecp384r1[] = {0x2b, 0x81, 0x04, 0x00, 0x22};
+constexpr uint8_t kOidEcdsaSha256[] = {0x2a, 0x86, 0x48, 0xce, 0x3d, 0x04, 0x03, 0x02};
+constexpr uint8_t kOidEcdsaSha384[] = {0x2a, 0x86, 0x48, 0xce, 0x3d, 0x04, 0x03, 0x03};
+constexpr uint8_t kOidEcdsaSha512[] = {0x2a, 0x86, 0x48, 0xce, 0x3d, 0x04, 0x03, 0x04};
 constexpr uint8_t kOidCommonName[] = {0x55, 0x04, 0x03};
 constexpr uint8_t kOidLocality[] = {0x55, 0x04, 0x07};
 constexpr uint8_t kOidStateOrProvince[] = {0x55, 0x04, 0x08};
@@ -64,6 +72,14 @@ constexpr DorvexOidInfo g_drxOIDTable[] = {
     Entry(AOID_SHA256WITHRSAENCRYPTION, kOidSha256Rsa, "AOID_SHA256WITHRSAENCRYPTION"),
     Entry(AOID_SHA384WITHRSAENCRYPTION, kOidSha384Rsa, "AOID_SHA384WITHRSAENCRYPTION"),
     Entry(AOID_SHA512WITHRSAENCRYPTION, kOidSha512Rsa, "AOID_SHA512WITHRSAENCRYPTION"),
+    Entry(AOID_RSASSA_PSS, kOidRsaPss, "AOID_RSASSA_PSS"),
+    Entry(AOID_MGF1, kOidMgf1, "AOID_MGF1"),
+    Entry(AOID_EC_PUBLICKEY, kOidEcPublicKey, "AOID_EC_PUBLICKEY"),
+    Entry(AOID_PRIME256V1, kOidPrime256v1, "AOID_PRIME256V1"),
+    Entry(AOID_SECP384R1, kOidSecp384r1, "AOID_SECP384R1"),
+    Entry(AOID_ECDSA_WITH_SHA256, kOidEcdsaSha256, "AOID_ECDSA_WITH_SHA256"),
+    Entry(AOID_ECDSA_WITH_SHA384, kOidEcdsaSha384, "AOID_ECDSA_WITH_SHA384"),
+    Entry(AOID_ECDSA_WITH_SHA512, kOidEcdsaSha512, "AOID_ECDSA_WITH_SHA512"),
     Entry(AOID_AT_COMMONNAME, kOidCommonName, "AOID_AT_COMMONNAME"),
     Entry(AOID_AT_LOCALITYNAME, kOidLocality, "AOID_AT_LOCALITYNAME"),
     Entry(AOID_AT_STATEORPROVINCENAME, kOidStateOrProvince, "AOID_AT_STATEORPROVINCENAME"),
@@ -92,7 +108,7 @@ constexpr DorvexOidInfo g_drxOIDTable[] = {
 };
 
 constexpr uint32_t g_drxOidCount = sizeof(g_drxOIDTable) / sizeof(g_drxOIDTable[0]);
-static_assert(g_drxOidCount == 33);
+static_assert(g_drxOidCount == 41);
 
 namespace {
 

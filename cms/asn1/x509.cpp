@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "cms/adapt/provider.h"
 #include "cms/asn1/internal.h"
 #include "cms/asn1/oid.h"
 
@@ -73,17 +74,12 @@ constexpr DorvexAsnTempl g_templDorvexRsaPublicKey[] = {
     Row(&g_itemDorvexAsnBigint, offsetof(DorvexRsaPublicKey, publicExponent)),
 };
 
-// subjectPublicKey  BIT STRING   -- content: the DER of an RSAPublicKey
-constexpr DorvexAsnTempl g_templDorvexX509PublicKey[] = {
-    Row(&g_itemDorvexRsaPublicKey, 0),
-};
-
 // SubjectPublicKeyInfo ::= SEQUENCE {
-//     algorithm         AlgorithmIdentifier,   -- not examined: only RSA keys decode
-//     subjectPublicKey  BIT STRING }
+//     algorithm         AlgorithmIdentifier,
+//     subjectPublicKey  BIT STRING }   -- read by the algorithm once decoded
 constexpr DorvexAsnTempl g_templDorvexX509PubkeyInfo[] = {
     Row(&g_itemDorvexX509AlgoIdentifier, offsetof(DorvexX509PubkeyInfo, algorithm)),
-    Row(&g_itemDorvexX509PublicKey, offsetof(DorvexX509PubkeyInfo, subjectPublicKey)),
+    Row(&g_itemDorvexAsnBits, offsetof(DorvexX509PubkeyInfo, keyBits)),
 };
 
 // BasicConstraints ::= SEQUENCE {
@@ -268,10 +264,6 @@ constexpr DorvexAsnItem g_itemDorvexX509Validity =
     Structured(g_templDorvexX509Validity, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509Validity));
 constexpr DorvexAsnItem g_itemDorvexRsaPublicKey =
     Structured(g_templDorvexRsaPublicKey, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexRsaPublicKey));
-// A structure carried inside a BIT STRING: primitive, universal 3.
-constexpr DorvexAsnItem g_itemDorvexX509PublicKey = {
-    g_templDorvexX509PublicKey, kSeq, DRX_ASN_CLASS_UNIVERSAL,   0,
-    DRX_ASN_BIT_STRING,         1,    sizeof(DorvexRsaPublicKey)};
 constexpr DorvexAsnItem g_itemDorvexX509PubkeyInfo =
     Structured(g_templDorvexX509PubkeyInfo, kSeq, DRX_ASN_SEQUENCE, sizeof(DorvexX509PubkeyInfo));
 constexpr DorvexAsnItem g_itemDorvexX509BasicConstraints = Structured(
@@ -343,16 +335,84 @@ void InternalRelease(Record *record, const DorvexAsnItem &item) {
 
 }  // namespace
 
+namespace {
+
+// InternalReadRsaKey: the BIT STRING's content is one RSAPublicKey and
+// nothing else.
+uint32_t InternalReadRsaKey(DorvexX509PubkeyInfo &info) {
+    const DorvexAsnBits &bits = info.keyBits;
+    void *block = nullptr;
+    uint32_t used = 0;
+    uint32_t ret = bits.len == 0 ? DORVEX_ERR_ASN_SEQUENCE
+                                 : DorvexAsnDecode(bits.data, bits.len, &g_itemDorvexRsaPublicKey,
+                                                   0, &block, &used);
+    if (ret == DORVEX_OK && used != bits.len) {
+        ret = DORVEX_ERR_ASN_SEQUENCE;
+    }
+    if (ret == DORVEX_OK) {
+        info.subjectPublicKey = *static_cast<DorvexRsaPublicKey *>(block);
+        info.keyType = DRX_KEY_RSA;
+    }
+    DorvexAsnFree(block, &g_itemDorvexRsaPublicKey);
+    return ret;
+}
+
+// InternalReadSubjectKey: reads the key by its algorithm. An EC key names
+// its curve (RFC 5480 2.1.1: namedCurve only) and is built at once, so a
+// point off its curve fails here; RSA keys wait for their first check,
+// where their size and exponent are judged.
+uint32_t InternalReadSubjectKey(DorvexX509Cert &cert) {
+    DorvexX509PubkeyInfo &info = cert.certInfo.subjectPublicKeyInfo;
+    switch (DorvexFindAoid(&info.algorithm.algorithm)) {
+        case AOID_RSAENCRYPTION:
+            return InternalReadRsaKey(info);
+        case AOID_EC_PUBLICKEY:
+            break;
+        default:
+            DORVEX_LOG_ERR(DORVEX_ERR_PUBKEY_TYPE, "Public key is neither RSA nor EC.");
+            return DORVEX_ERR_PUBKEY_TYPE;
+    }
+    const DorvexAsnOcts &params = info.algorithm.parameters;
+    const int32_t curve = params.tagClass == DRX_ASN_CLASS_UNIVERSAL && params.constructed == 0 &&
+                                  params.tagCode == DRX_ASN_OID
+                              ? DorvexFindAoid(&params)
+                              : AOID_UNKNOWN;
+    if (curve != AOID_PRIME256V1 && curve != AOID_SECP384R1) {
+        DORVEX_LOG_ERR(DORVEX_ERR_PUBKEY_CURVE, "EC key is not on P-256 or P-384 by name.");
+        return DORVEX_ERR_PUBKEY_CURVE;
+    }
+    info.keyType = DRX_KEY_EC;
+    info.curve = curve;
+    const uint32_t ret = DorvexPkeyFromEcPoint(static_cast<uint32_t>(curve), info.keyBits.data,
+                                               info.keyBits.len, &cert.key);
+    if (ret != DORVEX_OK) {
+        DORVEX_LOG_ERR(ret, "EC public key is no point of its curve.");
+    }
+    return ret;
+}
+
+}  // namespace
+
 uint32_t DorvexX509DecodeCert(const uint8_t *data, uint32_t size, DorvexX509Cert **cert,
                               uint32_t *consumed) {
-    const uint32_t ret = InternalDecodeCounted(data, size, g_itemDorvexX509Cert, cert, consumed);
-    if (ret == DORVEX_OK) {
-        (*cert)->raw = DorvexAsnOcts{*consumed, DRX_ASN_CLASS_UNIVERSAL, 1, DRX_ASN_SEQUENCE, data};
+    uint32_t ret = InternalDecodeCounted(data, size, g_itemDorvexX509Cert, cert, consumed);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    (*cert)->raw = DorvexAsnOcts{*consumed, DRX_ASN_CLASS_UNIVERSAL, 1, DRX_ASN_SEQUENCE, data};
+    ret = InternalReadSubjectKey(**cert);
+    if (ret != DORVEX_OK) {
+        DorvexX509FreeCert(*cert);
+        *cert = nullptr;
     }
     return ret;
 }
 
 void DorvexX509FreeCert(DorvexX509Cert *cert) {
+    if (cert != nullptr && cert->refCount <= 1) {
+        DorvexPkeyFree(cert->key);
+        cert->key = nullptr;
+    }
     InternalRelease(cert, g_itemDorvexX509Cert);
 }
 

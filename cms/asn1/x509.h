@@ -12,6 +12,7 @@
 #include <stdint.h>
 
 #include "cms/adapt/adapt.h"
+#include "cms/adapt/provider.h"
 #include "cms/asn1/asn1.h"
 
 #ifdef __cplusplus
@@ -63,9 +64,17 @@ typedef struct DorvexRsaPublicKey {
     DorvexAsnBigint publicExponent;
 } DorvexRsaPublicKey;
 
+// The key's algorithm decides how the BIT STRING is read: rsaEncryption as
+// an RSAPublicKey into subjectPublicKey (same place and form as ever, so RSA
+// readers see no change), id-ecPublicKey on a named curve as a point in
+// keyBits. Every other algorithm, explicit curve parameters and other curves
+// fail DorvexX509DecodeCert.
 typedef struct DorvexX509PubkeyInfo {
-    DorvexX509AlgoIdentifier algorithm;   // not examined
-    DorvexRsaPublicKey subjectPublicKey;  // read from inside the BIT STRING
+    DorvexX509AlgoIdentifier algorithm;
+    DorvexRsaPublicKey subjectPublicKey;  // RSA keys: read from inside the BIT STRING
+    DorvexAsnBits keyBits;                // BIT STRING content (unused-bits octet not examined)
+    uint32_t keyType;                     // DRX_KEY_RSA or DRX_KEY_EC
+    int32_t curve;                        // EC keys: AOID_PRIME256V1 or AOID_SECP384R1
 } DorvexX509PubkeyInfo;
 
 // What basic constraints leave behind of cA; the path length has an item
@@ -109,6 +118,9 @@ typedef struct DorvexX509Cert {
     struct DorvexX509Cert *issuerCert;  // verified issuer (itself when self-signed)
     int32_t refCount;
     DorvexAsnOcts raw;  // the whole certificate DER, as ESS identifiers hash it
+    // The subject key built for checks, once per record: EC keys when
+    // decoded (the point is checked there), RSA keys at their first check.
+    struct DorvexPkey *key;
 } DorvexX509Cert;
 
 // ---- CRLs -------------------------------------------------------------------
@@ -181,7 +193,6 @@ extern const DorvexAsnItem g_itemDorvexX509Cert;
 extern const DorvexAsnItem g_itemDorvexX509CertInfo;
 extern const DorvexAsnItem g_itemDorvexX509Validity;
 extern const DorvexAsnItem g_itemDorvexX509PubkeyInfo;
-extern const DorvexAsnItem g_itemDorvexX509PublicKey;
 extern const DorvexAsnItem g_itemDorvexRsaPublicKey;
 extern const DorvexAsnItem g_itemDorvexX509Name;
 extern const DorvexAsnItem g_itemDorvexX509AttrBundle;
@@ -202,7 +213,10 @@ extern const DorvexAsnItem g_itemDorvexX509IssuingDistPoint;
 // data[0..size). On success *cert is a new record with refCount 1 that points
 // into data, and *consumed is the certificate's DER length (bytes after it
 // are left to the caller). DORVEX_ERR_PARAM for a missing argument or an
-// empty input; otherwise the decoder's code, with *cert left none.
+// empty input; DORVEX_ERR_PUBKEY_TYPE for a key neither RSA nor EC,
+// DORVEX_ERR_PUBKEY_CURVE for an EC key with explicit parameters or on a
+// curve other than P-256 and P-384, DORVEX_ERR_PUBKEY_POINT for a point
+// that is none of its curve; otherwise the decoder's code, with *cert left none.
 uint32_t DorvexX509DecodeCert(const uint8_t *data, uint32_t size, DorvexX509Cert **cert,
                               uint32_t *consumed);
 

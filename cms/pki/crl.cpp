@@ -23,6 +23,16 @@ constexpr DorvexAsnInt kReasonCessationOfOperation = 5;
 enum class CrlKind { None, Direct, Indirect };
 
 bool SameKey(const DorvexX509Cert &a, const DorvexX509Cert &b) {
+    const DorvexX509PubkeyInfo &ka = a.certInfo.subjectPublicKeyInfo;
+    const DorvexX509PubkeyInfo &kb = b.certInfo.subjectPublicKeyInfo;
+    if (ka.keyType != kb.keyType) {
+        return false;
+    }
+    // An EC key is its curve and point (the same point in another form is
+    // taken for another key, which at worst refuses a CRL).
+    if (ka.keyType == DRX_KEY_EC) {
+        return ka.curve == kb.curve && DorvexCompareAsnOcts(&ka.keyBits, &kb.keyBits) == 0;
+    }
     const DorvexRsaPublicKey &x = a.certInfo.subjectPublicKeyInfo.subjectPublicKey;
     const DorvexRsaPublicKey &y = b.certInfo.subjectPublicKeyInfo.subjectPublicKey;
     return DorvexCompareAsnOcts(&x.modulus, &y.modulus) == 0 &&

@@ -100,9 +100,9 @@ bool InternalSignedCrl(const DorvexX509Cert &cert, const DorvexX509Crl &crl) {
         return false;
     }
     uint32_t verdict = 0;
-    const uint32_t ret = DorvexX509PubKeyVerify(
-        crl.tbsRaw.data, crl.tbsRaw.len, crl.signature.data, crl.signature.len,
-        &cert.certInfo.subjectPublicKeyInfo.subjectPublicKey, &crl.signatureAlgorithm, &verdict);
+    const uint32_t ret =
+        DorvexX509CertSignVerify(crl.tbsRaw.data, crl.tbsRaw.len, crl.signature.data,
+                                 crl.signature.len, &cert, &crl.signatureAlgorithm, &verdict);
     return ret == DORVEX_OK && verdict == 1;
 }
 

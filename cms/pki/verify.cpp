@@ -77,10 +77,9 @@ bool InternalIssuedBy(DorvexVrfCtx *ctx, DorvexX509Cert *cert, DorvexX509Cert *c
     }
     ++store.work;
     uint32_t verdict = 0;
-    const uint32_t ret = DorvexX509PubKeyVerify(
-        cert->tbsRaw.data, cert->tbsRaw.len, cert->signature.data, cert->signature.len,
-        &candidate->certInfo.subjectPublicKeyInfo.subjectPublicKey, &cert->signatureAlgorithm,
-        &verdict);
+    const uint32_t ret = DorvexX509CertSignVerify(cert->tbsRaw.data, cert->tbsRaw.len,
+                                                  cert->signature.data, cert->signature.len,
+                                                  candidate, &cert->signatureAlgorithm, &verdict);
     const bool issued = ret == DORVEX_OK && verdict == 1;
     if (i >= 0 && j >= 0) {
         store.issuedBy[i][j] = issued ? 1 : 2;

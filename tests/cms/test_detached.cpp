@@ -364,6 +364,70 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
          [] { return SignedBy(EndEntity(KeyOf("rsa-3072"), "codeSigning")); }, DORVEX_OK},
         {"signer key of 8192 bits",
          [] { return SignedBy(EndEntity(KeyOf("rsa-8192"), "codeSigning")); }, DORVEX_OK},
+        {"ECDSA P-256 signer under the RSA CA",
+         [] { return SignedBy(EndEntity(KeyOf("ec-p256"), "codeSigning")); }, DORVEX_OK},
+        {"ECDSA P-256 signer, changed content",
+         [] {
+             tp::Package p = SignedBy(EndEntity(KeyOf("ec-p256"), "codeSigning"));
+             p.content.back() ^= 0x01;
+             return p;
+         },
+         DORVEX_OK, 0},
+        {"ECDSA signer without signed attributes, changed content",
+         [] {
+             const tp::Credential leaf = EndEntity(KeyOf("ec-p256"), "codeSigning");
+             tp::Package p = Signed([&](tp::SignSpec &s) {
+                 s.signer = leaf;
+                 s.certs[0] = leaf.cert;
+                 s.signedAttrs = false;
+             });
+             p.content.back() ^= 0x01;
+             return p;
+         },
+         DORVEX_OK, 0},
+        {"RSASSA-PSS signer and token",
+         [] { return Signed([](auto &p) { p.pss = true, p.timestamp->pss = true; }); }, DORVEX_OK},
+        {"RSASSA-PSS signer, changed content",
+         [] {
+             tp::Package p = Signed([](auto &s) { s.pss = true; });
+             p.content.back() ^= 0x01;
+             return p;
+         },
+         DORVEX_OK, 0},
+        {"P-384 authority, SHA-384 token",
+         [] {
+             const tp::Credential tsa = EndEntity(KeyOf("ec-p384"), "timeStamping");
+             return Signed([&](tp::SignSpec &p) {
+                 p.timestamp->tsa = tsa;
+                 p.timestamp->digest = tp::Digest::Sha384;
+             });
+         },
+         DORVEX_OK},
+        {"P-384 authority, token's signature value changed",
+         [] {
+             const tp::Credential tsa = EndEntity(KeyOf("ec-p384"), "timeStamping");
+             tp::Package p = Signed([&](tp::SignSpec &s) { s.timestamp->tsa = tsa; });
+             const Bytes value = tp::SignatureValueOf(tp::TimestampTokenOf(p.signature));
+             auto at =
+                 std::search(p.signature.begin(), p.signature.end(), value.begin(), value.end());
+             at[static_cast<std::ptrdiff_t>(value.size()) - 1] ^= 0x01;
+             return p;
+         },
+         DORVEX_ERR_SIGNATURE, 0},
+        {"ECDSA label on the RSA signer",
+         [] {
+             return Edited([](Fields &, Fields &signer) {
+                 signer[4] = tp::der::Seq({tp::der::Oid("1.2.840.10045.4.3.2")});
+             });
+         },
+         DORVEX_ERR_SIGN_ALG, 0},
+        {"ECDSA label naming another digest than the signer's",
+         [] {
+             return Edited([](Fields &, Fields &signer) {
+                 signer[4] = tp::der::Seq({tp::der::Oid("1.2.840.10045.4.3.3")});
+             });
+         },
+         DORVEX_ERR_SIGN_ALG, 0},
         {"signer key of 1024 bits",
          [] { return SignedBy(EndEntity(KeyOf("rsa-1024"), "codeSigning")); },
          DORVEX_ERR_PUBKEY_TOO_SHORT, 0},

@@ -60,7 +60,7 @@ const tp::DemoPki &Pki() {
 const tp::Cert &EcCert() {
     static const tp::Cert cert = [] {
         tp::CertSpec plan;
-        plan.subjectKey = tp::LoadTestKey("ec-p256");
+        plan.subjectKey = tp::LoadTestKey("ec-secp256k1");
         plan.issuer = Pki().ca;
         return tp::IssueCert(plan);
     }();
@@ -218,7 +218,7 @@ TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
         {"signer named by subject key identifier", Edit([](auto &signer) {
              signer[0] = tp::der::Integer(Bytes{3});
              signer[1] = Tlv(0x80, Pki().leaf.key.KeyId()); }, true), kBad},
-        {"carried certificate with an EC key",
+        {"carried certificate with a secp256k1 key",
          Sign([](Plan &s) { s.certs = {Pki().leaf.cert, EcCert()}; }), kBad},
         {"truncated by one byte", truncated, kBad},
         {"garbage", Bytes{'n', 'o', 't', ' ', 'D', 'E', 'R'}, kBad},

@@ -46,6 +46,22 @@ TEST(PkiVerify, LeafPathTable) {
          DORVEX_ERR_CERT_EXPIRED},
         {"no CRL of the leaf's CA", {.caCrl = false}, DORVEX_ERR_NO_CRL},
         {"no CRL of the root", {.rootCrl = false}, DORVEX_ERR_NO_CRL},
+        {"ECDSA P-256 leaf under the RSA CA",
+         {.leaf = [](CertSpec &s) { s.subjectKey = testpki::LoadTestKey("ec-p256"); }},
+         0},
+        {"P-384 CA: leaf and CRL signed by ECDSA",
+         {.ca = [](CertSpec &s) { s.subjectKey = testpki::LoadTestKey("ec-p384"); },
+          .caCrlPlan = [](testpki::CrlSpec &c) { c.digest = testpki::Digest::Sha384; }},
+         0},
+        {"P-384 CA's ECDSA CRL lists the leaf",
+         {.ca = [](CertSpec &s) { s.subjectKey = testpki::LoadTestKey("ec-p384"); },
+          .caRevoked = Revokes(0x10, -1)},
+         DORVEX_ERR_CERT_REVOKED},
+        {"RSASSA-PSS: CA (SHA-512), leaf and CA's CRL",
+         {.ca = [](CertSpec &s) { s.pss = true, s.digest = testpki::Digest::Sha512; },
+          .leaf = [](CertSpec &s) { s.pss = true; },
+          .caCrlPlan = [](testpki::CrlSpec &c) { c.pss = true; }},
+         0},
     };
     for (const auto &row : rows) {
         Store store;

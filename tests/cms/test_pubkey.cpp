@@ -1,9 +1,10 @@
-// RSA signature checks over keys from decoded certificates, on certificates
-// made by OpenSSL through the test-PKI generator.
+// Signature checks over keys from decoded certificates (RSA, RSASSA-PSS,
+// ECDSA), on certificates made by OpenSSL through the test-PKI generator.
 #include <gtest/gtest.h>
 #include <openssl/core_names.h>
 
 #include <algorithm>
+#include <span>
 #include <string>
 
 #include "cms/asn1/oid.h"
@@ -19,19 +20,21 @@ using testpki::Bytes;
 struct Decoded {
     Bytes der;
     DorvexX509Cert *cert = nullptr;
+    uint32_t ret = 0;
     explicit Decoded(Bytes bytes) : der(std::move(bytes)) {
         uint32_t used = 0;
-        EXPECT_EQ(DorvexX509DecodeCert(der.data(), static_cast<uint32_t>(der.size()), &cert, &used),
-                  0u);
+        ret = DorvexX509DecodeCert(der.data(), static_cast<uint32_t>(der.size()), &cert, &used);
     }
     ~Decoded() { DorvexX509FreeCert(cert); }
 };
 
 // Self-signed with `key`, unless the issuer's name or key is another's.
 Bytes SelfSigned(const char *key, testpki::Digest digest, const char *issuerName = nullptr,
-                 const char *issuerKey = nullptr) {
+                 const char *issuerKey = nullptr, bool pss = false,
+                 testpki::Key subjectKey = testpki::Key()) {
     testpki::CertSpec plan;
-    plan.subjectKey = testpki::LoadTestKey(key);
+    plan.subjectKey = subjectKey ? subjectKey : testpki::LoadTestKey(key);
+    plan.pss = pss;
     plan.subject = testpki::SimpleName({{"CN", "self"}});
     if (issuerName != nullptr) {
         plan.issuerName = testpki::SimpleName({{"CN", issuerName}});
@@ -43,6 +46,36 @@ Bytes SelfSigned(const char *key, testpki::Digest digest, const char *issuerName
     }
     plan.digest = digest;
     return testpki::IssueCert(plan).Der();
+}
+
+// A self-signed P-256 certificate with its key in another form.
+Bytes EcForm(bool compressed, bool explicitParams) {
+    const auto key = testpki::LoadTestKey("ec-p256").EcForm(compressed, explicitParams);
+    return SelfSigned(nullptr, testpki::Digest::Sha256, nullptr, nullptr, false, key);
+}
+
+// The P-256 certificate with the last octet of its point changed: off the curve.
+Bytes OffCurve() {
+    Bytes der = SelfSigned("ec-p256", testpki::Digest::Sha256);
+    const Bytes spki = testpki::LoadTestKey("ec-p256").PublicKeyDer();
+    auto at = std::search(der.begin(), der.end(), spki.end() - 65, spki.end());
+    at[64] ^= 0x01;
+    return der;
+}
+
+// The ECDSA certificate with its signature value re-encoded: r with a
+// needless zero octet in front, or one octet after the value.
+Bytes EcdsaValue(bool padR) {
+    namespace der = testpki::der;
+    const auto fields = der::Children(SelfSigned("ec-p256", testpki::Digest::Sha256));
+    const Bytes bits = der::Content(fields[2]);
+    const auto rs = der::Children(std::span(bits).subspan(1));
+    Bytes r = der::Content(rs[0]);
+    r.insert(r.begin(), padR ? 1 : 0, 0x00);
+    Bytes value = der::Seq({der::Integer(r), rs[1]});
+    value.insert(value.begin(), 0x00);  // unused bits
+    value.insert(value.end(), padR ? 0 : 1, 0x00);
+    return der::Seq({fields[0], fields[1], der::Tlv(0x03, value)});
 }
 
 TEST(PubKey, SelfSignedTable) {
@@ -62,9 +95,31 @@ TEST(PubKey, SelfSignedTable) {
         {"SHA-1 refused before the key", SelfSigned("ca-2048", Digest::Sha1), DORVEX_ERR_SIGN_ALG,
          0},
         {"4104-bit key: any length up to 8192 bits", SelfSigned("rsa-4104", Digest::Sha256), 0, 1},
+        {"P-256, ECDSA SHA-256", SelfSigned("ec-p256", Digest::Sha256), 0, 1},
+        {"P-384, ECDSA SHA-384", SelfSigned("ec-p384", Digest::Sha384), 0, 1},
+        {"P-384, ECDSA SHA-512", SelfSigned("ec-p384", Digest::Sha512), 0, 1},
+        {"P-256, compressed point", EcForm(true, false), 0, 1},
+        {"RSASSA-PSS SHA-256", SelfSigned("ca-2048", Digest::Sha256, nullptr, nullptr, true), 0, 1},
+        {"RSASSA-PSS SHA-512", SelfSigned("ca-2048", Digest::Sha512, nullptr, nullptr, true), 0, 1},
+        {"ECDSA label, RSA key", SelfSigned("leaf-2048", Digest::Sha256, nullptr, "ec-p256"),
+         DORVEX_ERR_SIGN_ALG, 0},
+        {"RSA label, EC key", SelfSigned("ec-p256", Digest::Sha256, nullptr, "leaf-2048"),
+         DORVEX_ERR_SIGN_ALG, 0},
+        {"PSS label, EC key", SelfSigned("ec-p256", Digest::Sha256, nullptr, "leaf-2048", true),
+         DORVEX_ERR_SIGN_ALG, 0},
+        {"ECDSA r with a needless zero octet", EcdsaValue(true), DORVEX_ERR_SIG_ENCODING, 0},
+        {"ECDSA value with an octet after it", EcdsaValue(false), DORVEX_ERR_SIG_ENCODING, 0},
+        // Refused when decoded, before any check.
+        {"secp256k1 key", SelfSigned("ec-secp256k1", Digest::Sha256), DORVEX_ERR_PUBKEY_CURVE, 0},
+        {"P-256 by explicit parameters", EcForm(false, true), DORVEX_ERR_PUBKEY_CURVE, 0},
+        {"point not on the curve", OffCurve(), DORVEX_ERR_PUBKEY_POINT, 0},
     };
     for (const auto &row : rows) {
         Decoded d(row.der);
+        if (row.ret == DORVEX_ERR_PUBKEY_CURVE || row.ret == DORVEX_ERR_PUBKEY_POINT) {
+            EXPECT_EQ(d.ret, row.ret) << row.name;
+            continue;
+        }
         ASSERT_NE(d.cert, nullptr) << row.name;
         vt_test::ClearSyslog();
         uint32_t result = 7;

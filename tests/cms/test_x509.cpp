@@ -133,7 +133,10 @@ const CertCase kCertCases[] = {
     {"eleven RDNs", [](auto &s) { s.subject = Cns(11); }, DORVEX_ERR_ASN_SETOF},
     {"eleven attributes in an RDN", [](auto &s) { s.subject = {tp::Rdn(11, {"OU", "u"})}; },
      DORVEX_ERR_ASN_SETOF},
-    {"EC key", [](auto &s) { s.subjectKey = tp::LoadTestKey("ec-p256"); }, DORVEX_ERR_ASN_TAG},
+    {"EC P-256 key", [](auto &s) { s.subjectKey = tp::LoadTestKey("ec-p256"); }, DORVEX_OK},
+    {"EC P-384 key", [](auto &s) { s.subjectKey = tp::LoadTestKey("ec-p384"); }, DORVEX_OK},
+    {"EC secp256k1 key", [](auto &s) { s.subjectKey = tp::LoadTestKey("ec-secp256k1"); },
+     DORVEX_ERR_PUBKEY_CURVE},
     {"eleven purposes", [](auto &s) { s.extKeyUsage = tp::ExtKeyUsage{{11, "codeSigning"}}; },
      DORVEX_ERR_ASN_SEQUENCE},
     {"three-octet key usage", [](auto &s) { s.keyUsage = tp::KeyUsage{{0x80, 0, 0x80}}; },
@@ -177,8 +180,16 @@ TEST(X509Cert, DecodesWhatOpensslReports) {
         ExpectTime(info.validity.notBefore, X509_get0_notBefore(x));
         ExpectTime(info.validity.notAfter, X509_get0_notAfter(x));
         const DorvexRsaPublicKey &key = info.subjectPublicKeyInfo.subjectPublicKey;
-        EXPECT_EQ(Content(key.modulus), BnParam(X509_get0_pubkey(x), OSSL_PKEY_PARAM_RSA_N));
-        EXPECT_EQ(Content(key.publicExponent), BnParam(X509_get0_pubkey(x), OSSL_PKEY_PARAM_RSA_E));
+        if (info.subjectPublicKeyInfo.keyType == DRX_KEY_EC) {
+            EXPECT_EQ(Content(info.subjectPublicKeyInfo.keyBits),
+                      Asn1Bytes(X509_get0_pubkey_bitstr(x)));
+            EXPECT_EQ(key.modulus.len + key.publicExponent.len, 0u);
+        } else {
+            EXPECT_EQ(info.subjectPublicKeyInfo.keyType, DRX_KEY_RSA);
+            EXPECT_EQ(Content(key.modulus), BnParam(X509_get0_pubkey(x), OSSL_PKEY_PARAM_RSA_N));
+            EXPECT_EQ(Content(key.publicExponent),
+                      BnParam(X509_get0_pubkey(x), OSSL_PKEY_PARAM_RSA_E));
+        }
         const ASN1_BIT_STRING *sig = nullptr;
         X509_get0_signature(&sig, nullptr, x);
         EXPECT_EQ(Content(cert->signature), Asn1Bytes(sig));

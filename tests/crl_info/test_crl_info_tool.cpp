@@ -56,6 +56,16 @@ class CrlInfoTool : public testing::Test {
         tp::WriteFile(Path("null.cnf"),
                       "openssl_conf = init\n[init]\nproviders = p\n"
                       "[p]\nnull = n\n[n]\nactivate = 1\n");
+        tp::CertSpec ecSpec;  // a P-384 CA of the root, whose CRL is signed by ECDSA
+        ecSpec.subjectKey = tp::LoadTestKey("ec-p384");
+        ecSpec.issuer = pki.root;
+        ecSpec.subject = tp::SimpleName({{"CN", "P-384 CA"}});
+        ecSpec.serial = {0x03};
+        ecSpec.basicConstraints = tp::BasicConstraints{};
+        ecSpec.keyUsage = tp::KeyUsage::Of(tp::ku::kKeyCertSign | tp::ku::kCrlSign);
+        const tp::Credential ecCa = tp::IssueCredential(ecSpec);
+        tp::WriteFile(Path("ec.der"), tp::ConcatDer({Crl(pki.root, "240601000000Z"),
+                                                     Crl(ecCa, "240601000000Z"), ecCa.cert.Der()}));
     }
     void TearDown() override {
         if (!dir_.empty()) {
@@ -89,6 +99,11 @@ TEST_F(CrlInfoTool, ReportsAndDecides) {
           "  revoked:     1", "    107f", "CRL 2 of 2",
           "  issuer:      C=DE,O=Dorvex Test PKI,CN=Test Intermediate CA",
           "  signer:      trusted, serial 02", "  revoked:     none listed"},
+         ""},
+        {"CRL of a P-384 CA",
+         {"ec.der"},
+         0,
+         {"CRL 2 of 2", "  issuer:      CN=P-384 CA", "  signer:      trusted, serial 03"},
          ""},
         {"untrusted file",
          {"untrusted.der"},

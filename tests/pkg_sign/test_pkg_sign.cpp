@@ -117,12 +117,14 @@ class PkgSignTest : public testing::Test {
         return Spawn(std::move(args));
     }
 
-    // sign: the demo leaf, with the intermediate CA embedded.
+    // sign: the demo leaf (or signerKey_ with signerCert_), with the
+    // intermediate CA embedded.
     Outcome Sign(const std::string &out, const std::string &md,
                  std::vector<std::string> extra = {}) {
+        const std::string cert = signerCert_.empty() ? P("leaf.pem") : signerCert_;
         std::vector<std::string> args = {
-            "sign", "--key",   Key("leaf-2048"), "--cert", P("leaf.pem"), "--chain", P("ca.pem"),
-            "--in", P("sums"), "--out",          P(out),   "--md",        md};
+            "sign", "--key",   Key(signerKey_), "--cert", cert,   "--chain", P("ca.pem"),
+            "--in", P("sums"), "--out",         P(out),   "--md", md};
         args.insert(args.end(), extra.begin(), extra.end());
         return PkgSign(args);
     }
@@ -131,9 +133,9 @@ class PkgSignTest : public testing::Test {
             {"ts", "-reply", "-config", P("openssl.cnf"), "-queryfile", P(tsq), "-out", P(tsr)});
     }
     Outcome LocalTsa(std::vector<std::string> input, const std::string &tsr) {
-        std::vector<std::string> args = {"local-tsa", "--key",      Key("tsa-2048"),
-                                         "--cert",    P("tsa.pem"), "--out",
-                                         P(tsr),      "--time",     "20261101120000Z"};
+        const std::string cert = tsaCert_.empty() ? P("tsa.pem") : tsaCert_;
+        std::vector<std::string> args = {"local-tsa", "--key", Key(tsaKey_), "--cert",         cert,
+                                         "--out",     P(tsr),  "--time",     "20261101120000Z"};
         args.insert(args.end(), input.begin(), input.end());
         return PkgSign(args);
     }
@@ -168,6 +170,9 @@ class PkgSignTest : public testing::Test {
     }
 
     fs::path dir_;
+    const char *signerKey_ = "leaf-2048";
+    const char *tsaKey_ = "tsa-2048";
+    std::string signerCert_, tsaCert_;  // empty: the demo leaf and TSA
 };
 
 // ---- packages that verify ---------------------------------------------------
@@ -179,6 +184,9 @@ struct FlowCase {
     const char *md;
     bool pem;
     Stamp stamp;
+    const char *signerKey = nullptr;  // a code-signing leaf of this key instead of the demo one
+    const char *tsaKey = nullptr;     // the same for the local TSA
+    bool pss = false;
 };
 
 const FlowCase kFlows[] = {
@@ -187,6 +195,9 @@ const FlowCase kFlows[] = {
     {"sha512_openssl_reply", "sha512", false, Stamp::OpensslReply},
     {"sha256_local_tsa_query_pem", "sha256", true, Stamp::LocalTsaQuery},
     {"sha512_local_tsa_signature", "sha512", false, Stamp::LocalTsaSig},
+    {"ecdsa_p256_signer_p384_local_tsa", "sha384", false, Stamp::LocalTsaQuery, "ec-p256",
+     "ec-p384"},
+    {"pss_signer_openssl_reply", "sha256", false, Stamp::OpensslReply, nullptr, nullptr, true},
 };
 
 void PrintTo(const FlowCase &c, std::ostream *os) {
@@ -197,7 +208,23 @@ class FlowTest : public PkgSignTest, public testing::WithParamInterface<FlowCase
 
 TEST_P(FlowTest, VerifyToolAcceptsThePackage) {
     const FlowCase &c = GetParam();
-    ASSERT_EQ(Sign("sig.der", c.md, {"--tsq", P("sig.tsq")}).status, 0);
+    if (c.signerKey != nullptr) {
+        signerKey_ = c.signerKey;
+        signerCert_ = EndEntity("signer", c.signerKey, {"codeSigning"});
+    }
+    if (c.tsaKey != nullptr) {
+        tsaKey_ = c.tsaKey;
+        tsaCert_ = EndEntity("tsa-p384", c.tsaKey, {"timeStamping"});  // a serial of its own
+    }
+    std::vector<std::string> extra = {"--tsq", P("sig.tsq")};
+    if (c.pss) {
+        extra.push_back("--pss");
+    }
+    const Outcome made = Sign("sig.der", c.md, extra);
+    ASSERT_EQ(made.status, 0) << made.err;
+    // id-RSASSA-PSS names the signer's algorithm exactly when asked for.
+    const std::string_view kPssOid = "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0a";
+    EXPECT_EQ(ReadText(dir_ / "sig.der").find(kPssOid) != std::string::npos, c.pss);
     Outcome stamp = c.stamp == Stamp::OpensslReply ? OpensslReply("sig.tsq", "sig.tsr")
                     : c.stamp == Stamp::LocalTsaQuery
                         ? LocalTsa({"--tsq", P("sig.tsq")}, "sig.tsr")
@@ -272,11 +299,19 @@ const RefusalCase kRefusals[] = {
      "would carry 3 certificates; verify_tool takes at most two"},
     {"sha1", [](PkgSignTest &r) { return r.Sign("out.p7s", "sha1"); },
      "digest sha1 is not accepted by verify_tool"},
-    {"ec_key",
+    {"secp256k1_key",
      [](PkgSignTest &r) {
-         return SignWith(r, Key("ec-p256"), r.EndEntity("ec", "ec-p256", {"codeSigning"}));
+         return SignWith(r, Key("ec-secp256k1"),
+                         r.EndEntity("ec", "ec-secp256k1", {"codeSigning"}));
      },
-     "the signer key is not an RSA key (EC)"},
+     "the signer key is an EC key on secp256k1; verify_tool takes EC keys on P-256 and P-384"},
+    {"pss_with_ec_key",
+     [](PkgSignTest &r) {
+         const std::string cert = r.EndEntity("ec", "ec-p256", {"codeSigning"});
+         return r.PkgSign({"sign", "--key", Key("ec-p256"), "--cert", cert, "--in", r.P("sums"),
+                           "--out", r.P("out.p7s"), "--pss"});
+     },
+     "--pss needs an RSA key"},
     {"key_of_another_certificate",
      [](PkgSignTest &r) { return SignWith(r, Key("other-2048"), r.P("leaf.pem")); },
      "does not belong to the certificate"},

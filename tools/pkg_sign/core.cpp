@@ -215,11 +215,25 @@ X509Ptr LoadOneCert(const std::string &path) {
     return std::move(certs.front());
 }
 
-void CheckRsaKey(const EVP_PKEY *key, const std::string &what) {
+void CheckKey(const EVP_PKEY *key, const std::string &what) {
+    if (EVP_PKEY_is_a(key, "EC") == 1) {
+        char group[64] = {};
+        char encoding[32] = {};
+        (void)EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_EC_ENCODING, encoding,
+                                             sizeof encoding, nullptr);
+        const bool named = std::string_view(encoding) != OSSL_PKEY_EC_ENCODING_EXPLICIT &&
+                           EVP_PKEY_get_group_name(key, group, sizeof group, nullptr) == 1;
+        if (!named ||
+            (std::string_view(group) != "prime256v1" && std::string_view(group) != "secp384r1")) {
+            Refuse(what + " is an EC key on " + (named ? group : "explicit parameters") +
+                   "; verify_tool takes EC keys on P-256 and P-384 by name only");
+        }
+        return;
+    }
     if (EVP_PKEY_is_a(key, "RSA") != 1) {
         const char *type = EVP_PKEY_get0_type_name(key);
-        Refuse(what + " is not an RSA key (" + (type != nullptr ? type : "unknown") +
-               "); verify_tool checks RSA signatures only");
+        Refuse(what + " is neither an RSA nor an EC key (" + (type != nullptr ? type : "unknown") +
+               "); verify_tool checks RSA and ECDSA signatures only");
     }
     const int bits = EVP_PKEY_get_bits(key);
     if (bits < kMinRsaBits || bits > kMaxRsaBits) {
@@ -233,7 +247,7 @@ void CheckEmbeddable(X509 *cert, const std::string &what) {
     if (key == nullptr) {
         FailOpenssl("cannot read the public key of " + what + " certificate");
     }
-    CheckRsaKey(key, "the key of " + what + " certificate");
+    CheckKey(key, "the key of " + what + " certificate");
     if (X509_get_version(cert) == X509_VERSION_1) {
         Refuse(what + " certificate is version 1; verify_tool decodes version 2 and 3 only");
     }
@@ -304,7 +318,7 @@ void CheckUsage(X509 *cert, uint32_t purpose, const std::string &what) {
 Identity LoadIdentity(const std::string &keyPath, const std::string &certPath, uint32_t purpose,
                       const std::string &what) {
     Identity id{LoadKey(keyPath), LoadOneCert(certPath)};
-    CheckRsaKey(id.key.get(), what + " key");
+    CheckKey(id.key.get(), what + " key");
     if (X509_check_private_key(id.cert.get(), id.key.get()) != 1) {
         Refuse(what + " key " + keyPath + " does not belong to the certificate " + certPath);
     }

@@ -12,11 +12,13 @@
 // pem.h first: cms.h declares the CMS PEM functions only after it.
 #include <openssl/pem.h>
 #include <openssl/cms.h>
+#include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 #include <openssl/pkcs7.h>
 #include <openssl/rand.h>
+#include <openssl/rsa.h>
 #include <openssl/ts.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
@@ -192,7 +194,9 @@ std::vector<X509Ptr> LoadCerts(const std::string &path);
 
 X509Ptr LoadOneCert(const std::string &path);
 
-void CheckRsaKey(const EVP_PKEY *key, const std::string &what);
+// CheckKey: the keys verify_tool checks: RSA within its sizes and EC on the
+// named curves P-256 and P-384.
+void CheckKey(const EVP_PKEY *key, const std::string &what);
 
 // Whatever a SignedData embeds must decode in verify_tool, or the whole
 // signature does not decode.

@@ -7,9 +7,29 @@ namespace pkg_sign {
 namespace {
 
 constexpr OptionDef kSignOptions[] = {
-    {"key", true, false}, {"cert", true, false}, {"chain", true, true}, {"in", true, false},
-    {"out", true, false}, {"pem", false, false}, {"md", true, false},   {"tsq", true, false},
+    {"key", true, false}, {"cert", true, false}, {"chain", true, true},
+    {"in", true, false},  {"out", true, false},  {"pem", false, false},
+    {"md", true, false},  {"tsq", true, false},  {"pss", false, false},
 };
+
+// AddSigner: the signer with its signed attributes; an RSA key signs by
+// PKCS #1 v1.5, or with `pss` by RSASSA-PSS (salt as long as the digest,
+// MGF1 with the digest), an EC key by ECDSA.
+void AddSigner(CMS_ContentInfo *cms, const Identity &signer, const EVP_MD *md, bool pss) {
+    if (pss && EVP_PKEY_is_a(signer.key.get(), "RSA") != 1) {
+        Refuse("--pss needs an RSA key; an EC key signs by ECDSA");
+    }
+    constexpr unsigned int kFlags = CMS_DETACHED | CMS_BINARY | CMS_PARTIAL | CMS_NOSMIMECAP;
+    CMS_SignerInfo *info = CMS_add1_signer(cms, signer.cert.get(), signer.key.get(), md,
+                                           kFlags | (pss ? CMS_KEY_PARAM : 0));
+    Check(info != nullptr, "CMS_add1_signer");
+    if (pss) {
+        EVP_PKEY_CTX *pctx = CMS_SignerInfo_get0_pkey_ctx(info);
+        Check(pctx != nullptr && EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1 &&
+                  EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, RSA_PSS_SALTLEN_DIGEST) == 1,
+              "RSASSA-PSS parameters");
+    }
+}
 
 int Sign(const Options &opts) {
     const std::string in = opts.Required("in");
@@ -31,8 +51,7 @@ int Sign(const Options &opts) {
     constexpr unsigned int kFlags = CMS_DETACHED | CMS_BINARY | CMS_PARTIAL | CMS_NOSMIMECAP;
     CmsPtr cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, kFlags));
     Check(cms != nullptr, "CMS_sign");
-    Check(CMS_add1_signer(cms.get(), signer.cert.get(), signer.key.get(), md, kFlags) != nullptr,
-          "CMS_add1_signer");
+    AddSigner(cms.get(), signer, md, opts.Has("pss"));
     for (const auto &cert : chain) {
         Check(CMS_add1_cert(cms.get(), cert.get()) == 1, "CMS_add1_cert");
     }

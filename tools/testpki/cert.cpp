@@ -146,7 +146,7 @@ Cert IssueCert(const CertSpec &plan) {
     Check(X509_set_pubkey(x509.get(), plan.subjectKey.get()) == 1, "X509_set_pubkey");
     AddExtensions(x509.get(), plan, signer);
 
-    Check(X509_sign(x509.get(), signer.get(), DigestMd(plan.digest)) > 0, "X509_sign");
+    detail::SignX509(x509.get(), signer, plan.digest, plan.pss);
     unsigned char *out = nullptr;
     int len = i2d_X509(x509.get(), &out);
     Check(len > 0, "i2d_X509");

@@ -155,9 +155,13 @@ Bytes TokenViaCms(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
     unsigned flags = CMS_BINARY | CMS_NOSMIMECAP | CMS_PARTIAL;
     flags |= plan.embedTsaCert ? 0 : CMS_NOCERTS;
     flags |= plan.attrs == TokenAttrs::None ? CMS_NOATTR : 0;
+    flags |= plan.pss ? CMS_KEY_PARAM : 0;
     CMS_SignerInfo *si = CMS_add1_signer(cms.get(), plan.tsa.cert.get(), plan.tsa.key.get(),
                                          DigestMd(plan.digest), flags);
     Check(si != nullptr, "CMS_add1_signer (TSA)");
+    if (plan.pss) {
+        detail::UsePss(CMS_SignerInfo_get0_pkey_ctx(si));
+    }
     if (plan.attrs != TokenAttrs::None) {
         // The token's own signing time follows genTime where that is a real
         // time; a genTime OpenSSL cannot read gets a fixed one.
@@ -292,7 +296,7 @@ void TamperSigningTime(CMS_SignerInfo *si) {
 
 bool FitsTsApi(const TimestampSpec &plan) {
     if (!plan.tsa.cert || !plan.tsa.key || plan.attrs == TokenAttrs::None || plan.noSigner ||
-        plan.essCert || !PlainGenTime(plan.genTime)) {
+        plan.pss || plan.essCert || !PlainGenTime(plan.genTime)) {
         return false;
     }
     // TS_RESP_CTX_set_signer_cert refuses a certificate that fails this.
@@ -349,9 +353,13 @@ Bytes MakeSignedData(const SignSpec &plan, std::span<const uint8_t> content) {
         // capabilities, so the signed attributes are exactly the three.
         unsigned flags = CMS_BINARY | CMS_NOSMIMECAP | CMS_NOCERTS | CMS_PARTIAL;
         flags |= plan.signedAttrs ? 0 : CMS_NOATTR;
+        flags |= plan.pss ? CMS_KEY_PARAM : 0;
         si = CMS_add1_signer(cms.get(), plan.signer.cert.get(), plan.signer.key.get(),
                              DigestMd(plan.digest), flags);
         Check(si != nullptr, "CMS_add1_signer");
+        if (plan.pss) {
+            detail::UsePss(CMS_SignerInfo_get0_pkey_ctx(si));
+        }
         if (plan.signedAttrs) {
             AddSigningTime(si, plan.signingTime);
         }

@@ -4,6 +4,7 @@
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/objects.h>
+#include <openssl/core_names.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
@@ -181,6 +182,59 @@ Key Key::GenerateEc(const std::string &curve) {
     PkeyPtr pkey(EVP_EC_gen(curve.c_str()));
     Check(pkey != nullptr, "EC key generation on " + curve);
     return Key(std::move(pkey));
+}
+
+Key Key::EcForm(bool compressed, bool explicitParams) const {
+    Check(pkey_ != nullptr, "empty key");
+    PkeyPtr copy(EVP_PKEY_dup(pkey_.get()));
+    Check(copy != nullptr, "EVP_PKEY_dup");
+    if (compressed) {
+        Check(EVP_PKEY_set_utf8_string_param(copy.get(), OSSL_PKEY_PARAM_EC_POINT_CONVERSION_FORMAT,
+                                             "compressed") == 1,
+              "compressed point form");
+    }
+    if (explicitParams) {
+        Check(EVP_PKEY_set_utf8_string_param(copy.get(), OSSL_PKEY_PARAM_EC_ENCODING, "explicit") ==
+                  1,
+              "explicit curve parameters");
+    }
+    return Key(std::move(copy));
+}
+
+void detail::UsePss(EVP_PKEY_CTX *pctx) {
+    Check(pctx != nullptr && EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1 &&
+              EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, RSA_PSS_SALTLEN_DIGEST) == 1,
+          "RSASSA-PSS parameters");
+}
+
+namespace {
+using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, Deleter<EVP_MD_CTX_free>>;
+
+MdCtxPtr PssSigner(const Key &key, Digest digest) {
+    MdCtxPtr ctx(EVP_MD_CTX_new());
+    EVP_PKEY_CTX *pctx = nullptr;
+    Check(ctx != nullptr &&
+              EVP_DigestSignInit(ctx.get(), &pctx, DigestMd(digest), nullptr, key.get()) == 1,
+          "EVP_DigestSignInit");
+    detail::UsePss(pctx);
+    return ctx;
+}
+}  // namespace
+
+void detail::SignX509(X509 *x509, const Key &key, Digest digest, bool pss) {
+    if (!pss) {
+        Check(X509_sign(x509, key.get(), DigestMd(digest)) > 0, "X509_sign");
+        return;
+    }
+    Check(X509_sign_ctx(x509, PssSigner(key, digest).get()) > 0, "X509_sign_ctx");
+}
+
+void detail::SignCrl(X509_CRL *crl, const Key &key, Digest digest, bool pss) {
+    if (!pss) {
+        Check(X509_CRL_sign(crl, key.get(), DigestMd(digest)) > 0, "X509_CRL_sign");
+        return;
+    }
+    Check(X509_CRL_sign_ctx(crl, PssSigner(key, digest).get()) > 0, "X509_CRL_sign_ctx");
 }
 
 int Key::Bits() const {

@@ -119,8 +119,7 @@ Bytes MakeCrl(const CrlSpec &plan) {
         AddCrlExtension(crl.get(), ext.oid, ext.critical, ext.value);
     }
 
-    Check(X509_CRL_sign(crl.get(), plan.issuer.key.get(), DigestMd(plan.digest)) > 0,
-          "X509_CRL_sign");
+    detail::SignCrl(crl.get(), plan.issuer.key, plan.digest, plan.pss);
     unsigned char *out = nullptr;
     int len = i2d_X509_CRL(crl.get(), &out);
     Check(len > 0, "i2d_X509_CRL");

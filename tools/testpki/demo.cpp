@@ -418,7 +418,7 @@ std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
 }
 
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
-                                           const std::filesystem::path &keyDir) {
+                                           const std::filesystem::path &keyDir, bool ecdsa) {
     if (depth < 1 || depth > kMaxChainDepth) {
         throw Error("chain depth " + std::to_string(depth) + " is not within 1.." +
                     std::to_string(kMaxChainDepth));
@@ -436,9 +436,11 @@ std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::pat
         }
         // The first CA has the demo CA's key; keys of deeper ones are made
         // on the spot, so no two certificates of the path share one.
+        const Key caKey =
+            ecdsa ? (level == 1 ? LoadTestKey("ec-p384", keyDir) : Key::GenerateEc("P-384"))
+                  : (level == 1 ? LoadTestKey("ca-2048", keyDir) : Key::GenerateRsa(2048));
         CertSpec ca =
-            CaSpec(level == 1 ? LoadTestKey("ca-2048", keyDir) : Key::GenerateRsa(2048),
-                   "Test CA " + std::to_string(level), {0x02, static_cast<uint8_t>(level)});
+            CaSpec(caKey, "Test CA " + std::to_string(level), {0x02, static_cast<uint8_t>(level)});
         ca.issuer = issuer;
         ca.authorityKeyId = true;
         issuer = IssueCredential(ca);
@@ -447,10 +449,12 @@ std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::pat
     DemoPki pki;
     pki.root = root;
     pki.ca = issuer;
-    pki.leaf = IssueCredential(EndEntitySpec(issuer, LoadTestKey("leaf-2048", keyDir),
-                                             "Test Code Signing", {0x10, 0x01}, "codeSigning"));
-    pki.tsa = IssueCredential(EndEntitySpec(issuer, LoadTestKey("tsa-2048", keyDir),
-                                            "Test Time Stamping", {0x10, 0x02}, "timeStamping"));
+    pki.leaf =
+        IssueCredential(EndEntitySpec(issuer, LoadTestKey(ecdsa ? "ec-p256" : "leaf-2048", keyDir),
+                                      "Test Code Signing", {0x10, 0x01}, "codeSigning"));
+    pki.tsa =
+        IssueCredential(EndEntitySpec(issuer, LoadTestKey(ecdsa ? "ec-p384" : "tsa-2048", keyDir),
+                                      "Test Time Stamping", {0x10, 0x02}, "timeStamping"));
     SignSpec plan = DemoSignSpec(pki);
     if (depth == 1) {
         plan.certs = {pki.leaf.cert};  // the root is never taken from a signature

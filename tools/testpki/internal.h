@@ -27,4 +27,11 @@ X509NamePtr MakeName(const Name &name);
 using ExtensionPtr = std::unique_ptr<X509_EXTENSION, Deleter<X509_EXTENSION_free>>;
 ExtensionPtr MakeExtension(const std::string &oid, bool critical, std::span<const uint8_t> value);
 
+// Sets RSASSA-PSS with a salt as long as the digest (MGF1 follows the
+// digest) on a signing context.
+void UsePss(EVP_PKEY_CTX *pctx);
+// X509_sign / X509_CRL_sign, by PSS when asked.
+void SignX509(X509 *x509, const Key &key, Digest digest, bool pss);
+void SignCrl(X509_CRL *crl, const Key &key, Digest digest, bool pss);
+
 }  // namespace testpki::detail

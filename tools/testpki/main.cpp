@@ -15,6 +15,7 @@ constexpr const char kUsage[] =
     "       testpki demo-root [--keys DIR] OUT.der\n"
     "       testpki sign-demo [--keys DIR] CONTENT OUTDIR\n"
     "       testpki chain-package [--keys DIR] DEPTH OUTDIR\n"
+    "       testpki ecdsa-package [--keys DIR] OUTDIR\n"
     "       testpki path-pool [--keys DIR] OUTDIR\n"
     "       testpki --help\n"
     "\n"
@@ -41,6 +42,8 @@ constexpr const char kUsage[] =
     "              leaf and tsa; sha256sums, sha256sums.p7s and crls+ca.pem\n"
     "              (a CRL of the root and of every CA, and every CA certificate).\n"
     "              DEPTH 2 has the shape of demo-package.\n"
+    "ecdsa-package chain-package 2 with EC keys below the demo root (CA and\n"
+    "              tsa on P-384, leaf on P-256): all ECDSA but the root's own.\n"
     "path-pool     writes the certificates and CRLs of the differential path\n"
     "              target as NAME.der (cert-NN-*, crl-SV-*; S the CRL's signer).\n"
     "--keys        folder of the test keys (default: the source tree's tests/keys).\n"
@@ -68,6 +71,12 @@ int Run(const std::string &command, const std::filesystem::path &keyDir,
             throw testpki::Error("DEPTH must be a number, not " + text);
         }
         for (const std::string &file : testpki::WriteChainPackage(depth, out, keyDir)) {
+            std::printf("%s\n", (out / file).c_str());
+        }
+        return 0;
+    }
+    if (command == "ecdsa-package") {
+        for (const std::string &file : testpki::WriteChainPackage(2, out, keyDir, true)) {
             std::printf("%s\n", (out / file).c_str());
         }
         return 0;
@@ -110,7 +119,7 @@ int main(int argc, char **argv) {
     if (command == "sign-demo" || command == "chain-package") {
         wanted = 2;
     } else if (command != "demo-pki" && command != "demo-package" && command != "demo-root" &&
-               command != "path-pool") {
+               command != "path-pool" && command != "ecdsa-package") {
         return Usage();
     }
     std::filesystem::path keyDir = testpki::DefaultKeyDir();

@@ -103,6 +103,14 @@ std::vector<PoolItem> MakePathPool(const std::filesystem::path &keyDir) {
     w.Cert("13-leaf-under-s", &sub, "leaf-2048", "Leaf S", {0x42}, false);
     const Credential weak = w.Cert("14-ca-rsa-1024", &root, "@1024", "CA1024", {0x50}, true);
     w.Cert("15-leaf-of-rsa-1024", &weak, "leaf-2048", "Leaf K", {0x51}, false);
+    // Modern keys: a P-384 CA with a P-256 leaf, an EC leaf of the RSA CA
+    // and a leaf the RSA CA signed by RSASSA-PSS.
+    const Credential ecCa = w.Cert("16-ca-p384", &root, "ec-p384", "CA P384", {0x60}, true);
+    w.Cert("17-leaf-p256-of-p384", &ecCa, "ec-p256", "Leaf E", {0x61}, false,
+           [](CertSpec &s) { s.digest = Digest::Sha384; });
+    w.Cert("18-leaf-p256-of-ca", &ca, "ec-p256", "Leaf F", {0x15}, false);
+    w.Cert("19-leaf-pss-of-ca", &ca, "leaf-2048", "Leaf P", {0x16}, false,
+           [](CertSpec &s) { s.pss = true; });
 
     // CRLs in slots by signer (the letter); the harness takes at most one
     // of each slot. Revocations on 2025-03-01 or 2025-09-01.
@@ -164,6 +172,9 @@ std::vector<PoolItem> MakePathPool(const std::filesystem::path &keyDir) {
     w.Crl("e1-p0-s-revoked", p0, Revokes({0x41}, before));
     w.Crl("f0-s", sub);
     w.Crl("g0-rsa-1024", weak);
+    w.Crl("h0-p384", ecCa);
+    w.Crl("h1-p384-leaf-revoked", ecCa, Revokes({0x61}, before));
+    w.Crl("b10-ca-pss", ca, [](CrlSpec &s) { s.pss = true; });
     return w.Items();
 }
 

@@ -54,6 +54,9 @@ class Key {
     static Key LoadPem(const std::filesystem::path &file);
     static Key GenerateRsa(int bits);
     static Key GenerateEc(const std::string &curve = "P-256");
+    // A copy of this EC key whose public key is written with a compressed
+    // point and/or with explicit curve parameters instead of the curve's name.
+    Key EcForm(bool compressed, bool explicitParams) const;
 
     explicit operator bool() const { return pkey_ != nullptr; }
     EVP_PKEY *get() const { return pkey_.get(); }
@@ -206,6 +209,7 @@ struct CertSpec {
     bool authorityKeyId = false;  // from the signing key
     std::vector<RawExtension> extraExtensions;
     Digest digest = Digest::Sha256;
+    bool pss = false;  // RSASSA-PSS (salt as long as the digest), not PKCS #1 v1.5
 };
 
 Cert IssueCert(const CertSpec &plan);
@@ -249,6 +253,7 @@ struct CrlSpec {
     std::optional<IssuingDistPoint> issuingDistPoint;
     std::vector<RawExtension> extraExtensions;
     Digest digest = Digest::Sha256;
+    bool pss = false;  // as in CertSpec
 };
 
 Bytes MakeCrl(const CrlSpec &plan);
@@ -327,6 +332,7 @@ struct TimestampSpec {
     TokenMaker maker = TokenMaker::Auto;
     bool noSigner = false;        // a SignedData without SignerInfo (Cms maker)
     std::optional<Cert> essCert;  // the certificate the ESS attribute names; default: tsa's
+    bool pss = false;             // as in CertSpec (Cms maker)
 };
 
 // Whether OpenSSL's TS API can make the token `plan` asks for.
@@ -354,6 +360,7 @@ struct SignSpec {
     // After signing, change the last digit of the signing-time attribute: the
     // encoding still decodes but the signature over the attributes breaks.
     bool tamperSignedAttr = false;
+    bool pss = false;  // as in CertSpec
 };
 
 Bytes MakeSignedData(const SignSpec &plan, std::span<const uint8_t> content);
@@ -461,8 +468,11 @@ inline constexpr int kMaxChainDepth = 12;
 // "sha256sums.p7s" (leaf and last CA embedded) and "crls+ca.pem" (an empty
 // CRL of the root and of every CA, then every CA certificate). Depth 2 has
 // the shape of the demo package. Returns the file names, relative to outDir.
+// With `ecdsa`, every key below the root is EC (CAs and TSA P-384, the
+// signer P-256), so everything below the root's own signatures is ECDSA.
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
-                                           const std::filesystem::path &keyDir = DefaultKeyDir());
+                                           const std::filesystem::path &keyDir = DefaultKeyDir(),
+                                           bool ecdsa = false);
 
 // ---- the differential path target's pool ------------------------------------
 
