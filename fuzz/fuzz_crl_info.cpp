@@ -13,14 +13,11 @@
 
 #include "cms/dorvex.h"
 #include "tool/root_cert.h"
+#include "fuzz/support.h"
 
 namespace {
 
-void Check(bool ok) {
-    if (!ok) {
-        abort();
-    }
-}
+using fuzz_support::Check;
 
 std::vector<uint8_t> RootCert() {
     std::vector<uint8_t> der(g_rootCert0, g_rootCert0 + ROOT_CERT_HEAD_LEN);
