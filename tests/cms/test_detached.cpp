@@ -337,6 +337,9 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
              });
          },
          DORVEX_ERR_TS_CERT_NOT_FOUND, 0},
+        {"token without its authority's certificate",
+         [] { return Signed([](auto &p) { p.timestamp->embedTsaCert = false; }); },
+         DORVEX_ERR_TS_CERT_NOT_FOUND, 0},
         {"token's ESS v2 names another certificate",
          [] { return Signed([](auto &p) { p.timestamp->essCert = Pki().leaf.cert; }); },
          DORVEX_ERR_TS_CERT_NOT_FOUND, 0},
