@@ -2,13 +2,10 @@
 // from the test-PKI generator under the demo root this build trusts. Packages
 // it makes are checked by the real (sandboxed) verify_tool; timestamp replies
 // come from `openssl ts -reply` or from pkg_sign's own local TSA.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -20,8 +17,6 @@
 
 #include "tests/tool/tool_runner.h"
 #include "tools/testpki/testpki.h"
-
-extern char **environ;
 
 namespace {
 
@@ -36,18 +31,11 @@ std::string Key(const char *name) {
     return (testpki::DefaultKeyDir() / (std::string(name) + ".pem")).string();
 }
 
-std::string ReadText(const fs::path &file) {
-    std::ifstream in(file, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using Outcome = vt_test::ToolRun;
 
-struct Outcome {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
+std::string ReadText(const fs::path &file) {
+    return vt_test::ReadFile(file.string());
+}
 
 // A scratch folder holding the demo PKI, a checksum file and an openssl TSA
 // configuration; removed with the fixture.
@@ -74,47 +62,13 @@ class PkgSignTest : public testing::Test {
 
     std::string P(const std::string &name) const { return (dir_ / name).string(); }
 
-    Outcome Spawn(std::vector<std::string> argv) const {
-        Outcome run;
-        const std::string outFile = P("stdout.txt");
-        const std::string errFile = P("stderr.txt");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        std::vector<char *> args;
-        for (auto &a : argv) {
-            args.push_back(a.data());
-        }
-        args.push_back(nullptr);
-        pid_t pid;
-        if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ) == 0) {
-            int status = 0;
-            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-            }
-            run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        run.out = ReadText(outFile);
-        run.err = ReadText(errFile);
-        return run;
-    }
     Outcome PkgSign(std::vector<std::string> args) const {
         args.insert(args.begin(), VT_PKG_SIGN);
-        // A cross-built pkg_sign runs under the tests' emulator (words, or empty).
-        std::istringstream emulator(VT_TOOL_EMULATOR);
-        std::vector<std::string> prefix;
-        for (std::string word; emulator >> word;) {
-            prefix.push_back(word);
-        }
-        args.insert(args.begin(), prefix.begin(), prefix.end());
-        return Spawn(std::move(args));
+        return vt_test::RunProgram(std::move(args));
     }
     Outcome Openssl(std::vector<std::string> args) const {
         args.insert(args.begin(), VT_OPENSSL);
-        return Spawn(std::move(args));
+        return vt_test::RunProgram(std::move(args), {}, false);
     }
 
     // sign: the demo leaf, with the intermediate CA embedded.
@@ -197,19 +151,19 @@ class FlowTest : public PkgSignTest, public testing::WithParamInterface<FlowCase
 
 TEST_P(FlowTest, VerifyToolAcceptsThePackage) {
     const FlowCase &c = GetParam();
-    ASSERT_EQ(Sign("sig.der", c.md, {"--tsq", P("sig.tsq")}).status, 0);
+    ASSERT_EQ(Sign("sig.der", c.md, {"--tsq", P("sig.tsq")}).exitStatus, 0);
     Outcome stamp = c.stamp == Stamp::OpensslReply ? OpensslReply("sig.tsq", "sig.tsr")
                     : c.stamp == Stamp::LocalTsaQuery
                         ? LocalTsa({"--tsq", P("sig.tsq")}, "sig.tsr")
                         : LocalTsa({"--sig", P("sig.der")}, "sig.tsr");
-    ASSERT_EQ(stamp.status, 0) << stamp.err;
+    ASSERT_EQ(stamp.exitStatus, 0) << stamp.stderrText;
     std::vector<std::string> add = {"add-timestamp", "--sig", P("sig.der"),  "--tsr",
                                     P("sig.tsr"),    "--out", P("final.p7s")};
     if (c.pem) {
         add.push_back("--pem");
     }
     const Outcome added = PkgSign(add);
-    ASSERT_EQ(added.status, 0) << added.err;
+    ASSERT_EQ(added.exitStatus, 0) << added.stderrText;
     EXPECT_EQ(ReadText(dir_ / "final.p7s").rfind("-----BEGIN CMS-----", 0) == 0, c.pem);
 
     const auto verify = [&](const char *content) {
@@ -335,8 +289,8 @@ const RefusalCase kRefusals[] = {
 TEST_P(RefusalTest, ExitsOneWithItsMessageAndWritesNothing) {
     const RefusalCase &c = GetParam();
     const Outcome run = c.run(*this);
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.stderrText.find(c.message), std::string::npos) << run.stderrText;
     EXPECT_FALSE(fs::exists(dir_ / "out.p7s"));
 }
 
@@ -361,22 +315,22 @@ std::string Sha512Line(const std::string &path, std::string_view content) {
 // until a listed byte changes.
 TEST_F(PkgSignTest, ManifestSignedAndStampedPassesFileByFile) {
     MakePkg();
-    ASSERT_EQ(Manifest("pkg/sha256sums", "sha512").status, 0);
+    ASSERT_EQ(Manifest("pkg/sha256sums", "sha512").exitStatus, 0);
     const std::string list = ReadText(dir_ / "pkg/sha256sums");
     EXPECT_EQ(list, Sha512Line("B.txt", "2") + Sha512Line("a b", "1") +
                         Sha512Line("data/blob", "blob") + Sha512Line("data/z/deep", "deep"));
     // Made again with the list now in the folder: it leaves itself out.
-    ASSERT_EQ(Manifest("pkg/sha256sums", "sha512").status, 0);
+    ASSERT_EQ(Manifest("pkg/sha256sums", "sha512").exitStatus, 0);
     EXPECT_EQ(ReadText(dir_ / "pkg/sha256sums"), list);
 
     ASSERT_EQ(PkgSign({"sign", "--key", Key("leaf-2048"), "--cert", P("leaf.pem"), "--chain",
                        P("ca.pem"), "--in", P("pkg/sha256sums"), "--out", P("sig.der")})
-                  .status,
+                  .exitStatus,
               0);
-    ASSERT_EQ(LocalTsa({"--sig", P("sig.der")}, "sig.tsr").status, 0);
+    ASSERT_EQ(LocalTsa({"--sig", P("sig.der")}, "sig.tsr").exitStatus, 0);
     ASSERT_EQ(PkgSign({"add-timestamp", "--sig", P("sig.der"), "--tsr", P("sig.tsr"), "--out",
                        P("pkg/sha256sums.p7s")})
-                  .status,
+                  .exitStatus,
               0);
     const auto verify = [&] {
         return vt_test::RunTool({"-f", "CHECK_PKG_FILES", "-h", P("pkg/sha256sums.p7s"), "-e",
@@ -427,8 +381,8 @@ class UsageTest : public PkgSignTest, public testing::WithParamInterface<UsageCa
 TEST_P(UsageTest, ExitStatusAndMessage) {
     const UsageCase &c = GetParam();
     const Outcome run = PkgSign(c.args);
-    EXPECT_EQ(run.status, c.status);
-    EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+    EXPECT_EQ(run.exitStatus, c.status);
+    EXPECT_NE(run.stderrText.find(c.message), std::string::npos) << run.stderrText;
 }
 
 INSTANTIATE_TEST_SUITE_P(PkgSign, UsageTest, testing::ValuesIn(kUsage),
@@ -436,8 +390,8 @@ INSTANTIATE_TEST_SUITE_P(PkgSign, UsageTest, testing::ValuesIn(kUsage),
 
 TEST_F(PkgSignTest, HelpPrintsUsageAndSucceeds) {
     const Outcome run = PkgSign({"--help"});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out.rfind("Usage: pkg_sign sign", 0), 0u) << run.out;
+    EXPECT_EQ(run.exitStatus, 0);
+    EXPECT_EQ(run.stdoutText.rfind("Usage: pkg_sign sign", 0), 0u) << run.stdoutText;
 }
 
 }  // namespace
