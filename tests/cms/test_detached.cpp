@@ -329,6 +329,9 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
         {"token with ESS v1 (SHA-1 certificate hash)",
          [] { return Signed([](auto &p) { p.timestamp->attrs = tp::TokenAttrs::EssCertId; }); },
          DORVEX_OK},
+        {"token with ESS v2 naming its SHA-512 hash",
+         [] { return Signed([](auto &p) { p.timestamp->essDigest = tp::Digest::Sha512; }); },
+         DORVEX_OK},
         {"token's ESS v1 names another certificate",
          [] {
              return Signed([](auto &p) {
