@@ -19,6 +19,7 @@
 #include "cms/dorvex.h"
 #include "cms/pki/pki.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/cms_fixture.h"
 #include "tools/testpki/testpki.h"
 
 namespace {
@@ -26,14 +27,10 @@ namespace {
 namespace tp = testpki;
 using tp::Bytes;
 
-const tp::DemoPki &Pki() {
-    static const tp::DemoPki pki = tp::MakeDemoPki();
-    return pki;
-}
-
-Bytes Text(const std::string &s) {
-    return Bytes(s.begin(), s.end());
-}
+using vt_test::CtxPtr;
+using vt_test::Logged;
+using vt_test::Pki;
+using vt_test::Text;
 
 // Empty, but with storage: OpenSSL's memory BIO refuses a null pointer.
 Bytes Empty() {
@@ -56,11 +53,6 @@ struct TempDir {
     ~TempDir() { std::filesystem::remove_all(path); }
 };
 
-struct CtxFree {
-    void operator()(DorvexVrfCtx *c) const { EXPECT_EQ(DorvexVrfCtxFree(c), DORVEX_OK); }
-};
-using CtxPtr = std::unique_ptr<DorvexVrfCtx, CtxFree>;
-
 // Trust material beside the signature: the demo root as trusted
 // certificate, then a CRL file with the root's CRL, the CA's CRL (unless
 // none) and the CA certificate, optionally also the root certificate.
@@ -72,12 +64,8 @@ struct Trust {
 };
 
 CtxPtr NewCtx(const Trust &trust = {}) {
-    DorvexCtxCreateParams params{};
-    params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
-    DorvexVrfCtx *ctx = nullptr;
-    EXPECT_EQ(DorvexVerifyCreateCtx(&ctx, &params), DORVEX_OK);
     const Bytes &root = Pki().root.cert.Der();
-    EXPECT_EQ(DorvexVerifyAddCert(ctx, root.data(), static_cast<uint32_t>(root.size())), DORVEX_OK);
+    CtxPtr ctx = vt_test::NewCtx(&root);
     std::vector<tp::PemBlock> blocks = {{"X509 CRL", trust.rootCrl},
                                         {"CERTIFICATE", trust.caCert.Der()}};
     if (trust.caCrl) {
@@ -87,8 +75,9 @@ CtxPtr NewCtx(const Trust &trust = {}) {
         blocks.push_back({"CERTIFICATE", root});
     }
     const Bytes crls = Text(tp::PemBundle(blocks));
-    EXPECT_EQ(DorvexVerifyAddCrl(ctx, crls.data(), static_cast<uint32_t>(crls.size())), DORVEX_OK);
-    return CtxPtr(ctx);
+    EXPECT_EQ(DorvexVerifyAddCrl(ctx.get(), crls.data(), static_cast<uint32_t>(crls.size())),
+              DORVEX_OK);
+    return ctx;
 }
 
 // The demo signing plan of MakePackage, open to one change.
@@ -273,16 +262,6 @@ Bytes LongCaCrl(uint32_t n, bool withLeaf) {
 const Bytes kTsaSerial = {0x10, 0x02};
 constexpr int kKeyCompromise = 1;
 constexpr int kSuperseded = 4;
-
-bool Logged(const std::string &function, const std::string &text) {
-    for (const auto &line : vt_test::CapturedSyslogTexts()) {
-        if (line.find("(" + function + "):") != std::string::npos &&
-            line.find(text) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
-}
 
 struct Row {
     const char *name;

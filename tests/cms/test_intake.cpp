@@ -15,6 +15,7 @@
 #include "cms/dorvex.h"
 #include "cms/pki/pki.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/cms_fixture.h"
 #include "tools/testpki/testpki.h"
 
 namespace {
@@ -22,45 +23,19 @@ namespace {
 namespace tp = testpki;
 using tp::Bytes;
 
-const tp::DemoPki &Pki() {
-    static const tp::DemoPki pki = tp::MakeDemoPki();
-    return pki;
-}
+using vt_test::CtxPtr;
+using vt_test::Logged;
+using vt_test::NewCtx;
+using vt_test::Pki;
+using vt_test::Text;
 
-Bytes Text(const std::string &s) {
-    return Bytes(s.begin(), s.end());
-}
 std::string CertPem(const tp::Credential &c) {
     return tp::ToPem(tp::kPemCertificate, c.cert.Der());
-}
-
-struct CtxFree {
-    void operator()(DorvexVrfCtx *c) const { EXPECT_EQ(DorvexVrfCtxFree(c), DORVEX_OK); }
-};
-using CtxPtr = std::unique_ptr<DorvexVrfCtx, CtxFree>;
-
-CtxPtr NewCtx() {
-    DorvexCtxCreateParams params{};
-    params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
-    DorvexVrfCtx *ctx = nullptr;
-    EXPECT_EQ(DorvexVerifyCreateCtx(&ctx, &params), DORVEX_OK);
-    return CtxPtr(ctx);
 }
 
 // Certificates * 10 + CRLs in the context's store.
 int32_t Counts(const DorvexVrfCtx *ctx) {
     return ctx->pki->certs.count * 10 + ctx->pki->crls.count;
-}
-
-// True when some captured record came from `function` and holds `text`.
-bool Logged(const std::string &function, const std::string &text) {
-    for (const auto &line : vt_test::CapturedSyslogTexts()) {
-        if (line.find("(" + function + "):") != std::string::npos &&
-            line.find(text) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
 }
 
 TEST(VrfCtx, CreateAndEntryChecks) {
