@@ -349,6 +349,16 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
          [] { return SignedBy(EndEntity(KeyOf("rsa-3072"), "codeSigning")); }, DORVEX_OK},
         {"signer key of 8192 bits",
          [] { return SignedBy(EndEntity(KeyOf("rsa-8192"), "codeSigning")); }, DORVEX_OK},
+        {"no signed attributes, signer key of 8192 bits",
+         [] {
+             const tp::Credential leaf = EndEntity(KeyOf("rsa-8192"), "codeSigning");
+             return Signed([&](tp::SignSpec &p) {
+                 p.signer = leaf;
+                 p.certs[0] = leaf.cert;
+                 p.signedAttrs = false;
+             });
+         },
+         DORVEX_OK},
         {"signer key of 1024 bits",
          [] { return SignedBy(EndEntity(KeyOf("rsa-1024"), "codeSigning")); },
          DORVEX_ERR_PUBKEY_TOO_SHORT, 0},
@@ -608,6 +618,12 @@ TEST(DetachedSignature, BeginTwiceSharesOneDigestProcess) {
                   DORVEX_OK);
     }
     EXPECT_EQ(ctx->processes.count, 1);
+    // The same algorithm with another digest cannot match the same content.
+    const tp::Package other = Signed({}, Text("other content\n"));
+    EXPECT_EQ(DorvexVerifyDetachSignatureBegin(ctx.get(), other.signature.data(),
+                                               static_cast<uint32_t>(other.signature.size())),
+              DORVEX_ERR_DIGEST_CONFLICT);
+    EXPECT_EQ(ctx->processes.count, 1);
     ASSERT_EQ(DorvexVerifyDetachSignatureUpdate(ctx.get(), pkg.content.data(),
                                                 static_cast<uint32_t>(pkg.content.size())),
               DORVEX_OK);
@@ -669,6 +685,11 @@ TEST(DetachedSignature, EntryChecksAndFiles) {
          DORVEX_ERR_PARAM},
         {"begin: zero length", [&](auto c) { return DorvexVerifyDetachSignatureBegin(c, data, 0); },
          DORVEX_ERR_PARAM},
+        {"begin: 37 bytes", [&](auto c) { return DorvexVerifyDetachSignatureBegin(c, data, 37); },
+         DORVEX_ERR_INPUT_FORMAT},
+        {"begin: 38 bytes, cut short",
+         [&](auto c) { return DorvexVerifyDetachSignatureBegin(c, data, 38); },
+         DORVEX_ERR_CMS_DECODE},
         {"update: null ctx",
          [&](auto) { return DorvexVerifyDetachSignatureUpdate(nullptr, data, 1); },
          DORVEX_ERR_NULL_CTX},
