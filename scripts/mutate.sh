@@ -50,7 +50,7 @@ der-setof-count @@ cms/asn1/der.cpp @@ if (count >= inner.maxCount) { @@ if (cou
 name-utc-century @@ cms/asn1/name.cpp @@ yy < 50 ? 2000 + yy : 1900 + yy @@ yy <= 50 ? 2000 + yy : 1900 + yy
 name-leap-day @@ cms/asn1/name.cpp @@ (t.month == 2 && IsLeapYear(t.year) ? 1 : 0) @@ (t.month == 2 && IsLeapYear(t.year + 1) ? 1 : 0)
 name-fraction-zero @@ cms/asn1/name.cpp @@ AllDigits(text + 1, n - 1) && text[n - 1] != '0'; @@ AllDigits(text + 1, n - 1);
-x509-serial-order @@ cms/asn1/x509.cpp @@ return a.len < b.len ? -1 : 1; @@ return a.len < b.len ? 1 : -1;
+x509-serial-last-byte @@ cms/asn1/x509.cpp @@ return a.len == 0 ? 0 : memcmp(a.data, b.data, a.len); @@ return a.len == 0 ? 0 : memcmp(a.data, b.data, a.len - 1);
 x509-entry-issuer-inherit @@ cms/asn1/x509.cpp @@ if (attrs.certificateIssuer.data == nullptr && i > 0) { @@ if (attrs.certificateIssuer.data == nullptr && i > 1) {
 pkcs7-ess-v1-v2 @@ cms/asn1/pkcs7.cpp @@ v2 != 0 ? &g_itemDorvexEssCertIdV2 : &g_itemDorvexEssCertId, 0, &record, @@ v2 == 0 ? &g_itemDorvexEssCertIdV2 : &g_itemDorvexEssCertId, 0, &record,
 pubkey-too-long @@ cms/asn1/pubkey.cpp @@ if (part.len > DORVEX_BIGINT_MAX_LEN) { @@ if (part.len >= DORVEX_BIGINT_MAX_LEN) {
@@ -62,7 +62,7 @@ adapt-file-type @@ cms/adapt/adapt.cpp @@ return DORVEX_ERR_FILE_TYPE; @@ return
 pki-revoked-at-second @@ cms/pki/crl.cpp @@ revoked = ctx->verifyTime >= revokedAt; @@ revoked = ctx->verifyTime > revokedAt;
 pki-crl-next-update @@ cms/pki/crl.cpp @@ if (ctx->verifyTime > nextUpdate) { @@ if (ctx->verifyTime >= nextUpdate) {
 pki-user-certs-only @@ cms/pki/crl.cpp @@ (idp.onlyContainsUserCerts == 1 && isCa) @@ (idp.onlyContainsUserCerts == 1 && !isCa)
-pki-ca-always-revoked @@ cms/pki/crl.cpp @@ (strict != 0 || cert.certInfo.extensions.isCA != 0) && !keyStillSound; @@ strict != 0 && !keyStillSound;
+pki-superseded-sound @@ cms/pki/crl.cpp @@ reason == kReasonSuperseded || @@ false ||
 pki-list-full @@ cms/pki/list.cpp @@ if (list->count >= DORVEX_LIST_CAPACITY) { @@ if (list->count > DORVEX_LIST_CAPACITY - 1 + 1) {
 pki-crl-sign-bit @@ cms/pki/store.cpp @@ (cert.certInfo.extensions.keyUsage & kDrxKuCrlSign) == 0) { @@ false) {
 pki-not-before @@ cms/pki/verify.cpp @@ ctx->verifyTime < notBefore) { @@ ctx->verifyTime <= notBefore) {
@@ -71,7 +71,7 @@ pki-cert-sign-bit @@ cms/pki/verify.cpp @@ (candidate->certInfo.extensions.keyUs
 pki-critical-code @@ cms/pki/verify.cpp @@ return DORVEX_ERR_CERT_CRITICAL_EXT; @@ return DORVEX_ERR_CERT_REVOKED;
 ts-cert-missing-code @@ cms/timestamp.cpp @@ "Can't find certificate of timestamp signer.");\n        return DORVEX_ERR_TS_CERT_NOT_FOUND; @@ "Can't find certificate of timestamp signer.");\n        return DORVEX_ERR_SIGNER_CERT_NOT_FOUND;
 ts-hash-mismatch @@ cms/timestamp.cpp @@ return DORVEX_ERR_TS_MISMATCH; @@ return DORVEX_OK;
-ts-no-signers @@ cms/timestamp.cpp @@ if (signers.count == 0) { @@ if (signers.count < 0) {
+ts-no-signers @@ cms/timestamp.cpp @@ if (signers.count == 0) { @@ if (false) {
 intake-tail-boundary @@ cms/intake.cpp @@ if (left < kDrxIgnoredTailMax) { @@ if (left <= kDrxIgnoredTailMax) {
 intake-file-too-large @@ cms/intake.cpp @@ if (size > maxSize) { @@ if (size > maxSize + 1) {
 detached-sig-too-long @@ cms/detached.cpp @@ if (signature.len > DORVEX_SIG_MAX_LEN) { @@ if (signature.len >= DORVEX_SIG_MAX_LEN) {
@@ -85,7 +85,7 @@ dbglog-period @@ dbglog/gid_limit.cpp @@ if (now.tv_sec > s->begin.tv_sec + peri
 dbglog-burst-count @@ dbglog/gid_limit.cpp @@ if (num != 0 && num > s->printed) { @@ if (num != 0 && num >= s->printed) {
 dbglog-top-level @@ dbglog/log.cpp @@ level <= DBG_LEVEL_DBG; @@ level < DBG_LEVEL_DBG;
 dbglog-pid-zero @@ dbglog/pid_level.cpp @@ if (!ok || tmpl.pid == 0) { @@ if (!ok) {
-dbglog-path-room @@ dbglog/zeb_sys.cpp @@ pathLen >= outSize - rootLen) { @@ pathLen > outSize - rootLen) {
+dbglog-installed-clock @@ dbglog/zeb_sys.cpp @@ g_installed.monotonic = sys->monotonic != nullptr ? sys->monotonic : kDevice.monotonic; @@ g_installed.monotonic = kDevice.monotonic;
 dbglog-conf-word @@ dbglog/conf_file.cpp @@ if (length == 0 || length >= size || @@ if (length == 0 || length > size ||
 platform-overlap @@ platform/securec.cpp @@ return pa < pb ? pb - pa < aLen : pa - pb < bLen; @@ return pa < pb ? pb - pa < aLen : pa - pb < bLen - 1;
 platform-readline-room @@ platform/lzeb_file.cpp @@ while (count < size - 1) { @@ while (count < size) {
@@ -101,7 +101,7 @@ crl-info-equal-replaces @@ tools/crl_info/crl_info.cpp @@ (result == DORVEX_CRL_
 crl-info-control-char @@ tools/crl_info/crl_info.cpp @@ if (byte < 0x20 || byte == 0x7F) { @@ if (byte < 0x1F || byte == 0x7F) {
 pkg-sign-rsa-bits @@ tools/pkg_sign/pkg_sign.cpp @@ if (bits > kMaxRsaBits) { @@ if (bits >= kMaxRsaBits) {
 pkg-sign-v1-cert @@ tools/pkg_sign/pkg_sign.cpp @@ if (X509_get_version(cert) == X509_VERSION_1) { @@ if (X509_get_version(cert) == X509_VERSION_2) {
-pkg-sign-skip-self @@ tools/pkg_sign/manifest.cpp @@ if (haveSkip && st.st_dev == skipped.st_dev && st.st_ino == skipped.st_ino) { @@ if (false) {
+pkg-sign-skip-self @@ tools/pkg_sign/manifest.cpp @@ if (haveSkip && st.st_dev == skipped.st_dev && st.st_ino == skipped.st_ino) { @@ if (!haveSkip && st.st_dev == skipped.st_dev && st.st_ino == skipped.st_ino) {
 EOF
 )
 
