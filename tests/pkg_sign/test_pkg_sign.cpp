@@ -234,6 +234,25 @@ const RefusalCase kRefusals[] = {
     {"key_of_another_certificate",
      [](PkgSignTest &r) { return SignWith(r, Key("other-2048"), r.P("leaf.pem")); },
      "does not belong to the certificate"},
+    {"signer_key_of_4104_bits",
+     [](PkgSignTest &r) {
+         return SignWith(r, Key("rsa-4104"), r.EndEntity("big", "rsa-4104", {"codeSigning"}));
+     },
+     "has 4104 bits; verify_tool takes RSA keys of at most 4096 bits"},
+    {"version_1_chain_certificate",
+     [](PkgSignTest &r) {
+         testpki::CertSpec plan;
+         plan.version = 1;
+         plan.subjectKey = testpki::LoadTestKey("other-2048");
+         plan.issuer = Pki().root;
+         plan.subject = testpki::SimpleName({{"CN", "Version 1"}});
+         plan.serial = {0x31};
+         testpki::WriteFile(r.dir_ / "v1.pem", testpki::ToPem(testpki::kPemCertificate,
+                                                              testpki::IssueCert(plan).Der()));
+         return r.PkgSign({"sign", "--key", Key("leaf-2048"), "--cert", r.P("leaf.pem"), "--chain",
+                           r.P("v1.pem"), "--in", r.P("sums"), "--out", r.P("out.p7s")});
+     },
+     "certificate is version 1; verify_tool decodes version 2 and 3 only"},
     {"signer_without_code_signing",
      [](PkgSignTest &r) {
          return SignWith(r, Key("leaf-2048"), r.EndEntity("server", "leaf-2048", {"serverAuth"}));
@@ -339,6 +358,13 @@ TEST_F(PkgSignTest, ManifestSignedAndStampedPassesFileByFile) {
     EXPECT_EQ(verify().exitStatus, 0);
     testpki::WriteFile(dir_ / "pkg/data/blob", std::string_view("blot"));
     EXPECT_EQ(verify().exitStatus, 0x29);
+}
+
+// The largest key verify_tool takes.
+TEST_F(PkgSignTest, SignerKeyOf4096BitsIsTaken) {
+    const Outcome run =
+        SignWith(*this, Key("root2-4096"), EndEntity("big", "root2-4096", {"codeSigning"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.stderrText;
 }
 
 // ---- command line -----------------------------------------------------------
