@@ -31,7 +31,7 @@ if [[ ${1:-} == -n ]]; then
 fi
 filter=${1:-.}
 
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit 1
 root=$(pwd)
 work=${VT_MUTATE_DIR:-/tmp/vt-mutate-$(id -un)}
 src=$work/src
