@@ -9,14 +9,11 @@
 
 #include "cms/asn1/asn1.h"
 #include "cms/asn1/oid.h"
+#include "fuzz/support.h"
 
 namespace {
 
-void Check(bool ok) {
-    if (!ok) {
-        abort();
-    }
-}
+using fuzz_support::Check;
 
 constexpr DorvexAsnTempl Row(const DorvexAsnItem *item, uint32_t offset, uint16_t flags = 0,
                              uint16_t mode = DRX_ASN_TAG_UNIVERSAL, uint32_t tag = 0,

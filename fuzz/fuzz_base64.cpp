@@ -8,14 +8,11 @@
 #include <vector>
 
 #include "cms/adapt/adapt.h"
+#include "fuzz/support.h"
 
 namespace {
 
-void Check(bool ok) {
-    if (!ok) {
-        abort();
-    }
-}
+using fuzz_support::Check;
 
 }  // namespace
 

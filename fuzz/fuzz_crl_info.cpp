@@ -12,15 +12,12 @@
 #include <vector>
 
 #include "cms/dorvex.h"
+#include "fuzz/support.h"
 #include "root_cert/root_cert.h"
 
 namespace {
 
-void Check(bool ok) {
-    if (!ok) {
-        abort();
-    }
-}
+using fuzz_support::Check;
 
 std::vector<uint8_t> RootCert() {
     std::vector<uint8_t> der(g_rootCert0, g_rootCert0 + ROOT_CERT_HEAD_LEN);

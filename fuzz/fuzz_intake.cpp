@@ -12,14 +12,12 @@
 
 #include "cms/dorvex.h"
 #include "cms/pki/pki.h"
+#include "fuzz/support.h"
 
 namespace {
 
-void Check(bool ok) {
-    if (!ok) {
-        abort();
-    }
-}
+using fuzz_support::Check;
+using fuzz_support::CheckStore;
 
 std::string Base64(const uint8_t *data, size_t size) {
     static const char alphabet[] =
@@ -38,26 +36,6 @@ std::string Base64(const uint8_t *data, size_t size) {
         }
     }
     return out;
-}
-
-bool Outside(const DorvexAsnOcts &o, const uint8_t *data, size_t size) {
-    return o.data == nullptr || o.data + o.len <= data || o.data >= data + size;
-}
-
-void CheckStore(const DorvexVrfCtx *ctx, const uint8_t *data, size_t size) {
-    const DorvexPkiStore *store = ctx->pki;
-    Check(store != nullptr);
-    Check(store->certs.count >= 0 && store->certs.count <= DORVEX_LIST_CAPACITY);
-    Check(store->crls.count >= 0 && store->crls.count <= DORVEX_LIST_CAPACITY);
-    Check(ctx->rawBuffers.count >= 0 && ctx->rawBuffers.count <= DORVEX_LIST_CAPACITY);
-    for (int32_t i = 0; i < store->certs.count; ++i) {
-        const auto *cert = static_cast<const DorvexX509Cert *>(store->certs.items[i]);
-        Check(cert->refCount >= 1 && Outside(cert->tbsRaw, data, size));
-    }
-    for (int32_t i = 0; i < store->crls.count; ++i) {
-        const auto *crl = static_cast<const DorvexX509Crl *>(store->crls.items[i]);
-        Check(crl->refCount >= 1 && Outside(crl->tbsRaw, data, size));
-    }
 }
 
 void Feed(const uint8_t *data, size_t size, bool crl) {

@@ -9,14 +9,11 @@
 #include <stdlib.h>
 
 #include "cms/asn1/pkcs7.h"
+#include "fuzz/support.h"
 
 namespace {
 
-void Check(bool ok) {
-    if (!ok) {
-        abort();
-    }
-}
+using fuzz_support::Check;
 
 struct Input {
     const uint8_t *data;

@@ -10,14 +10,11 @@
 
 #include "cms/base/dorvex_errno.h"
 #include "tool/pkg_files.h"
+#include "fuzz/support.h"
 
 namespace {
 
-void Check(bool ok) {
-    if (!ok) {
-        abort();
-    }
-}
+using fuzz_support::Check;
 
 }  // namespace
 

@@ -28,8 +28,12 @@
 #include "cms/dorvex.h"
 #include "cms/pki/pki.h"
 #include "fuzz/signed_parts.h"
+#include "fuzz/support.h"
 
 namespace {
+
+using fuzz_support::Check;
+using fuzz_support::ReadOrDie;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -41,24 +45,9 @@ size_t g_tokenStart = 0;
 size_t g_tokenEnd = 0;
 std::vector<Bytes> g_seedParts;
 
-void Check(bool ok) {
-    if (!ok) {
-        abort();
-    }
-}
-
 void Die(const std::string &why) {
     fprintf(stderr, "fuzz_timestamp: %s\n", why.c_str());
     exit(1);
-}
-
-Bytes ReadOrDie(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (bytes.empty()) {
-        Die("cannot read " + path);
-    }
-    return bytes;
 }
 
 // One element of the (trusted, well-formed) demo signature: single-octet

@@ -26,8 +26,12 @@
 #include "cms/internal.h"
 #include "cms/pki/pki.h"
 #include "fuzz/signed_parts.h"
+#include "fuzz/support.h"
 
 namespace {
+
+using fuzz_support::Check;
+using fuzz_support::ReadOrDie;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -35,12 +39,6 @@ Bytes g_root;
 Bytes g_crls;
 Bytes g_content;
 std::vector<Bytes> g_seedParts;
-
-void Check(bool ok) {
-    if (!ok) {
-        abort();
-    }
-}
 
 // The DER of a signature input: itself, or the body of its CMS or PKCS7
 // armour decoded as the library decodes it. Empty when neither.
@@ -68,33 +66,9 @@ Bytes SignatureDer(const uint8_t *data, size_t size) {
     return {};
 }
 
-Bytes ReadOrDie(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (!in.good() && !in.eof()) {
-        bytes.clear();
-    }
-    if (bytes.empty()) {
-        fprintf(stderr, "fuzz_verify: cannot read %s\n", path.c_str());
-        exit(1);
-    }
-    return bytes;
-}
-
-bool Outside(const DorvexAsnOcts &o, const uint8_t *data, size_t size) {
-    return o.data == nullptr || o.data + o.len <= data || o.data >= data + size;
-}
-
 void CheckCtx(const DorvexVrfCtx *ctx, const uint8_t *data, size_t size) {
-    const DorvexPkiStore *store = ctx->pki;
-    Check(store != nullptr);
-    Check(store->certs.count >= 0 && store->certs.count <= DORVEX_LIST_CAPACITY);
-    Check(ctx->rawBuffers.count >= 0 && ctx->rawBuffers.count <= DORVEX_LIST_CAPACITY);
+    fuzz_support::CheckStore(ctx, data, size);
     Check(ctx->processes.count == 0);
-    for (int32_t i = 0; i < store->certs.count; ++i) {
-        const auto *cert = static_cast<const DorvexX509Cert *>(store->certs.items[i]);
-        Check(cert->refCount >= 1 && Outside(cert->tbsRaw, data, size));
-    }
 }
 
 // Begin, two Updates and Final on a fresh context; the verdict. For an

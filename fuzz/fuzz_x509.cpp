@@ -10,14 +10,11 @@
 #include <vector>
 
 #include "cms/asn1/x509.h"
+#include "fuzz/support.h"
 
 namespace {
 
-void Check(bool ok) {
-    if (!ok) {
-        abort();
-    }
-}
+using fuzz_support::Check;
 
 bool Inside(const DorvexAsnOcts &o, const uint8_t *data, size_t size) {
     return o.data == nullptr || (o.data >= data && o.len <= size && o.data + o.len <= data + size);

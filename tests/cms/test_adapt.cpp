@@ -39,25 +39,6 @@ TEST(AdaptMemory, SizesAndNullOut) {
     DorvexFree(nullptr);
 }
 
-TEST(AdaptStrings, NullSafeWrappers) {
-    EXPECT_EQ(DorvexStrCmp("abc", "abc"), 0);
-    EXPECT_EQ(DorvexStrCmp("abc", "abcd"), -1);
-    EXPECT_EQ(DorvexStrCmp("abcd", "abc"), -1);
-    EXPECT_GT(DorvexStrCmp("abd", "abc"), 0);
-    EXPECT_EQ(DorvexStrCmp(nullptr, "a"), -1);
-    EXPECT_EQ(DorvexMemCmp("ab", nullptr, 2), -1);
-    EXPECT_EQ(DorvexStrNCmp("abX", "abY", 2), 0);
-    EXPECT_EQ(DorvexStrNCmp(nullptr, nullptr, 1), -1);
-    const char *hay = "xxCERTyy";
-    EXPECT_EQ(DorvexStrStr(hay, "CERT"), hay + 2);
-    EXPECT_EQ(DorvexStrStr(hay, nullptr), nullptr);
-    const char high[] = "a\xe9z";
-    EXPECT_EQ(DorvexStrChr(high, -23), high + 1);  // 0xE9 given as a signed char
-    EXPECT_EQ(DorvexStrChr(nullptr, 'a'), nullptr);
-    EXPECT_EQ(DorvexStrlen(nullptr), 0);
-    EXPECT_EQ(DorvexStrlen("abc"), 3);
-}
-
 TEST(AdaptFiles, SizeKeepsPosition) {
     char dir[] = "/tmp/adapt_test_XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);

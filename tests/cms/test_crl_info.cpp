@@ -10,6 +10,7 @@
 
 #include "cms/dorvex.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/cms_fixture.h"
 #include "tools/testpki/testpki.h"
 
 namespace {
@@ -17,10 +18,9 @@ namespace {
 namespace tp = testpki;
 using tp::Bytes;
 
-const tp::DemoPki &Pki() {
-    static const tp::DemoPki pki = tp::MakeDemoPki();
-    return pki;
-}
+using vt_test::CtxPtr;
+using vt_test::Logged;
+using vt_test::Pki;
 
 // A CA that the contexts never see, for CRLs whose signer is unknown.
 const tp::Credential &Stranger() {
@@ -61,19 +61,8 @@ Bytes CrlFile(std::vector<Bytes> crls) {
     return tp::ConcatDer(crls);
 }
 
-struct CtxFree {
-    void operator()(DorvexVrfCtx *c) const { EXPECT_EQ(DorvexVrfCtxFree(c), DORVEX_OK); }
-};
-using CtxPtr = std::unique_ptr<DorvexVrfCtx, CtxFree>;
-
 CtxPtr TrustingCtx() {
-    DorvexCtxCreateParams params{};
-    params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
-    DorvexVrfCtx *ctx = nullptr;
-    EXPECT_EQ(DorvexVerifyCreateCtx(&ctx, &params), DORVEX_OK);
-    const Bytes &root = Pki().root.cert.Der();
-    EXPECT_EQ(DorvexVerifyAddCert(ctx, root.data(), root.size()), DORVEX_OK);
-    return CtxPtr(ctx);
+    return vt_test::NewCtx(&Pki().root.cert.Der());
 }
 
 // One decoded set with the context it was decoded in.
@@ -93,16 +82,6 @@ struct Decoded {
 
 Bytes SerialOf(const DorvexCrlInfo *info) {
     return Bytes(info->issuerSerial, info->issuerSerial + info->issuerSerialLen);
-}
-
-bool Logged(const std::string &function, const std::string &text) {
-    for (const auto &line : vt_test::CapturedSyslogTexts()) {
-        if (line.find("(" + function + "):") != std::string::npos &&
-            line.find(text) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
 }
 
 TEST(CrlInfo, ReportsEveryCrlItCanReadAndDropsTheRest) {

@@ -19,6 +19,7 @@
 #include "cms/dorvex.h"
 #include "cms/pki/pki.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/cms_fixture.h"
 #include "tools/testpki/testpki.h"
 
 namespace {
@@ -26,14 +27,10 @@ namespace {
 namespace tp = testpki;
 using tp::Bytes;
 
-const tp::DemoPki &Pki() {
-    static const tp::DemoPki pki = tp::MakeDemoPki();
-    return pki;
-}
-
-Bytes Text(const std::string &s) {
-    return Bytes(s.begin(), s.end());
-}
+using vt_test::CtxPtr;
+using vt_test::Logged;
+using vt_test::Pki;
+using vt_test::Text;
 
 // Empty, but with storage: OpenSSL's memory BIO refuses a null pointer.
 Bytes Empty() {
@@ -56,11 +53,6 @@ struct TempDir {
     ~TempDir() { std::filesystem::remove_all(path); }
 };
 
-struct CtxFree {
-    void operator()(DorvexVrfCtx *c) const { EXPECT_EQ(DorvexVrfCtxFree(c), DORVEX_OK); }
-};
-using CtxPtr = std::unique_ptr<DorvexVrfCtx, CtxFree>;
-
 // Trust material beside the signature: the demo root as trusted
 // certificate, then a CRL file with the root's CRL, the CA's CRL (unless
 // none) and the CA certificate, optionally also the root certificate.
@@ -72,12 +64,8 @@ struct Trust {
 };
 
 CtxPtr NewCtx(const Trust &trust = {}) {
-    DorvexCtxCreateParams params{};
-    params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
-    DorvexVrfCtx *ctx = nullptr;
-    EXPECT_EQ(DorvexVerifyCreateCtx(&ctx, &params), DORVEX_OK);
     const Bytes &root = Pki().root.cert.Der();
-    EXPECT_EQ(DorvexVerifyAddCert(ctx, root.data(), static_cast<uint32_t>(root.size())), DORVEX_OK);
+    CtxPtr ctx = vt_test::NewCtx(&root);
     std::vector<tp::PemBlock> blocks = {{"X509 CRL", trust.rootCrl},
                                         {"CERTIFICATE", trust.caCert.Der()}};
     if (trust.caCrl) {
@@ -87,8 +75,9 @@ CtxPtr NewCtx(const Trust &trust = {}) {
         blocks.push_back({"CERTIFICATE", root});
     }
     const Bytes crls = Text(tp::PemBundle(blocks));
-    EXPECT_EQ(DorvexVerifyAddCrl(ctx, crls.data(), static_cast<uint32_t>(crls.size())), DORVEX_OK);
-    return CtxPtr(ctx);
+    EXPECT_EQ(DorvexVerifyAddCrl(ctx.get(), crls.data(), static_cast<uint32_t>(crls.size())),
+              DORVEX_OK);
+    return ctx;
 }
 
 // The demo signing plan of MakePackage, open to one change.
@@ -274,16 +263,6 @@ const Bytes kTsaSerial = {0x10, 0x02};
 constexpr int kKeyCompromise = 1;
 constexpr int kSuperseded = 4;
 
-bool Logged(const std::string &function, const std::string &text) {
-    for (const auto &line : vt_test::CapturedSyslogTexts()) {
-        if (line.find("(" + function + "):") != std::string::npos &&
-            line.find(text) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
-}
-
 struct Row {
     const char *name;
     std::function<tp::Package()> make;
@@ -329,6 +308,9 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
         {"token with ESS v1 (SHA-1 certificate hash)",
          [] { return Signed([](auto &p) { p.timestamp->attrs = tp::TokenAttrs::EssCertId; }); },
          DORVEX_OK},
+        {"token with ESS v2 naming its SHA-512 hash",
+         [] { return Signed([](auto &p) { p.timestamp->essDigest = tp::Digest::Sha512; }); },
+         DORVEX_OK},
         {"token's ESS v1 names another certificate",
          [] {
              return Signed([](auto &p) {
@@ -336,6 +318,9 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
                  p.timestamp->essCert = Pki().ca.cert;
              });
          },
+         DORVEX_ERR_TS_CERT_NOT_FOUND, 0},
+        {"token without its authority's certificate",
+         [] { return Signed([](auto &p) { p.timestamp->embedTsaCert = false; }); },
          DORVEX_ERR_TS_CERT_NOT_FOUND, 0},
         {"token's ESS v2 names another certificate",
          [] { return Signed([](auto &p) { p.timestamp->essCert = Pki().leaf.cert; }); },
@@ -428,6 +413,16 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
              });
          },
          DORVEX_ERR_SIGN_ALG, 0},
+        {"no signed attributes, signer key of 8192 bits",
+         [] {
+             const tp::Credential leaf = EndEntity(KeyOf("rsa-8192"), "codeSigning");
+             return Signed([&](tp::SignSpec &p) {
+                 p.signer = leaf;
+                 p.certs[0] = leaf.cert;
+                 p.signedAttrs = false;
+             });
+         },
+         DORVEX_OK},
         {"signer key of 1024 bits",
          [] { return SignedBy(EndEntity(KeyOf("rsa-1024"), "codeSigning")); },
          DORVEX_ERR_PUBKEY_TOO_SHORT, 0},
@@ -687,6 +682,12 @@ TEST(DetachedSignature, BeginTwiceSharesOneDigestProcess) {
                   DORVEX_OK);
     }
     EXPECT_EQ(ctx->processes.count, 1);
+    // The same algorithm with another digest cannot match the same content.
+    const tp::Package other = Signed({}, Text("other content\n"));
+    EXPECT_EQ(DorvexVerifyDetachSignatureBegin(ctx.get(), other.signature.data(),
+                                               static_cast<uint32_t>(other.signature.size())),
+              DORVEX_ERR_DIGEST_CONFLICT);
+    EXPECT_EQ(ctx->processes.count, 1);
     ASSERT_EQ(DorvexVerifyDetachSignatureUpdate(ctx.get(), pkg.content.data(),
                                                 static_cast<uint32_t>(pkg.content.size())),
               DORVEX_OK);
@@ -748,6 +749,11 @@ TEST(DetachedSignature, EntryChecksAndFiles) {
          DORVEX_ERR_PARAM},
         {"begin: zero length", [&](auto c) { return DorvexVerifyDetachSignatureBegin(c, data, 0); },
          DORVEX_ERR_PARAM},
+        {"begin: 37 bytes", [&](auto c) { return DorvexVerifyDetachSignatureBegin(c, data, 37); },
+         DORVEX_ERR_INPUT_FORMAT},
+        {"begin: 38 bytes, cut short",
+         [&](auto c) { return DorvexVerifyDetachSignatureBegin(c, data, 38); },
+         DORVEX_ERR_CMS_DECODE},
         {"update: null ctx",
          [&](auto) { return DorvexVerifyDetachSignatureUpdate(nullptr, data, 1); },
          DORVEX_ERR_NULL_CTX},

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/cms_fixture.h"
 #include "tools/testpki/testpki.h"
 
 namespace {
@@ -52,10 +53,7 @@ Bytes OidContent(const ASN1_OBJECT *oid) {
 const Bytes kContent = {'s', 'u', 'm', 's', '\n'};
 constexpr char kIdData[] = "1.2.840.113549.1.7.1";
 
-const tp::DemoPki &Pki() {
-    static const tp::DemoPki pki = tp::MakeDemoPki();
-    return pki;
-}
+using vt_test::Pki;
 
 const tp::Cert &EcCert() {
     static const tp::Cert cert = [] {

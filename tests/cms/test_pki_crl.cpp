@@ -191,10 +191,12 @@ void NamesCrla(CertSpec &s) {
                           testpki::CrlIssuerPoint(testpki::SubjectDer(Crla().cert))}};
 }
 
-// CRLA's indirect CRL listing the leaf for CA, beside CA's own CRL.
+// CRLA's indirect CRL listing another certificate of CA, then the leaf,
+// whose entry takes CA as issuer from the one before; beside CA's own CRL.
 Extra IndirectListing(const Chain &c) {
-    Entries entries = Revokes(0x10, -1);
+    Entries entries = Revokes(0x77, -1);
     entries[0].certificateIssuer = testpki::SubjectDer(c.ca.cert);
+    entries.push_back(Revokes(0x10, -1)[0]);
     return {{Crla()}, {Crl(Crla(), entries, testpki::Utc("491231235959Z"), true)}};
 }
 

@@ -40,7 +40,7 @@ class CrlInfoTool : public testing::Test {
         dir_ = templ;
         tp::CertSpec strangerSpec;
         strangerSpec.subjectKey = tp::LoadTestKey("other-2048");
-        strangerSpec.subject = tp::SimpleName({{"CN", "Stranger CA"}});
+        strangerSpec.subject = tp::SimpleName({{"CN", "Stranger\x1f CA"}});  // printed as "?"
         const tp::Credential stranger = tp::IssueCredential(strangerSpec);
         const Bytes &ca = pki.ca.cert.Der();
         const tp::RevokedEntry other{{0x10, 0x7F}, tp::Utc("240301000000Z"), std::nullopt};
@@ -108,7 +108,7 @@ TEST_F(CrlInfoTool, ReportsAndDecides) {
         {"untrusted file",
          {"untrusted.der"},
          1,
-         {"  issuer:      CN=Stranger CA", "  signer:      untrusted, serial unknown"},
+         {"  issuer:      CN=Stranger? CA", "  signer:      untrusted, serial unknown"},
          ""},
         {"newer replaces",
          {"--compare", "newer.der", "installed.pem"},

@@ -310,6 +310,8 @@ TEST_F(DbglogRecord, SharedRecordStates) {
         {"other group, bad magic", 1000, "\x02" + InitialisedRecord(2).substr(1), damaged, true, 4},
         {"other group, level 0", 1000, InitialisedRecord(0), damaged, true, 4},
         {"other group, sound record", 1000, InitialisedRecord(2), "", true, 2},
+        {"other group, level 5 (DBG)", 1000, InitialisedRecord(5), "", true, 5},
+        {"other group, level 6", 1000, InitialisedRecord(6), damaged, true, 4},
         {"group 0, short file", 0, std::string(8, '\x5A'), "", true, 4},
         {"group 0, level 9", 0, InitialisedRecord(9), "", true, 4},
     };

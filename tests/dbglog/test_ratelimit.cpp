@@ -49,10 +49,12 @@ TEST_F(DbglogRateLimit, QuotaSuppressesAndReportsOncePerPeriod) {
     Start(false, "gid=12,num=2,interval=1,burst=0,resume=86400\n");
     EXPECT_EQ(Log(7, "wwsss"),
               std::vector<std::string>{"cms: 1 callbacks suppressed[___ratelimit3].\n"});
-    vt_test::StandinAdvanceClock(86401);
+    vt_test::StandinAdvanceClock(86400);
+    Log(7, "s");  // the period's last second
+    vt_test::StandinAdvanceClock(1);
     // The period ends: the count is reported, and the record passes again.
     EXPECT_EQ(Log(7, "w"),
-              std::vector<std::string>{"cms: 3 callbacks suppressed in 1 days[___ratelimit3].\n"});
+              std::vector<std::string>{"cms: 4 callbacks suppressed in 1 days[___ratelimit3].\n"});
     // The record that ended the period counts towards the new one.
     EXPECT_EQ(Log(7, "ws").size(), 1u);
     // The module's name stands in its records.

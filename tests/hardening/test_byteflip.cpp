@@ -22,6 +22,7 @@
 
 #include "cms/dorvex.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/cms_fixture.h"
 #include "tools/testpki/testpki.h"
 
 namespace {
@@ -29,10 +30,7 @@ namespace {
 namespace tp = testpki;
 using tp::Bytes;
 
-const tp::DemoPki &Pki() {
-    static const tp::DemoPki pki = tp::MakeDemoPki();
-    return pki;
-}
+using vt_test::Pki;
 
 const Bytes &Content() {
     static const Bytes content = [] {

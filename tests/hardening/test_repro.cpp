@@ -16,6 +16,7 @@
 #include "cms/asn1/pkcs7.h"
 #include "cms/asn1/x509.h"
 #include "cms/dorvex.h"
+#include "tests/support/cms_fixture.h"
 #include "tools/testpki/testpki.h"
 
 namespace {
@@ -36,18 +37,9 @@ std::vector<fs::path> ReproFiles() {
     return files;
 }
 
-struct CtxFree {
-    void operator()(DorvexVrfCtx *c) const { EXPECT_EQ(DorvexVrfCtxFree(c), DORVEX_OK); }
-};
-
-std::unique_ptr<DorvexVrfCtx, CtxFree> DemoRootCtx() {
+vt_test::CtxPtr DemoRootCtx() {
     static const Bytes root = testpki::MakeDemoRoot().cert.Der();
-    DorvexCtxCreateParams params{};
-    params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
-    DorvexVrfCtx *ctx = nullptr;
-    EXPECT_EQ(DorvexVerifyCreateCtx(&ctx, &params), DORVEX_OK);
-    EXPECT_EQ(DorvexVerifyAddCert(ctx, root.data(), static_cast<uint32_t>(root.size())), DORVEX_OK);
-    return std::unique_ptr<DorvexVrfCtx, CtxFree>(ctx);
+    return vt_test::NewCtx(&root);
 }
 
 TEST(Repro, EveryFileThroughEveryDecoderAndTheVerifier) {

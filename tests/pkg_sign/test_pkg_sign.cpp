@@ -2,13 +2,10 @@
 // from the test-PKI generator under the demo root this build trusts. Packages
 // it makes are checked by the real (sandboxed) verify_tool; timestamp replies
 // come from `openssl ts -reply` or from pkg_sign's own local TSA.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -20,8 +17,6 @@
 
 #include "tests/tool/tool_runner.h"
 #include "tools/testpki/testpki.h"
-
-extern char **environ;
 
 namespace {
 
@@ -36,18 +31,11 @@ std::string Key(const char *name) {
     return (testpki::DefaultKeyDir() / (std::string(name) + ".pem")).string();
 }
 
-std::string ReadText(const fs::path &file) {
-    std::ifstream in(file, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using Outcome = vt_test::ToolRun;
 
-struct Outcome {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
+std::string ReadText(const fs::path &file) {
+    return vt_test::ReadFile(file.string());
+}
 
 // A scratch folder holding the demo PKI, a checksum file and an openssl TSA
 // configuration; removed with the fixture.
@@ -74,47 +62,13 @@ class PkgSignTest : public testing::Test {
 
     std::string P(const std::string &name) const { return (dir_ / name).string(); }
 
-    Outcome Spawn(std::vector<std::string> argv) const {
-        Outcome run;
-        const std::string outFile = P("stdout.txt");
-        const std::string errFile = P("stderr.txt");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0600);
-        std::vector<char *> args;
-        for (auto &a : argv) {
-            args.push_back(a.data());
-        }
-        args.push_back(nullptr);
-        pid_t pid;
-        if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ) == 0) {
-            int status = 0;
-            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-            }
-            run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        run.out = ReadText(outFile);
-        run.err = ReadText(errFile);
-        return run;
-    }
     Outcome PkgSign(std::vector<std::string> args) const {
         args.insert(args.begin(), VT_PKG_SIGN);
-        // A cross-built pkg_sign runs under the tests' emulator (words, or empty).
-        std::istringstream emulator(VT_TOOL_EMULATOR);
-        std::vector<std::string> prefix;
-        for (std::string word; emulator >> word;) {
-            prefix.push_back(word);
-        }
-        args.insert(args.begin(), prefix.begin(), prefix.end());
-        return Spawn(std::move(args));
+        return vt_test::RunProgram(std::move(args));
     }
     Outcome Openssl(std::vector<std::string> args) const {
         args.insert(args.begin(), VT_OPENSSL);
-        return Spawn(std::move(args));
+        return vt_test::RunProgram(std::move(args), {}, false);
     }
 
     // sign: the demo leaf (or signerKey_ with signerCert_), with the
@@ -221,7 +175,7 @@ TEST_P(FlowTest, VerifyToolAcceptsThePackage) {
         extra.push_back("--pss");
     }
     const Outcome made = Sign("sig.der", c.md, extra);
-    ASSERT_EQ(made.status, 0) << made.err;
+    ASSERT_EQ(made.exitStatus, 0) << made.stderrText;
     // id-RSASSA-PSS names the signer's algorithm exactly when asked for.
     const std::string_view kPssOid = "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0a";
     EXPECT_EQ(ReadText(dir_ / "sig.der").find(kPssOid) != std::string::npos, c.pss);
@@ -229,14 +183,14 @@ TEST_P(FlowTest, VerifyToolAcceptsThePackage) {
                     : c.stamp == Stamp::LocalTsaQuery
                         ? LocalTsa({"--tsq", P("sig.tsq")}, "sig.tsr")
                         : LocalTsa({"--sig", P("sig.der")}, "sig.tsr");
-    ASSERT_EQ(stamp.status, 0) << stamp.err;
+    ASSERT_EQ(stamp.exitStatus, 0) << stamp.stderrText;
     std::vector<std::string> add = {"add-timestamp", "--sig", P("sig.der"),  "--tsr",
                                     P("sig.tsr"),    "--out", P("final.p7s")};
     if (c.pem) {
         add.push_back("--pem");
     }
     const Outcome added = PkgSign(add);
-    ASSERT_EQ(added.status, 0) << added.err;
+    ASSERT_EQ(added.exitStatus, 0) << added.stderrText;
     EXPECT_EQ(ReadText(dir_ / "final.p7s").rfind("-----BEGIN CMS-----", 0) == 0, c.pem);
 
     const auto verify = [&](const char *content) {
@@ -315,6 +269,25 @@ const RefusalCase kRefusals[] = {
     {"key_of_another_certificate",
      [](PkgSignTest &r) { return SignWith(r, Key("other-2048"), r.P("leaf.pem")); },
      "does not belong to the certificate"},
+    {"signer_key_of_1024_bits",
+     [](PkgSignTest &r) {
+         return SignWith(r, Key("rsa-1024"), r.EndEntity("small", "rsa-1024", {"codeSigning"}));
+     },
+     "has 1024 bits; verify_tool takes RSA keys of 2048 to 8192 bits"},
+    {"version_1_chain_certificate",
+     [](PkgSignTest &r) {
+         testpki::CertSpec plan;
+         plan.version = 1;
+         plan.subjectKey = testpki::LoadTestKey("other-2048");
+         plan.issuer = Pki().root;
+         plan.subject = testpki::SimpleName({{"CN", "Version 1"}});
+         plan.serial = {0x31};
+         testpki::WriteFile(r.dir_ / "v1.pem", testpki::ToPem(testpki::kPemCertificate,
+                                                              testpki::IssueCert(plan).Der()));
+         return r.PkgSign({"sign", "--key", Key("leaf-2048"), "--cert", r.P("leaf.pem"), "--chain",
+                           r.P("v1.pem"), "--in", r.P("sums"), "--out", r.P("out.p7s")});
+     },
+     "certificate is version 1; verify_tool decodes version 2 and 3 only"},
     {"signer_without_code_signing",
      [](PkgSignTest &r) {
          return SignWith(r, Key("leaf-2048"), r.EndEntity("server", "leaf-2048", {"serverAuth"}));
@@ -370,8 +343,8 @@ const RefusalCase kRefusals[] = {
 TEST_P(RefusalTest, ExitsOneWithItsMessageAndWritesNothing) {
     const RefusalCase &c = GetParam();
     const Outcome run = c.run(*this);
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.stderrText.find(c.message), std::string::npos) << run.stderrText;
     EXPECT_FALSE(fs::exists(dir_ / "out.p7s"));
 }
 
@@ -396,22 +369,22 @@ std::string Sha512Line(const std::string &path, std::string_view content) {
 // until a listed byte changes.
 TEST_F(PkgSignTest, ManifestSignedAndStampedPassesFileByFile) {
     MakePkg();
-    ASSERT_EQ(Manifest("pkg/sha256sums", "sha512").status, 0);
+    ASSERT_EQ(Manifest("pkg/sha256sums", "sha512").exitStatus, 0);
     const std::string list = ReadText(dir_ / "pkg/sha256sums");
     EXPECT_EQ(list, Sha512Line("B.txt", "2") + Sha512Line("a b", "1") +
                         Sha512Line("data/blob", "blob") + Sha512Line("data/z/deep", "deep"));
     // Made again with the list now in the folder: it leaves itself out.
-    ASSERT_EQ(Manifest("pkg/sha256sums", "sha512").status, 0);
+    ASSERT_EQ(Manifest("pkg/sha256sums", "sha512").exitStatus, 0);
     EXPECT_EQ(ReadText(dir_ / "pkg/sha256sums"), list);
 
     ASSERT_EQ(PkgSign({"sign", "--key", Key("leaf-2048"), "--cert", P("leaf.pem"), "--chain",
                        P("ca.pem"), "--in", P("pkg/sha256sums"), "--out", P("sig.der")})
-                  .status,
+                  .exitStatus,
               0);
-    ASSERT_EQ(LocalTsa({"--sig", P("sig.der")}, "sig.tsr").status, 0);
+    ASSERT_EQ(LocalTsa({"--sig", P("sig.der")}, "sig.tsr").exitStatus, 0);
     ASSERT_EQ(PkgSign({"add-timestamp", "--sig", P("sig.der"), "--tsr", P("sig.tsr"), "--out",
                        P("pkg/sha256sums.p7s")})
-                  .status,
+                  .exitStatus,
               0);
     const auto verify = [&] {
         return vt_test::RunTool({"-f", "CHECK_PKG_FILES", "-h", P("pkg/sha256sums.p7s"), "-e",
@@ -420,6 +393,13 @@ TEST_F(PkgSignTest, ManifestSignedAndStampedPassesFileByFile) {
     EXPECT_EQ(verify().exitStatus, 0);
     testpki::WriteFile(dir_ / "pkg/data/blob", std::string_view("blot"));
     EXPECT_EQ(verify().exitStatus, 0x29);
+}
+
+// The largest key verify_tool takes.
+TEST_F(PkgSignTest, SignerKeyOf8192BitsIsTaken) {
+    const Outcome run =
+        SignWith(*this, Key("rsa-8192"), EndEntity("big", "rsa-8192", {"codeSigning"}));
+    EXPECT_EQ(run.exitStatus, 0) << run.stderrText;
 }
 
 // ---- command line -----------------------------------------------------------
@@ -462,8 +442,8 @@ class UsageTest : public PkgSignTest, public testing::WithParamInterface<UsageCa
 TEST_P(UsageTest, ExitStatusAndMessage) {
     const UsageCase &c = GetParam();
     const Outcome run = PkgSign(c.args);
-    EXPECT_EQ(run.status, c.status);
-    EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+    EXPECT_EQ(run.exitStatus, c.status);
+    EXPECT_NE(run.stderrText.find(c.message), std::string::npos) << run.stderrText;
 }
 
 INSTANTIATE_TEST_SUITE_P(PkgSign, UsageTest, testing::ValuesIn(kUsage),
@@ -471,8 +451,8 @@ INSTANTIATE_TEST_SUITE_P(PkgSign, UsageTest, testing::ValuesIn(kUsage),
 
 TEST_F(PkgSignTest, HelpPrintsUsageAndSucceeds) {
     const Outcome run = PkgSign({"--help"});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out.rfind("Usage: pkg_sign sign", 0), 0u) << run.out;
+    EXPECT_EQ(run.exitStatus, 0);
+    EXPECT_EQ(run.stdoutText.rfind("Usage: pkg_sign sign", 0), 0u) << run.stdoutText;
 }
 
 }  // namespace

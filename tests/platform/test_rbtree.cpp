@@ -145,19 +145,4 @@ TEST(RbTree, InsertReplaceEraseInOrder) {
     }
 }
 
-TEST(RbTree, NodeWords) {
-    alignas(8) rb_node a{}, b{}, c{};
-    rb_set_parent(&a, &b);
-    rb_set_color(&a, RB_BLACK);
-    rb_set_parent(&a, &c);  // keeps the colour
-    EXPECT_TRUE(rb_is_black(&a));
-    rb_set_color(&a, RB_RED);  // keeps the parent
-    EXPECT_EQ(rb_parent(&a), &c);
-    // A cleared node is in no tree: no neighbours.
-    rb_clear_node(&a);
-    EXPECT_TRUE(rb_empty_node(&a));
-    EXPECT_EQ(rb_next(&a), nullptr);
-    EXPECT_EQ(rb_prev(&a), nullptr);
-}
-
 }  // namespace

@@ -100,6 +100,23 @@ const FilesCase kCases[] = {
          Put(pkg / "kernel.img", "kernel imagE\n");
          return "";
      }},
+    {"last_digest_digit_changed",
+     [](const fs::path &pkg) {
+         std::string list = Base(pkg);
+         char &last = list[list.find("  ") - 1];
+         last = last == '0' ? '1' : '0';
+         return list;
+     },
+     0x29,
+     {"Line 1: digest does not match: kernel.img"}},
+    {"signature_of_2000001_bytes",
+     Base,
+     0x06,
+     {},
+     [](const fs::path &pkg) {
+         testpki::WriteFile(pkg / "../sig.p7s", std::string(2000001, '0'));
+         return "";
+     }},
     {"file_missing",
      [](const fs::path &pkg) { return Base(pkg) + Line("extra.img", "x"); },
      0x27,

@@ -19,14 +19,15 @@ extern char **environ;
 #endif
 
 namespace vt_test {
-namespace {
 
-std::string ReadFile(const std::filesystem::path &path) {
+std::string ReadFile(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
 }
+
+namespace {
 
 // "<prio>[secs.usecs][id][level][message][module][function,line][process]"
 void ParseSyslog(const std::string &text, ToolRun *run) {
@@ -55,7 +56,14 @@ void ParseSyslog(const std::string &text, ToolRun *run) {
 
 }  // namespace
 
-ToolRun RunTool(const std::vector<std::string> &args, const std::vector<std::string> &extraEnv) {
+ToolRun RunTool(const std::vector<std::string> &args, const std::vector<std::string> &env) {
+    std::vector<std::string> argv = {VT_SANDBOXED_TOOL};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return RunProgram(std::move(argv), env);
+}
+
+ToolRun RunProgram(std::vector<std::string> argvStore, const std::vector<std::string> &extraEnv,
+                   bool emulated) {
     ToolRun run;
     char pattern[] = "/tmp/vt_tool_XXXXXX";
     const char *dir = mkdtemp(pattern);
@@ -78,13 +86,12 @@ ToolRun RunTool(const std::vector<std::string> &args, const std::vector<std::str
 
     // A cross-built tool runs under the same emulator as the tests (words
     // separated by spaces, the first an absolute path).
-    std::vector<std::string> argvStore;
-    std::istringstream emulator(VT_TOOL_EMULATOR);
+    std::istringstream emulator(emulated ? VT_TOOL_EMULATOR : "");
+    std::vector<std::string> words;
     for (std::string word; emulator >> word;) {
-        argvStore.push_back(word);
+        words.push_back(word);
     }
-    argvStore.push_back(VT_SANDBOXED_TOOL);
-    argvStore.insert(argvStore.end(), args.begin(), args.end());
+    argvStore.insert(argvStore.begin(), words.begin(), words.end());
     const std::string program = argvStore.front();
     std::vector<char *> argv;
     for (auto &a : argvStore) {

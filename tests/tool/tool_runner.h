@@ -27,9 +27,16 @@ struct ToolRun {
     std::vector<std::string> unparsed;  // syslog lines that are not records
 };
 
-// Runs the tool with `args` (argv[1..]) in a fresh temporary root; `env`
-// ("NAME=value") is added to the little environment it gets.
+// Runs `argv` (argv[0] an absolute path, run under the tests' emulator when
+// `emulated`) in a fresh temporary root; `env` ("NAME=value") is added to the
+// little environment it gets.
+ToolRun RunProgram(std::vector<std::string> argv, const std::vector<std::string> &env = {},
+                   bool emulated = true);
+
+// RunProgram on the sandboxed verify_tool with `args` (argv[1..]).
 ToolRun RunTool(const std::vector<std::string> &args, const std::vector<std::string> &env = {});
+
+std::string ReadFile(const std::string &path);
 
 }  // namespace vt_test
 

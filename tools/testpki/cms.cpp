@@ -119,7 +119,7 @@ void AddEssSigningCert(CMS_SignerInfo *si, const TimestampSpec &plan) {
         der = ToDer(sc.get(), i2d_ESS_SIGNING_CERT, "i2d_ESS_SIGNING_CERT");
         nid = NID_id_smime_aa_signingCertificate;
     } else {
-        EssV2Ptr sc(OSSL_ESS_signing_cert_v2_new_init(EVP_sha256(), named, nullptr, 0));
+        EssV2Ptr sc(OSSL_ESS_signing_cert_v2_new_init(DigestMd(plan.essDigest), named, nullptr, 0));
         Check(sc != nullptr, "OSSL_ESS_signing_cert_v2_new_init");
         der = ToDer(sc.get(), i2d_ESS_SIGNING_CERT_V2, "i2d_ESS_SIGNING_CERT_V2");
         nid = NID_id_smime_aa_signingCertificateV2;
@@ -296,7 +296,8 @@ void TamperSigningTime(CMS_SignerInfo *si) {
 
 bool FitsTsApi(const TimestampSpec &plan) {
     if (!plan.tsa.cert || !plan.tsa.key || plan.attrs == TokenAttrs::None || plan.noSigner ||
-        plan.pss || plan.essCert || !PlainGenTime(plan.genTime)) {
+        plan.pss || plan.essCert || plan.essDigest != Digest::Sha256 ||
+        !PlainGenTime(plan.genTime)) {
         return false;
     }
     // TS_RESP_CTX_set_signer_cert refuses a certificate that fails this.

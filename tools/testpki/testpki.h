@@ -328,6 +328,7 @@ struct TimestampSpec {
     std::optional<Bytes> imprintOver;  // default: the signer's signature value
     Digest digest = Digest::Sha256;    // of the TSA's own signature
     TokenAttrs attrs = TokenAttrs::EssCertIdV2;
+    Digest essDigest = Digest::Sha256;  // of ESSCertIDv2, named in it unless SHA-256
     bool embedTsaCert = true;
     TokenMaker maker = TokenMaker::Auto;
     bool noSigner = false;        // a SignedData without SignerInfo (Cms maker)
