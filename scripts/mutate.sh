@@ -46,6 +46,7 @@ faults=$(
 der-length-overrun @@ cms/asn1/der.cpp @@ if (value > buf->size - buf->pos) { @@ if (value > buf->size - buf->pos + 1) {
 der-long-form-zero @@ cms/asn1/der.cpp @@ if (count == 0 || count > kMaxLengthOctets) { @@ if (count > kMaxLengthOctets) {
 der-int-not-minimal @@ cms/asn1/der.cpp @@ ((c[0] == 0x00 && c[1] < 0x80) || @@ ((c[0] == 0x01 && c[1] < 0x80) ||
+der-explicit-exact @@ cms/asn1/der.cpp @@ if (inner.pos != inner.size) { @@ if (inner.pos + 1 < inner.size) {
 der-setof-count @@ cms/asn1/der.cpp @@ if (count >= inner.maxCount) { @@ if (count > inner.maxCount) {
 name-utc-century @@ cms/asn1/name.cpp @@ yy < 50 ? 2000 + yy : 1900 + yy @@ yy <= 50 ? 2000 + yy : 1900 + yy
 name-leap-day @@ cms/asn1/name.cpp @@ (t.month == 2 && IsLeapYear(t.year) ? 1 : 0) @@ (t.month == 2 && IsLeapYear(t.year + 1) ? 1 : 0)

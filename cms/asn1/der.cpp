@@ -72,6 +72,14 @@ void *ComponentOf(void *parent, const DorvexAsnTempl &row) {
     return static_cast<uint8_t *>(parent) + row.offset;
 }
 
+// A cursor over the `len` content bytes at the parent's position, which
+// InternalDecLen already checked against the parent's end. Whatever decodes
+// inside it cannot read past the element it belongs to: an inner length that
+// overruns its parent fails where it is read.
+DorvexBuf ChildOf(const DorvexBuf &parent, uint32_t len) {
+    return DorvexBuf{parent.data, parent.pos + len, parent.pos};
+}
+
 // Steps over n content bytes that InternalDecLen already checked against
 // the buffer.
 void SkipContent(DorvexBuf *buf, uint32_t n) {
@@ -113,13 +121,27 @@ uint32_t DecodeComponent(DorvexBuf *buf, void *component, const DorvexAsnTempl &
         if (!SameTag(tag, DorvexAsnTag{DRX_ASN_CLASS_CONTEXT, 1, row.tagCode})) {
             return DORVEX_ERR_ASN_SEQUENCE;
         }
-        // The wrapper's length is not compared with the inner element: the
-        // enclosing SEQUENCE catches an overrun by its byte count.
         uint32_t wrapperLen = 0;
         ret = InternalDecLen(buf, &wrapperLen);
         if (ret != DORVEX_OK) {
             return ret;
         }
+        // The wrapped element fills the wrapper exactly.
+        DorvexBuf inner = ChildOf(*buf, wrapperLen);
+        const DorvexAsnFunc func = FuncOf(row.item);
+        uint32_t used = 0;
+        if (func == nullptr) {
+            return DORVEX_ERR_ASN_SEQUENCE;
+        }
+        ret = func(&inner, component, &used, &row);
+        if (ret != DORVEX_OK) {
+            return ret;
+        }
+        if (inner.pos != inner.size) {
+            return DORVEX_ERR_ASN_SEQUENCE;
+        }
+        buf->pos = inner.pos;
+        return DORVEX_OK;
     }
     const DorvexAsnFunc func = FuncOf(row.item);
     if (func == nullptr) {
@@ -163,9 +185,6 @@ uint32_t WalkSequence(DorvexBuf *buf, void *target, std::span<const DorvexAsnTem
         }
         if (used == len) {
             return RestMayBeAbsent(rows, i + 1) ? DORVEX_OK : DORVEX_ERR_ASN_SEQUENCE;
-        }
-        if (used > len) {
-            return DORVEX_ERR_ASN_SEQUENCE;
         }
     }
     return DORVEX_ERR_ASN_SEQUENCE;  // a template without rows never gets here
@@ -277,8 +296,7 @@ uint32_t InternalDecLen(DorvexBuf *buf, uint32_t *len) {
             value = (value << 8) | octet;
         }
     }
-    // Only the end of the whole buffer is known here; the enclosing
-    // structure catches an overrun of its own content by its byte count.
+    // The cursor ends where the enclosing element ends (ChildOf).
     if (value > buf->size - buf->pos) {
         DORVEX_LOG_ERR(DORVEX_ERR_ASN_LENGTH, "overflow length.");
         return DORVEX_ERR_ASN_LENGTH;
@@ -501,7 +519,9 @@ uint32_t DorvexDecodeSeq(DorvexBuf *buf, void *target, uint32_t *consumed,
     } else if (len == 0) {
         ret = RestMayBeAbsent(rows, 0) ? DORVEX_OK : DORVEX_ERR_ASN_SEQUENCE;
     } else {
-        ret = WalkSequence(buf, target, rows, len);
+        DorvexBuf content = ChildOf(*buf, len);
+        ret = WalkSequence(&content, target, rows, len);
+        buf->pos = content.pos;
     }
     if (ret != DORVEX_OK) {
         return ret;
@@ -532,24 +552,21 @@ uint32_t DorvexDecodeSetof(DorvexBuf *buf, void *target, uint32_t *consumed,
     }
     auto *record = static_cast<uint8_t *>(target);
     uint32_t count = 0;
-    uint64_t total = 0;
+    DorvexBuf content = ChildOf(*buf, len);
     // Element order is not checked against DER's sort rule; duplicates are
     // kept like any other element.
-    while (total < len) {
+    while (content.pos < content.size) {
         if (count >= inner.maxCount) {
             return DORVEX_ERR_ASN_SETOF;
         }
         uint8_t *slot = record + inner.offset + uint64_t{count} * inner.item->recordSize;
         uint32_t used = 0;
-        if (func(buf, slot, &used, &inner) != DORVEX_OK) {
+        if (func(&content, slot, &used, &inner) != DORVEX_OK) {
             return DORVEX_ERR_ASN_SETOF;
         }
-        total += used;
         ++count;
     }
-    if (total != len) {
-        return DORVEX_ERR_ASN_SETOF;
-    }
+    buf->pos = content.pos;
     *reinterpret_cast<uint32_t *>(record) = count;
     *consumed = rewind.Advanced();
     rewind.Keep();
@@ -571,20 +588,16 @@ uint32_t DorvexDecodeMap(DorvexBuf *buf, void *target, uint32_t *consumed,
         DORVEX_OK) {
         return DORVEX_ERR_ASN_SETOF;
     }
-    uint64_t total = 0;
-    while (total < len) {
+    // An entry running past the list fails inside it, before its value is read.
+    DorvexBuf content = ChildOf(*buf, len);
+    while (content.pos < content.size) {
         DorvexX509ExtensionEntry entry{};
         uint32_t used = 0;
-        uint32_t ret = DorvexDecodeSeq(buf, &entry, &used, &kEntryRow);
+        uint32_t ret = DorvexDecodeSeq(&content, &entry, &used, &kEntryRow);
         if (ret != DORVEX_OK) {
             return ret;
         }
         if (entry.extnValue.data == nullptr || entry.extnValue.len == 0) {
-            return DORVEX_ERR_ASN_SETOF;
-        }
-        total += used;
-        // An entry running past the list is refused before its value is read.
-        if (total > len) {
             return DORVEX_ERR_ASN_SETOF;
         }
         ret = DispatchMapEntry(item, entry, target);
@@ -592,6 +605,7 @@ uint32_t DorvexDecodeMap(DorvexBuf *buf, void *target, uint32_t *consumed,
             return ret;
         }
     }
+    buf->pos = content.pos;
     *consumed = rewind.Advanced();
     rewind.Keep();
     return DORVEX_OK;
