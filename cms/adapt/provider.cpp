@@ -93,6 +93,22 @@ using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, OpensslFree<EVP_PKEY_CTX_free>>
 // RSA checks carried out in this process; read only by benchmarks and tests.
 std::atomic<uint64_t> g_drxRsaVerifications{0};
 
+// InternalKeyFromParams: a public key of OpenSSL key type `type` from the
+// parameters in `bld`; null when OpenSSL refuses them. The caller owns the key.
+EVP_PKEY *InternalKeyFromParams(const char *type, OSSL_PARAM_BLD *bld) {
+    ParamPtr params(OSSL_PARAM_BLD_to_param(bld));
+    PkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
+    if (params == nullptr || pctx == nullptr || EVP_PKEY_fromdata_init(pctx.get()) != 1) {
+        return nullptr;
+    }
+    EVP_PKEY *pkey = nullptr;
+    if (EVP_PKEY_fromdata(pctx.get(), &pkey, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
+        EVP_PKEY_free(pkey);
+        return nullptr;
+    }
+    return pkey;
+}
+
 // InternalBuildRsaKey: an RSA public key (plain RSA, so PKCS #1 v1.5
 // padding applies, never PSS) from big-endian exponent and modulus bytes;
 // null when a length is out of range or OpenSSL fails. The caller owns the key.
@@ -109,17 +125,7 @@ EVP_PKEY *InternalBuildRsaKey(const DorvexBigInt &exponent, const DorvexBigInt &
         OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, e.get()) != 1) {
         return nullptr;
     }
-    ParamPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
-    PkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
-    if (params == nullptr || pctx == nullptr || EVP_PKEY_fromdata_init(pctx.get()) != 1) {
-        return nullptr;
-    }
-    EVP_PKEY *pkey = nullptr;
-    if (EVP_PKEY_fromdata(pctx.get(), &pkey, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
-        EVP_PKEY_free(pkey);
-        return nullptr;
-    }
-    return pkey;
+    return InternalKeyFromParams("RSA", bld.get());
 }
 
 // InternalPointFormOk: 04 X Y or 02/03 X with coordinates of the curve's size.
@@ -142,14 +148,8 @@ EVP_PKEY *InternalBuildEcKey(const char *group, const uint8_t *point, uint32_t l
         OSSL_PARAM_BLD_push_octet_string(bld.get(), OSSL_PKEY_PARAM_PUB_KEY, point, length) != 1) {
         return nullptr;
     }
-    ParamPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
-    PkeyCtxPtr pctx(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
-    if (params == nullptr || pctx == nullptr || EVP_PKEY_fromdata_init(pctx.get()) != 1) {
-        return nullptr;
-    }
-    EVP_PKEY *pkey = nullptr;
-    if (EVP_PKEY_fromdata(pctx.get(), &pkey, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
-        EVP_PKEY_free(pkey);
+    EVP_PKEY *pkey = InternalKeyFromParams("EC", bld.get());
+    if (pkey == nullptr) {
         return nullptr;
     }
     // fromdata reads the point; the full check (on the curve, not the point

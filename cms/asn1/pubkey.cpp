@@ -144,6 +144,32 @@ uint32_t CertKey(const DorvexX509Cert &cert, const DorvexPkey **key) {
     return DORVEX_OK;
 }
 
+// One provider verify sequence over `data`: a fresh context, set up by
+// `init`, fed the data, then asked about the signature.
+template <typename Init>
+uint32_t RunVerify(Init init, const uint8_t *data, uint32_t dataLength, const uint8_t *signature,
+                   uint32_t signatureLength, uint32_t *result) {
+    DorvexCryptoVerifyCtx *created = nullptr;
+    uint32_t ret = DorvexCryptoVerifyCreateCtx(&created);
+    const drx::VerifyCtxPtr verify(created);
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    uint32_t verdict = 0;
+    ret = init(verify.get());
+    if (ret == DORVEX_OK) {
+        ret = DorvexCryptoVerifyUpdate(verify.get(), data, dataLength);
+    }
+    if (ret == DORVEX_OK) {
+        ret = DorvexCryptoVerifyFinal(verify.get(), signature, signatureLength, &verdict);
+    }
+    if (ret != DORVEX_OK) {
+        return ret;
+    }
+    *result = verdict;
+    return DORVEX_OK;
+}
+
 }  // namespace
 
 extern "C" uint32_t InternalGetBigIntFromOcts(DorvexBigInt *out, uint32_t length,
@@ -201,25 +227,11 @@ extern "C" uint32_t DorvexX509PubKeyVerify(const uint8_t *data, uint32_t dataLen
     if (ret != DORVEX_OK) {
         return ret;
     }
-    DorvexCryptoVerifyCtx *created = nullptr;
-    ret = DorvexCryptoVerifyCreateCtx(&created);
-    const drx::VerifyCtxPtr verify(created);
-    if (ret != DORVEX_OK) {
-        return ret;
-    }
-    uint32_t verdict = 0;
-    ret = DorvexCryptoVerifyInit(verify.get(), &exponent, &modulus, static_cast<uint32_t>(digest));
-    if (ret == DORVEX_OK) {
-        ret = DorvexCryptoVerifyUpdate(verify.get(), data, dataLength);
-    }
-    if (ret == DORVEX_OK) {
-        ret = DorvexCryptoVerifyFinal(verify.get(), signature, signatureLength, &verdict);
-    }
-    if (ret != DORVEX_OK) {
-        return ret;
-    }
-    *result = verdict;
-    return DORVEX_OK;
+    return RunVerify(
+        [&](DorvexCryptoVerifyCtx *ctx) {
+            return DorvexCryptoVerifyInit(ctx, &exponent, &modulus, static_cast<uint32_t>(digest));
+        },
+        data, dataLength, signature, signatureLength, result);
 }
 
 extern "C" uint32_t DorvexX509ExtractEcPublicKey(const DorvexX509Cert *cert, int32_t *curve,
@@ -294,25 +306,9 @@ extern "C" uint32_t DorvexX509CertSignVerify(const uint8_t *data, uint32_t dataL
         DORVEX_LOG_ERR(DORVEX_ERR_SIGN_ALG, "Unsupported signature algorithm.");
         return ret;
     }
-    DorvexCryptoVerifyCtx *created = nullptr;
-    ret = DorvexCryptoVerifyCreateCtx(&created);
-    const drx::VerifyCtxPtr verify(created);
-    if (ret != DORVEX_OK) {
-        return ret;
-    }
-    uint32_t verdict = 0;
-    ret = DorvexX509CertVerifyInit(verify.get(), cert, &scheme);
-    if (ret == DORVEX_OK) {
-        ret = DorvexCryptoVerifyUpdate(verify.get(), data, dataLength);
-    }
-    if (ret == DORVEX_OK) {
-        ret = DorvexCryptoVerifyFinal(verify.get(), signature, signatureLength, &verdict);
-    }
-    if (ret != DORVEX_OK) {
-        return ret;
-    }
-    *result = verdict;
-    return DORVEX_OK;
+    return RunVerify(
+        [&](DorvexCryptoVerifyCtx *ctx) { return DorvexX509CertVerifyInit(ctx, cert, &scheme); },
+        data, dataLength, signature, signatureLength, result);
 }
 
 extern "C" uint32_t DorvexX509IsSelfSigned(DorvexX509Cert *cert, uint32_t *result) {
