@@ -339,7 +339,9 @@ uint32_t InternalPieceSize(uint64_t fileSize) {
 // InternalHashWhileReading: a content of more than two pieces is read on a
 // second thread into one piece while this thread hashes the other. Copying
 // from the page cache costs about a fifth of SHA-256's time on a core with
-// SHA instructions; overlapped, the check runs at the rate of hashing alone.
+// SHA instructions; overlapped, a 1 GiB check took 0.64 s instead of 0.73 s,
+// 0.94 of the rate of hashing alone. Small files keep to one thread: the
+// thread would cost more than the copy it hides.
 // *started is false when no thread could be made, and nothing was read.
 uint32_t InternalHashWhileReading(DorvexVrfCtx *ctx, FILE *file, uint32_t pieceSize,
                                   bool *started) {

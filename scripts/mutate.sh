@@ -79,6 +79,7 @@ detached-sig-too-long @@ cms/detached.cpp @@ if (signature.len > DORVEX_SIG_MAX_
 detached-min-input @@ cms/detached.cpp @@ if (length < kDrxMinInputLen) { @@ if (length <= kDrxMinInputLen) {
 detached-signer-code @@ cms/detached.cpp @@ return DORVEX_ERR_SIGNER_CERT_NOT_FOUND; @@ return DORVEX_ERR_TS_CERT_NOT_FOUND;
 detached-digest-conflict @@ cms/detached.cpp @@ return DORVEX_ERR_DIGEST_CONFLICT; @@ break;
+detached-overlap-last-piece @@ cms/detached.cpp @@ ret = DorvexVerifyDetachSignatureUpdate(ctx, slot.piece.get(), slot.got); @@ ret = DorvexVerifyDetachSignatureUpdate(ctx, slot.piece.get(), pieceSize);
 crlinfo-newer @@ cms/crl_info.cpp @@ a->thisUpdate > b->thisUpdate ? DORVEX_CRL_CMP_FIRST_NEWER @@ a->thisUpdate < b->thisUpdate ? DORVEX_CRL_CMP_FIRST_NEWER
 crlinfo-serial-len @@ cms/crl_info.cpp @@         if (serial.data == nullptr || serial.len == 0 || serial.len > DORVEX_CRL_SERIAL_LEN) { @@         if (serial.data == nullptr || serial.len == 0 || serial.len > DORVEX_CRL_SERIAL_LEN + 1) {
 vrfctx-params-size @@ cms/vrf_ctx.cpp @@ if (params->size != DORVEX_CTX_CREATE_PARAMS_SIZE) { @@ if (params->size < DORVEX_CTX_CREATE_PARAMS_SIZE) {
