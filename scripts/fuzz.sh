@@ -140,28 +140,22 @@ if [[ ! -s $material/tokens/demo.tst ]]; then
 fi
 cp "$material"/tokens/*.tst "$material/pool/"
 
-# The valid package signature (DER and PEM) and every spoiled one.
+# The DER decoders: the pool, and certificates with EC keys and a PSS
+# signature from the path pool.
+seeds_fuzz_der() {
+    local dir=$1
+    cp "$material"/pool/* "$dir/"
+    cp "$material"/path-pool/cert-1[6-9]-*.der "$dir/"
+}
+
+# The valid package signature (DER and PEM) and every spoiled one, and the
+# tokens of each as the input of the token road.
 seeds_fuzz_verify() {
     local dir=$1 f
-    cp "$demo/sha256sums.p7s" "$demo/sha256sums.p7s.pem" "$dir/"
+    cp "$demo/sha256sums.p7s" "$demo/sha256sums.p7s.pem" "$material"/tokens/*.tst "$dir/"
     for f in "$demo"/faults/*/sha256sums.p7s; do
         cp "$f" "$dir/$(basename "$(dirname "$f")").p7s"
     done
-}
-
-# Tokens of the valid and the spoiled signatures, and a bare TSA certificate
-# and CRL as shapes that are not tokens at all.
-seeds_fuzz_timestamp() {
-    local dir=$1
-    cp "$material"/tokens/*.tst "$demo/tsa.der" "$demo/ca-crl.der" "$dir/"
-}
-
-# Certificates and CRLs only: the two decoders under comparison.
-seeds_fuzz_diff_x509() {
-    local dir=$1
-    cp "$material/pool/cert.der" "$material/pool/crl.der" "$dir/"
-    cp "$demo"/{root,ca,leaf,tsa,root-crl,ca-crl}.der "$dir/"
-    cp "$material"/path-pool/cert-1[6-9]-*.der "$dir/"  # EC keys, a PSS signature
 }
 
 # Choices of the path target (see fuzz/fuzz_diff_path.cpp): every pool
@@ -187,31 +181,18 @@ seeds_fuzz_diff_path() {
     done
 }
 
-# DER and PEM trust material as the intake sees it: every item, the CRL
-# files of the demo package, and the pool's signatures as foreign input.
+# Files a package brings: DER and PEM trust material as the intake sees it
+# (every item, the CRL files of the demo package with and without the CA
+# certificate, the pool's signatures as foreign input), base64 text (PEM
+# files, bare bodies with LF and CR LF, small shapes), and checksum files
+# (the demo package's, in CR LF, with SHA-512 lines, comments, blanks and
+# refused paths).
 seeds_fuzz_intake() {
-    local dir=$1
-    cp "$material"/pool/* "$dir/"
-    cp "$demo"/*.pem "$dir/"
-    cp "$demo/crls.der" "$dir/"
-}
-
-# CRL files of the demo hierarchy, whose root the harness trusts: PEM with the
-# CA certificate, the bare CRLs, and both CRLs with the CA certificate as DER.
-seeds_fuzz_crl_info() {
-    local dir=$1
-    cp "$demo/crls+ca.pem" "$demo/crls.pem" "$demo/crls.der" "$demo/root-crl.der" \
-        "$demo/ca-crl.der" "$demo/ca-crl.pem" "$dir/"
+    local dir=$1 f name h64 h128
+    cp "$material"/pool/* "$material"/{cert,crl,cms}.pem "$demo"/*.pem "$dir/"
     cat "$demo/root-crl.der" "$demo/ca-crl.der" "$demo/ca.der" >"$dir/crls+ca.der"
-}
-
-# Base64 text: PEM files, bare bodies with LF and CR LF, and small shapes.
-seeds_fuzz_base64() {
-    local dir=$1 f
-    for f in "$material"/{cert,crl,cms}.pem "$demo"/*.pem "$demo/sha256sums.p7s.pem"; do
-        local name
+    for f in "$material"/{cert,crl,cms}.pem "$demo"/*.pem; do
         name=$(basename "$f")
-        cp "$f" "$dir/$name"
         grep -v -- '-----' "$f" >"$dir/$name.b64"
         sed 's/$/\r/' "$dir/$name.b64" >"$dir/$name.crlf.b64"
     done
@@ -220,18 +201,12 @@ seeds_fuzz_base64() {
     printf 'QUI=' >"$dir/pad1"
     printf 'QUJD  \r\nRA==  ' >"$dir/blanks"
     printf 'QUJDRA' >"$dir/partial"
-}
-
-# Checksum files: the demo package's, in CR LF, with SHA-512 lines, comments,
-# blanks and refused paths.
-seeds_fuzz_pkg_list() {
-    local dir=$1 h64 h128
     h64=$(printf '%064d' 0)
     h128=$(printf '%0128d' 0)
-    cp "$demo/sha256sums" "$dir/demo"
-    sed 's/$/\r/' "$demo/sha256sums" >"$dir/demo.crlf"
-    printf '# list\n\n%s *a/./b\n%s  c d\n' "$h64" "$h128" >"$dir/mixed"
-    printf '%s  ../x\n%s  /abs\n%s  a//b\n%s  a\n%s  ./a' "$h64" "$h64" "$h64" "$h64" "$h64" >"$dir/refused"
+    cp "$demo/sha256sums" "$dir/sums"
+    sed 's/$/\r/' "$demo/sha256sums" >"$dir/sums.crlf"
+    printf '# list\n\n%s *a/./b\n%s  c d\n' "$h64" "$h128" >"$dir/sums.mixed"
+    printf '%s  ../x\n%s  /abs\n%s  a//b\n%s  a\n%s  ./a' "$h64" "$h64" "$h64" "$h64" "$h64" >"$dir/sums.refused"
 }
 
 # ---- run ------------------------------------------------------------------
