@@ -1,49 +1,33 @@
-// The DER decoders on arbitrary bytes, each on the whole input:
-// - DorvexAsnDecode against the basic items, the product's templates one by
-//   one and a structure inside a BIT STRING, so that seeds reach every
-//   nested path of the engine directly;
-// - certificates and CRLs walked as the intake walks concatenated DER:
-//   decode, use every name and time the verifier reads, move on by the
-//   consumed length;
-// - SignedData followed as the verifier follows it: the signer's timestamp
-//   token as a SignedData of its own, its content as an OCTET STRING and
-//   that as a TSTInfo; the input is also read as a bare token.
-// Besides the sanitizers, checks the decoders' promises: a failure hands out
-// no record; a success has one reference, consumed no more than it was given,
-// and every member it fills points into the input; counts stay within the
-// model's limits.
+// The DER decoders on arbitrary bytes, each on the whole input: the engine
+// against basic items, the product's templates one by one and a structure
+// inside a BIT STRING; certificates and CRLs walked as the intake walks
+// concatenated DER, using every name and time the verifier reads; SignedData
+// with its signer's timestamp token, and the input as a bare token. Besides
+// the sanitizers, checks the decoders' promises: a failure hands out no
+// record; a success has one reference, consumed no more than it was given,
+// and points into the input; counts stay within the model's limits.
 //
-// Differential part: every certificate and CRL of the walk that OpenSSL's
-// d2i_X509 or d2i_X509_CRL also reads must have the same fields there:
-// serial number, issuer and subject attributes, validity strings, RSA
-// modulus and exponent or EC curve and point; issuer, update times, revoked
-// serials and dates; and the element's length. Any difference aborts. The
-// verdicts are not compared: this system accepts what OpenSSL refuses
-// (non-minimal lengths, unknown critical extensions) and refuses what
-// OpenSSL accepts (indefinite lengths, more than 10 RDNs, keys other than
-// RSA and EC on P-256 and P-384).
+// Every certificate and CRL of the walk that OpenSSL's d2i_X509 or
+// d2i_X509_CRL also reads must have the same fields there (serial, names,
+// validity, key; issuer, update times, revoked serials and dates; length);
+// any difference aborts. Verdicts are not compared: this system accepts what
+// OpenSSL refuses (non-minimal lengths, unknown critical extensions) and
+// refuses what OpenSSL accepts (indefinite lengths, more than 10 RDNs, keys
+// other than RSA and EC on P-256 and P-384).
 #include <openssl/asn1.h>
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
-#include <openssl/x509.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
 #include <iterator>
 #include <string_view>
-#include <vector>
 
-#include "cms/asn1/asn1.h"
 #include "cms/asn1/oid.h"
 #include "cms/asn1/pkcs7.h"
-#include "cms/asn1/x509.h"
 #include "fuzz/support.h"
 
 namespace {
@@ -63,29 +47,16 @@ constexpr DorvexAsnTempl kKeyInBitsRow = {
 constexpr DorvexAsnItem kKeyInBits = {
     &kKeyInBitsRow, &g_drxAsnFuncSeq, 0, 0, DRX_ASN_BIT_STRING, 1, sizeof(DorvexRsaPublicKey)};
 
-const DorvexAsnItem *const kItems[] = {&g_itemDorvexAsnOcts,
-                                       &g_itemDorvexAsnBigint,
-                                       &g_itemDorvexAsnSeq,
-                                       &g_itemDorvexAsnSet,
-                                       &g_itemDorvexAsnBits,
-                                       &g_itemDorvexAsnInt,
-                                       &g_itemDorvexAsnEnum,
-                                       &g_itemDorvexAsnBool,
-                                       &g_itemDorvexAsnOidBundle,
-                                       &g_itemDorvexAsnExku,
-                                       &g_itemDorvexAsnBitsToInt,
-                                       &g_itemDorvexX509AlgoIdentifier,
-                                       &g_itemDorvexX509ExtensionEntry,
-                                       &g_itemDorvexX509Name,
-                                       &g_itemDorvexX509PubkeyInfo,
-                                       &g_itemDorvexX509CertExts,
-                                       &g_itemDorvexX509CertInfo,
-                                       &g_itemDorvexX509CrlInfo,
-                                       &g_itemDorvexX509RevokeEntry,
-                                       &g_itemDorvexX509IssuingDistPoint,
-                                       &g_itemDorvexPkcs7SignedInfo,
-                                       &g_itemDorvexTimestampInfo,
-                                       &kKeyInBits};
+const DorvexAsnItem *const kItems[] = {
+    // basic items
+    &g_itemDorvexAsnOcts, &g_itemDorvexAsnBigint, &g_itemDorvexAsnSeq, &g_itemDorvexAsnSet,
+    &g_itemDorvexAsnBits, &g_itemDorvexAsnInt, &g_itemDorvexAsnEnum, &g_itemDorvexAsnBool,
+    &g_itemDorvexAsnOidBundle, &g_itemDorvexAsnExku, &g_itemDorvexAsnBitsToInt,
+    // the product's templates for parts of certificates, CRLs and signatures
+    &g_itemDorvexX509AlgoIdentifier, &g_itemDorvexX509ExtensionEntry, &g_itemDorvexX509Name,
+    &g_itemDorvexX509PubkeyInfo, &g_itemDorvexX509CertExts, &g_itemDorvexX509CertInfo,
+    &g_itemDorvexX509CrlInfo, &g_itemDorvexX509RevokeEntry, &g_itemDorvexX509IssuingDistPoint,
+    &g_itemDorvexPkcs7SignedInfo, &g_itemDorvexTimestampInfo, &kKeyInBits};
 
 void DecodeItems(const uint8_t *data, uint32_t size) {
     for (const DorvexAsnItem *item : kItems) {
@@ -102,6 +73,7 @@ void DecodeItems(const uint8_t *data, uint32_t size) {
 
 // ---- OpenSSL's reading ------------------------------------------------------
 
+// A difference aborts.
 void Same(bool ok, const char *what) {
     if (!ok) {
         fprintf(stderr, "fuzz_der: OpenSSL and this decoder disagree on %s\n", what);
@@ -224,57 +196,6 @@ void SameKey(const DorvexX509PubkeyInfo &ours, X509 *theirs) {
     ERR_clear_error();
 }
 
-void CompareCert(const DorvexX509Cert &ours, const uint8_t *data, uint32_t size,
-                 uint32_t consumed) {
-    const unsigned char *p = data;
-    const X509Ptr theirs(d2i_X509(nullptr, &p, size));
-    if (theirs == nullptr) {
-        return;
-    }
-    Same(static_cast<size_t>(p - data) == consumed, "the certificate's length");
-    const DorvexX509CertInfo &info = ours.certInfo;
-    SameInteger(info.serialNumber, X509_get0_serialNumber(theirs.get()), "the serial number");
-    SameName(info.issuer, X509_get_issuer_name(theirs.get()), "the issuer");
-    SameName(info.subject, X509_get_subject_name(theirs.get()), "the subject");
-    SameTime(info.validity.notBefore, X509_get0_notBefore(theirs.get()), "notBefore");
-    SameTime(info.validity.notAfter, X509_get0_notAfter(theirs.get()), "notAfter");
-    SameKey(info.subjectPublicKeyInfo, theirs.get());
-}
-
-void CompareCrl(const DorvexX509Crl &ours, const uint8_t *data, uint32_t size, uint32_t consumed) {
-    const unsigned char *p = data;
-    const CrlPtr theirs(d2i_X509_CRL(nullptr, &p, size));
-    if (theirs == nullptr) {
-        return;
-    }
-    Same(static_cast<size_t>(p - data) == consumed, "the CRL's length");
-    const DorvexX509CrlInfo &info = ours.crlInfo;
-    SameName(info.issuer, X509_CRL_get_issuer(theirs.get()), "the CRL issuer");
-    SameTime(info.thisUpdate, X509_CRL_get0_lastUpdate(theirs.get()), "thisUpdate");
-    const ASN1_TIME *next = X509_CRL_get0_nextUpdate(theirs.get());
-    const uint32_t tag = info.nextUpdate.tagCode;
-    if (next == nullptr && (info.nextUpdate.tagClass != V_ASN1_UNIVERSAL ||
-                            (tag != V_ASN1_UTCTIME && tag != V_ASN1_GENERALIZEDTIME))) {
-        // nextUpdate is required here and taken with any tag, so the element
-        // after thisUpdate fills it where OpenSSL sees none and the fields
-        // after it are read one place on; such a CRL is never used
-        // (tests/hardening/repro/crl-*-next-update.der).
-        return;
-    }
-    SameTime(info.nextUpdate, next, "nextUpdate");
-    const STACK_OF(X509_REVOKED) *revoked = X509_CRL_get_REVOKED(theirs.get());
-    const int count = revoked == nullptr ? 0 : sk_X509_REVOKED_num(revoked);
-    Same(info.revokedCertificates.count == static_cast<uint32_t>(count),
-         "the number of revoked entries");
-    for (int i = 0; i < count; ++i) {
-        const X509_REVOKED *entry = sk_X509_REVOKED_value(revoked, i);
-        const DorvexX509RevokeEntry &mine = info.revokedCertificates.entries[i];
-        SameInteger(mine.userCertificate, X509_REVOKED_get0_serialNumber(entry),
-                    "a revoked serial");
-        SameTime(mine.revocationDate, X509_REVOKED_get0_revocationDate(entry), "a revocation date");
-    }
-}
-
 // ---- certificates and CRLs --------------------------------------------------
 
 void UseName(const DorvexX509Name &name) {
@@ -298,20 +219,64 @@ bool TryCert(const uint8_t *data, uint32_t size, uint32_t *consumed) {
         Check(cert == nullptr);
         return false;
     }
-    Check(cert->refCount == 1 && *consumed > 0 && *consumed <= size);
     const DorvexX509CertInfo &info = cert->certInfo;
-    Check(Inside(cert->tbsRaw, data, *consumed) && Inside(cert->signature, data, *consumed) &&
+    Check(cert->refCount == 1 && *consumed > 0 && *consumed <= size &&
+          Inside(cert->tbsRaw, data, *consumed) && Inside(cert->signature, data, *consumed) &&
           Inside(info.serialNumber, data, *consumed));
     UseName(info.issuer);
     UseName(info.subject);
     (void)DorvexCompareX509Name(&info.issuer, &info.subject);
     UseTime(info.validity.notBefore);
     UseTime(info.validity.notAfter);
-    CompareCert(*cert, data, size, *consumed);
+    const unsigned char *p = data;
+    const X509Ptr theirs(d2i_X509(nullptr, &p, size));
+    if (theirs != nullptr) {
+        Same(p - data == *consumed, "the certificate's length");
+        SameInteger(info.serialNumber, X509_get0_serialNumber(theirs.get()), "the serial number");
+        SameName(info.issuer, X509_get_issuer_name(theirs.get()), "the issuer");
+        SameName(info.subject, X509_get_subject_name(theirs.get()), "the subject");
+        SameTime(info.validity.notBefore, X509_get0_notBefore(theirs.get()), "notBefore");
+        SameTime(info.validity.notAfter, X509_get0_notAfter(theirs.get()), "notAfter");
+        SameKey(info.subjectPublicKeyInfo, theirs.get());
+    }
     ++cert->refCount;  // a second holder lets go first
     DorvexX509FreeCert(cert);
     DorvexX509FreeCert(cert);
     return true;
+}
+
+// OpenSSL's reading of a CRL this decoder read as `ours`.
+void CompareCrl(const DorvexX509CrlInfo &ours, const uint8_t *data, uint32_t size,
+                uint32_t consumed) {
+    const unsigned char *p = data;
+    const CrlPtr theirs(d2i_X509_CRL(nullptr, &p, size));
+    if (theirs == nullptr) {
+        return;
+    }
+    Same(p - data == consumed, "the CRL's length");
+    SameName(ours.issuer, X509_CRL_get_issuer(theirs.get()), "the CRL issuer");
+    SameTime(ours.thisUpdate, X509_CRL_get0_lastUpdate(theirs.get()), "thisUpdate");
+    const ASN1_TIME *next = X509_CRL_get0_nextUpdate(theirs.get());
+    const uint32_t tag = ours.nextUpdate.tagCode;
+    if (next == nullptr && (ours.nextUpdate.tagClass != V_ASN1_UNIVERSAL ||
+                            (tag != V_ASN1_UTCTIME && tag != V_ASN1_GENERALIZEDTIME))) {
+        // nextUpdate is required here and taken with any tag, so the element
+        // after thisUpdate fills it where OpenSSL sees none and the fields
+        // after it are read one place on; such a CRL is never used
+        // (tests/hardening/repro/crl-*-next-update.der).
+        return;
+    }
+    SameTime(ours.nextUpdate, next, "nextUpdate");
+    const STACK_OF(X509_REVOKED) *revoked = X509_CRL_get_REVOKED(theirs.get());
+    const int count = revoked == nullptr ? 0 : sk_X509_REVOKED_num(revoked);
+    Same(ours.revokedCertificates.count == static_cast<uint32_t>(count), "the revoked entries");
+    for (int i = 0; i < count; ++i) {
+        const X509_REVOKED *entry = sk_X509_REVOKED_value(revoked, i);
+        const DorvexX509RevokeEntry &mine = ours.revokedCertificates.entries[i];
+        SameInteger(mine.userCertificate, X509_REVOKED_get0_serialNumber(entry),
+                    "a revoked serial");
+        SameTime(mine.revocationDate, X509_REVOKED_get0_revocationDate(entry), "a revocation date");
+    }
 }
 
 bool TryCrl(const uint8_t *data, uint32_t size, uint32_t *consumed) {
@@ -320,24 +285,22 @@ bool TryCrl(const uint8_t *data, uint32_t size, uint32_t *consumed) {
         Check(crl == nullptr);
         return false;
     }
-    Check(crl->refCount == 1 && *consumed > 0 && *consumed <= size);
-    Check(Inside(crl->tbsRaw, data, *consumed));
     const DorvexX509CrlInfo &info = crl->crlInfo;
-    UseName(info.issuer);
-    UseTime(info.thisUpdate);
-    UseTime(info.nextUpdate);
     const DorvexX509Revoked &revoked = info.revokedCertificates;
     // Any number of entries, each at least one element of the captured list,
     // and the serial index holds each of them once.
-    Check(revoked.count == 0 || (revoked.entries != nullptr && revoked.bySerial != nullptr));
-    Check(revoked.count <= revoked.raw.len / 2);
+    Check(crl->refCount == 1 && *consumed > 0 && *consumed <= size &&
+          Inside(crl->tbsRaw, data, *consumed) && revoked.count <= revoked.raw.len / 2 &&
+          (revoked.count == 0 || (revoked.entries != nullptr && revoked.bySerial != nullptr)));
+    UseName(info.issuer);
+    UseTime(info.thisUpdate);
+    UseTime(info.nextUpdate);
     std::vector<bool> indexed(revoked.count);
     for (uint32_t i = 0; i < revoked.count; ++i) {
         const DorvexAsnBigint &serial = revoked.entries[i].userCertificate;
-        Check(Inside(serial, data, *consumed));
         UseTime(revoked.entries[i].revocationDate);
         const uint32_t at = revoked.bySerial[i];
-        Check(at < revoked.count && !indexed[at]);
+        Check(Inside(serial, data, *consumed) && at < revoked.count && !indexed[at]);
         indexed[at] = true;
         // The look-up finds every entry by its serial.
         uint32_t first = 0;
@@ -345,7 +308,7 @@ bool TryCrl(const uint8_t *data, uint32_t size, uint32_t *consumed) {
         DorvexX509CrlFindSerial(crl, &serial, &first, &count);
         Check(count >= 1 && first + count <= revoked.count);
     }
-    CompareCrl(*crl, data, size, *consumed);
+    CompareCrl(info, data, size, *consumed);
     DorvexX509FreeCrl(crl);
     return true;
 }
@@ -364,30 +327,7 @@ void Walk(const uint8_t *data, uint32_t size) {
     }
 }
 
-// ---- SignedData and timestamp tokens ------------------------------------------
-
-void UseTstInfo(const DorvexAsnOcts &eContent, const uint8_t *data, uint32_t size) {
-    void *octets = nullptr;
-    uint32_t used = 0;
-    if (eContent.data == nullptr ||
-        DorvexAsnDecode(eContent.data, eContent.len, &g_itemDorvexAsnOcts, 0, &octets, &used) !=
-            DORVEX_OK) {
-        Check(octets == nullptr);
-        return;
-    }
-    const auto *tst = static_cast<const DorvexAsnOcts *>(octets);
-    Check(Inside(*tst, data, size));
-    void *record = nullptr;
-    if (tst->data != nullptr && DorvexAsnDecode(tst->data, tst->len, &g_itemDorvexTimestampInfo, 0,
-                                                &record, &used) == DORVEX_OK) {
-        const auto *info = static_cast<const DorvexTimestampInfo *>(record);
-        Check(Inside(info->genTime, data, size) &&
-              Inside(info->messageImprint.hashedMessage, data, size) &&
-              Inside(info->messageImprint.hashAlgorithm.algorithm, data, size));
-        DorvexAsnFree(record, &g_itemDorvexTimestampInfo);
-    }
-    DorvexAsnFree(octets, &g_itemDorvexAsnOcts);
-}
+// ---- SignedData and timestamp tokens ----------------------------------------
 
 // A signature (depth 0) or a timestamp token (depth 1) in data[0..size).
 void UseSigned(const uint8_t *data, uint32_t size, int depth) {
@@ -397,32 +337,21 @@ void UseSigned(const uint8_t *data, uint32_t size, int depth) {
         Check(content == nullptr);
         return;
     }
-    Check(consumed > 0 && consumed <= size);
     const DorvexPkcs7SignedData &sd = content->signedData;
-    Check(sd.certificates.count <= DRX_PKCS7_MAX_CERTS &&
-          sd.certList.count == static_cast<int32_t>(sd.certificates.count));
-    for (int32_t i = 0; i < sd.certList.count; ++i) {
-        const auto *cert = static_cast<const DorvexX509Cert *>(sd.certList.items[i]);
-        Check(cert->refCount == 1 && Inside(cert->tbsRaw, data, size));
-    }
-    Check(sd.signerInfos.count <= DRX_PKCS7_MAX_SIGNERS);
+    Check(consumed > 0 && consumed <= size && sd.certificates.count <= DRX_PKCS7_MAX_CERTS &&
+          sd.certList.count == static_cast<int32_t>(sd.certificates.count) &&
+          sd.signerInfos.count <= DRX_PKCS7_MAX_SIGNERS);
     for (uint32_t i = 0; i < sd.signerInfos.count; ++i) {
         const DorvexPkcs7SignedInfo &si = sd.signerInfos.signerInfo[i];
-        Check(Inside(si.issuerAndSerial.serialNumber, data, size) &&
-              Inside(si.signature, data, size) && Inside(si.signedAttrsRaw, data, size) &&
-              Inside(si.signedAttrs.messageDigest, data, size));
+        const DorvexAsnOcts &token = si.unsignedAttrs.timestampToken;
+        Check(Inside(si.signature, data, size) && Inside(si.signedAttrsRaw, data, size) &&
+              Inside(token, data, size));
         // The raw capture starts at the [0] tag; the verifier puts 0x31 there.
         Check(si.signedAttrsRaw.data == nullptr ||
               (si.signedAttrsRaw.data[0] == 0xA0 && si.signedAttrsRaw.tagCode == DRX_ASN_SET));
-        const DorvexAsnOcts &token = si.unsignedAttrs.timestampToken;
-        Check(Inside(token, data, size));
         if (token.data != nullptr && depth == 0) {
             UseSigned(token.data, token.len, 1);
         }
-    }
-    Check(Inside(sd.contentInfo.content, data, size));
-    if (depth > 0) {
-        UseTstInfo(sd.contentInfo.content, data, size);
     }
     DorvexPkcs7FreeSigned(content);
 }

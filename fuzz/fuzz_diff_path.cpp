@@ -19,25 +19,15 @@
 // lists each), Forgiven, Refused and Withheld bend OpenSSL's run to our rule
 // at that one point. Verdicts that still differ abort.
 #include <openssl/err.h>
-#include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <map>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "cms/dorvex.h"
-#include "cms/pki/pki.h"
 #include "fuzz/support.h"
 
 namespace {

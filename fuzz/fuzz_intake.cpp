@@ -16,18 +16,12 @@
 //   carry): the records stay within their bounds and hold no pointer into
 //   the input, and a set compared with itself is equivalent.
 #include <openssl/evp.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <span>
-#include <string>
-#include <vector>
 
 #include "cms/adapt/adapt.h"
 #include "cms/base/dorvex_errno.h"
-#include "cms/dorvex.h"
 #include "fuzz/support.h"
 #include "root_cert/root_cert.h"
 #include "tool/pkg_files.h"

@@ -25,20 +25,10 @@
 // named by VT_FUZZ_VERIFY_DIR.
 #include <openssl/cms.h>
 #include <openssl/err.h>
-#include <openssl/x509.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
 
-#include <string>
 #include <string_view>
-#include <vector>
 
 #include "cms/asn1/pkcs7.h"
-#include "cms/dorvex.h"
-#include "cms/internal.h"
-#include "cms/pki/pki.h"
 #include "fuzz/support.h"
 
 namespace {

@@ -41,29 +41,12 @@ __attribute__((constructor)) void InstallScratchRoot() {
 
 }  // namespace
 
-extern "C" {
-
-void vsyslog(int, const char *format, va_list args) {
+// The fuzzing build (clang, no _FORTIFY_SOURCE) calls syslog itself, never
+// the checking variants.
+extern "C" void syslog(int, const char *format, ...) {
     char text[512];
+    va_list args;
+    va_start(args, format);
     vsnprintf(text, sizeof text, format, args);
-}
-
-void syslog(int priority, const char *format, ...) {
-    va_list args;
-    va_start(args, format);
-    vsyslog(priority, format, args);
     va_end(args);
 }
-
-void __vsyslog_chk(int priority, int, const char *format, va_list args) {
-    vsyslog(priority, format, args);
-}
-
-void __syslog_chk(int priority, int, const char *format, ...) {
-    va_list args;
-    va_start(args, format);
-    vsyslog(priority, format, args);
-    va_end(args);
-}
-
-}  // extern "C"

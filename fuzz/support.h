@@ -1,8 +1,6 @@
-// What the harnesses share: the abort that marks a broken promise, the
-// bounds checks on decoded records and on a context's store, a fresh
-// context, reading the generator's files, and owners of OpenSSL objects.
-// support.cpp, linked into every harness, keeps the libraries' logging off
-// the host.
+// What the harnesses share: the abort that marks a broken promise, bounds
+// checks, a fresh context, the generator's files and owners of OpenSSL
+// objects. support.cpp keeps the libraries' logging off the host.
 #ifndef FUZZ_SUPPORT_H
 #define FUZZ_SUPPORT_H
 
@@ -45,12 +43,12 @@ inline bool Inside(const DorvexAsnOcts &o, const uint8_t *data, size_t size) {
     return o.data == nullptr || (o.data >= data && o.len <= size && o.data + o.len <= data + size);
 }
 
-// Stored records must hold copies, never pointers into the caller's bytes.
-inline bool Outside(const DorvexAsnOcts &o, const uint8_t *data, size_t size) {
-    return o.data == nullptr || o.data + o.len <= data || o.data >= data + size;
-}
-
+// The store within its capacity, holding live records that own their bytes
+// (never pointers into the caller's).
 inline void CheckStore(const DorvexVrfCtx *ctx, const uint8_t *data, size_t size) {
+    auto outside = [&](const DorvexAsnOcts &o) {
+        return o.data == nullptr || o.data + o.len <= data || o.data >= data + size;
+    };
     const DorvexPkiStore *store = ctx->pki;
     Check(store != nullptr);
     Check(store->certs.count >= 0 && store->certs.count <= DORVEX_LIST_CAPACITY);
@@ -58,11 +56,11 @@ inline void CheckStore(const DorvexVrfCtx *ctx, const uint8_t *data, size_t size
     Check(ctx->rawBuffers.count >= 0 && ctx->rawBuffers.count <= DORVEX_LIST_CAPACITY);
     for (int32_t i = 0; i < store->certs.count; ++i) {
         const auto *cert = static_cast<const DorvexX509Cert *>(store->certs.items[i]);
-        Check(cert->refCount >= 1 && Outside(cert->tbsRaw, data, size));
+        Check(cert->refCount >= 1 && outside(cert->tbsRaw));
     }
     for (int32_t i = 0; i < store->crls.count; ++i) {
         const auto *crl = static_cast<const DorvexX509Crl *>(store->crls.items[i]);
-        Check(crl->refCount >= 1 && Outside(crl->tbsRaw, data, size));
+        Check(crl->refCount >= 1 && outside(crl->tbsRaw));
     }
 }
 

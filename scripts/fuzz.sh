@@ -6,6 +6,8 @@
 # with the dictionary fuzz/dorvex.dict. Fails on any crash, leak, timeout,
 # out-of-memory or sanitizer report.
 #
+# A harness that serves several decoders gets a multiple of the time (see
+# weight below), so each decoder keeps about the share it had alone.
 # Seeds: a harness gets the DER files of the material pool below, unless a
 # function seeds_<harness> exists, which then fills its seed folder ($1).
 # VT_FUZZ_BUILD names the build folder (default build-fuzz in the tree);
@@ -213,12 +215,15 @@ seeds_fuzz_intake() {
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 
-# One harness: seeds, a run of $seconds, and a verdict file. Standard output
-# is closed in the target: the library prints a line for every rejected
-# input. A leak makes libFuzzer exit non-zero; -timeout turns a slow input
+# The harnesses that merge several decoders' inputs run that much longer.
+declare -A weight=([fuzz_der]=2 [fuzz_intake]=2 [fuzz_verify]=2)
+
+# One harness: seeds, a run of $seconds times its weight, and a verdict
+# file. Standard output is closed in the target: the library prints a line
+# for every rejected input. A leak makes libFuzzer exit non-zero; -timeout turns a slow input
 # into a failure, -rss_limit_mb a runaway allocation.
 fuzz_one() {
-    local h=$1 status=0
+    local h=$1 status=0 time=$((seconds * ${weight[$1]:-1}))
     local seeds=$build/seeds/$h corpus=$build/corpus/$h artifacts=$build/artifacts/$h
     local out=$build/$h.log
     rm -rf "$seeds" "$artifacts" "$out" "$build/$h.failed" "$build/$h.ok"
@@ -228,8 +233,8 @@ fuzz_one() {
     else
         cp "$material"/pool/* "$seeds/"
     fi
-    echo "fuzz: $h for ${seconds}s ($(ls "$seeds" | wc -l) seeds, $(ls "$corpus" | wc -l) in corpus)"
-    "$build/fuzz/$h" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+    echo "fuzz: $h for ${time}s ($(ls "$seeds" | wc -l) seeds, $(ls "$corpus" | wc -l) in corpus)"
+    "$build/fuzz/$h" -max_total_time="$time" -timeout=10 -rss_limit_mb=2048 \
         -dict="$root/fuzz/dorvex.dict" -detect_leaks=1 \
         -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$artifacts/" \
         "$corpus" "$seeds" >"$out" 2>&1 || status=$?
@@ -256,7 +261,7 @@ report() {
         "${ft:-?}" "$corpus" "$([[ -f $build/$h.ok ]] && echo ok || echo FAILED)"
 }
 
-log "fuzz ${#harnesses[@]} harness(es) for ${seconds}s each, $jobs at a time"
+log "fuzz ${#harnesses[@]} harness(es) for ${seconds}s each (times their weight), $jobs at a time"
 running=0
 for h in "${harnesses[@]}"; do
     if ((running >= jobs)); then
@@ -287,4 +292,4 @@ if ((${#failed[@]})); then
     echo "fuzz: failing harnesses: ${failed[*]}" >&2
     exit 1
 fi
-log "fuzz: ${#harnesses[@]} harness(es) ran ${seconds}s each without a finding"
+log "fuzz: ${#harnesses[@]} harness(es) ran ${seconds}s each (times their weight) without a finding"
