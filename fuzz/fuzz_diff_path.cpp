@@ -107,8 +107,10 @@ void LoadPool(const std::filesystem::path &dir) {
     }
     // Every date of the pool, a second before, at and after.
     auto add = [](const ASN1_TIME *t) {
-        const int64_t d = Epoch(t);
-        g_times.insert(g_times.end(), {d - 1, d, d + 1});
+        if (t != nullptr) {  // a CRL without nextUpdate
+            const int64_t d = Epoch(t);
+            g_times.insert(g_times.end(), {d - 1, d, d + 1});
+        }
     };
     for (const PoolCert &c : g_certs) {
         add(X509_get0_notBefore(c.x509.get()));
@@ -117,9 +119,7 @@ void LoadPool(const std::filesystem::path &dir) {
     for (const auto &slot : g_slots) {
         for (const PoolCrl &c : slot) {
             add(X509_CRL_get0_lastUpdate(c.crl.get()));
-            if (X509_CRL_get0_nextUpdate(c.crl.get()) != nullptr) {
-                add(X509_CRL_get0_nextUpdate(c.crl.get()));
-            }
+            add(X509_CRL_get0_nextUpdate(c.crl.get()));
             STACK_OF(X509_REVOKED) *revoked = X509_CRL_get_REVOKED(c.crl.get());
             for (int i = 0; i < sk_X509_REVOKED_num(revoked); ++i) {
                 add(X509_REVOKED_get0_revocationDate(sk_X509_REVOKED_value(revoked, i)));

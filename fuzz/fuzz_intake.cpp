@@ -1,20 +1,16 @@
-// The readers of files a package brings along, each on the whole input.
-// Besides the sanitizers, each checks what its callers rely on:
+// The readers of files a package brings along, each on the whole input,
+// with what their callers rely on besides the sanitizers:
 // - DorvexBase64Decode: the needed length bounds what is written, a too
-//   small buffer is left alone, and a rejected text touches nothing;
-// - the checksum-file parser of CHECK_PKG_FILES: a list that passes has
-//   entries, each with a digest of a known length, and every entry that is
-//   not refused names a path that stays inside the package directory;
-// - trust-material intake, as a DER stream for certificates and for CRLs,
-//   as the text of a PEM walk, and base64-wrapped in certificate and CRL
-//   blocks so that mutated DER reaches the block decoders: the store stays
-//   within its capacity, holds only live records and no pointer into the
-//   caller's bytes;
-// - DorvexDecodeCrl in a context that trusts the built-in root, so decoded
-//   CRLs reach the signer search and path verification; the input is fed as
-//   it is and with the root appended (the certificate a CRL file must
-//   carry): the records stay within their bounds and hold no pointer into
-//   the input, and a set compared with itself is equivalent.
+//   small buffer is left alone, a rejected text touches nothing;
+// - the checksum-file parser: a list that passes has entries with digests of
+//   known lengths, and each entry not refused stays inside the package;
+// - the trust intake, as a DER stream of certificates and of CRLs, as the
+//   text of a PEM walk and base64-wrapped in certificate and CRL blocks: the
+//   store (support.h);
+// - DorvexDecodeCrl trusting the built-in root (so CRLs reach the signer
+//   search and path verification), on the input as it is and with the root
+//   appended (the certificate a CRL file must carry): the records' bounds,
+//   no pointer into the input, and a set equals itself.
 #include <openssl/evp.h>
 #include <string.h>
 

@@ -1,28 +1,19 @@
-// Detached signature verification, end to end, on two roads per input:
-// - the input as the whole signature (DER or PEM);
-// - the input as the timestamp token of the demo signature's otherwise valid
-//   signer (OpenSSL writes it in place of the real token and re-encodes every
-//   length around it). The signer's own signature covers only its signed
-//   attributes, so a token derived from the real one gets past the imprint
-//   into the authority's path, attribute and signature checks.
-// Each runs Begin, two Updates and Final on a context that holds the demo
-// root, the CA certificate and both CRLs. Besides the sanitizers, checks
-// that Final leaves nothing pending, that the store stays within its
-// capacity and holds no pointer into the caller's bytes, and the verdict.
+// Detached signature verification, end to end, on two roads per input: the
+// input as the whole signature (DER or PEM), and as the timestamp token of
+// the demo signature's otherwise valid signer (whose signature covers only
+// its signed attributes, so a token derived from the real one gets past the
+// imprint into the authority's path, attribute and signature checks). Each
+// runs Begin, two Updates and Final on a context that holds the demo root,
+// the CA certificate and both CRLs (root.der, crls+ca.pem, sha256sums and
+// sha256sums.p7s from the folder named by VT_FUZZ_VERIFY_DIR). Besides the
+// sanitizers, checks that Final leaves nothing pending, the store, and the
+// verdict.
 //
 // Verdict oracle: only the holders of the demo keys can sign new bytes, so
-// an accepted input must carry exactly the bytes the demo package's signers
-// signed: the signer's signed attributes and signature value, the token's
-// TSTInfo, its signer's signed attributes and signature value, and the
-// tbsCertificate and signature of every certificate on both paths as path
-// verification recorded them (issuerCert), read back with the library's own
-// decoders. Anything else accepted is a wrong verdict and aborts. CRLs come
-// from the trusted demo files, never from the input; everything outside the
-// signed bytes (versions, algorithm sets, unsigned attributes, certificate
-// order, tag and length octets the verifier does not examine) may change.
-//
-// Reads root.der, crls+ca.pem, sha256sums and sha256sums.p7s from the folder
-// named by VT_FUZZ_VERIFY_DIR.
+// an accepted input must carry exactly the bytes the demo signers signed
+// (SECURITY.md lists them), read back with the library's own decoders.
+// Anything else accepted aborts. CRLs come from the trusted demo files,
+// never from the input.
 #include <openssl/cms.h>
 #include <openssl/err.h>
 
