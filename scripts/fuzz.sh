@@ -215,8 +215,9 @@ seeds_fuzz_intake() {
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 
-# The harnesses that merge several decoders' inputs run that much longer.
-declare -A weight=([fuzz_der]=2 [fuzz_intake]=2 [fuzz_verify]=2)
+# The harnesses that merge several decoders run longer: fuzz_der and
+# fuzz_intake serve four former harnesses each, fuzz_verify two.
+declare -A weight=([fuzz_der]=3 [fuzz_intake]=3 [fuzz_verify]=2)
 
 # One harness: seeds, a run of $seconds times its weight, and a verdict
 # file. Standard output is closed in the target: the library prints a line
