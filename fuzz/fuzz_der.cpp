@@ -341,6 +341,10 @@ void UseSigned(const uint8_t *data, uint32_t size, int depth) {
     Check(consumed > 0 && consumed <= size && sd.certificates.count <= DRX_PKCS7_MAX_CERTS &&
           sd.certList.count == static_cast<int32_t>(sd.certificates.count) &&
           sd.signerInfos.count <= DRX_PKCS7_MAX_SIGNERS);
+    for (int32_t i = 0; i < sd.certList.count; ++i) {
+        const auto *cert = static_cast<const DorvexX509Cert *>(sd.certList.items[i]);
+        Check(cert->refCount == 1 && Inside(cert->tbsRaw, data, size));
+    }
     for (uint32_t i = 0; i < sd.signerInfos.count; ++i) {
         const DorvexPkcs7SignedInfo &si = sd.signerInfos.signerInfo[i];
         const DorvexAsnOcts &token = si.unsignedAttrs.timestampToken;
