@@ -1,23 +1,14 @@
-// Differential target: path validation with revocation against OpenSSL's
-// X509_verify_cert. The input picks, from the pool that 'testpki path-pool'
-// wrote into the folder named by VT_FUZZ_PATH_POOL, which certificates and
-// CRLs the store holds, the certificate to verify, the time and strict
-// revocation; both verifiers judge the same material at the same time, and
-// their verdicts must agree.
-//
-// Input: byte 0 the time (an index into every date of the pool, each one
-// second before, at and after), byte 1 bit 0 strict revocation, byte 2 the
-// certificate (an index among those taken), bytes 3-5 one bit per pool
-// certificate (little-endian; the first 16 picked are taken), then one byte
-// per CRL slot: 0 none, v the slot's variant v - 1 (modulo). Missing bytes
-// are 0.
-//
-// OpenSSL runs with X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL and
-// X509_V_FLAG_EXTENDED_CRL_SUPPORT (without it OpenSSL ignores every
-// indirect CRL), self-signed certificates as trust anchors and the others as
-// untrusted. Where this verifier departs from OpenSSL on purpose (SECURITY.md
-// lists each), Forgiven, Refused and Withheld bend OpenSSL's run to our rule
-// at that one point. Verdicts that still differ abort.
+// Path validation with revocation against OpenSSL's X509_verify_cert. The
+// input picks from the pool in VT_FUZZ_PATH_POOL ('testpki path-pool'):
+// byte 0 the time (an index into every pool date, a second before, at and
+// after), byte 1 bit 0 strict revocation, byte 2 the target among the
+// certificates taken, bytes 3-5 one bit per pool certificate (little-endian,
+// the first 16 picked), then per CRL slot 0 for none or the variant v - 1
+// (modulo); missing bytes are 0. OpenSSL gets self-signed certificates as
+// anchors, CRL_CHECK, CRL_CHECK_ALL and EXTENDED_CRL_SUPPORT (without it
+// every indirect CRL is ignored). Forgiven, Refused and Withheld bend its run
+// to our rule where we depart on purpose (SECURITY.md); any other difference
+// in the verdicts aborts.
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
@@ -60,8 +51,8 @@ struct Case {
     std::vector<const PoolCert *> certs;
     std::vector<const PoolCrl *> crls;
     const PoolCert *target = nullptr;
-    // What OpenSSL's CRL check was handed, certificate by certificate: once
-    // its time is checked, OpenSSL no longer says which CRL it reads.
+    // What OpenSSL's CRL check was handed, per certificate: it no longer
+    // says which CRL it reads once that CRL's time is checked.
     mutable std::vector<std::pair<X509 *, X509_CRL *>> judged;
 };
 
@@ -105,7 +96,6 @@ void LoadPool(const std::filesystem::path &dir) {
     if (g_certs.empty() || g_certs.size() > 24 || g_slots.empty()) {
         Die("the pool in " + dir.string() + " needs 1 to 24 certificates and a CRL");
     }
-    // Every date of the pool, a second before, at and after.
     auto add = [](const ASN1_TIME *t) {
         if (t != nullptr) {  // a CRL without nextUpdate
             const int64_t d = Epoch(t);
@@ -136,7 +126,7 @@ Case Decode(const uint8_t *data, size_t size) {
     c.time = g_times[at(0) % g_times.size()];
     c.strict = (at(1) & 1) != 0;
     const uint32_t mask = at(3) | at(4) << 8 | at(5) << 16;
-    // The store holds DORVEX_LIST_CAPACITY certificates; the first ones picked go in.
+    // As many as the store holds.
     for (size_t i = 0; i < g_certs.size() && c.certs.size() < DORVEX_LIST_CAPACITY; ++i) {
         if ((mask >> i & 1) != 0) {
             c.certs.push_back(&g_certs[i]);
@@ -154,8 +144,8 @@ Case Decode(const uint8_t *data, size_t size) {
     return c;
 }
 
-// DorvexPkiVerifyCert through a context whose store got every certificate
-// in one DER stream and every CRL in another: the result code.
+// DorvexPkiVerifyCert's result, the certificates and the CRLs added as one
+// DER stream each.
 uint32_t Ours(const Case &c) {
     DorvexVrfCtx *ctx = fuzz_support::NewCtx();
     Bytes certs;
@@ -166,7 +156,6 @@ uint32_t Ours(const Case &c) {
     for (const PoolCrl *p : c.crls) {
         crls.insert(crls.end(), p->der.begin(), p->der.end());
     }
-    // The pool is valid DER throughout.
     fuzz_support::Check(
         DorvexVerifyAddCert(ctx, certs.data(), static_cast<uint32_t>(certs.size())) == DORVEX_OK &&
         (crls.empty() ||
@@ -189,15 +178,12 @@ uint32_t Ours(const Case &c) {
     return ret;
 }
 
-// ---- OpenSSL, bent to the intended differences --------------------------------
-
 bool Openssl(const Case &c, int *error = nullptr);
 
 X509 *Current(X509_STORE_CTX *ctx) {
     return X509_STORE_CTX_get_current_cert(ctx);
 }
 
-// The CRL OpenSSL's check was last handed for the current certificate.
 X509_CRL *JudgedCrl(X509_STORE_CTX *ctx, const Case &c) {
     for (auto it = c.judged.rbegin(); it != c.judged.rend(); ++it) {
         if (it->first == Current(ctx)) {
@@ -211,19 +197,16 @@ bool AtTime(const ASN1_TIME *t, const Case &c) {
     return t != nullptr && Epoch(t) == c.time;
 }
 
-// basicConstraints cA, as this verifier reads it (X509_check_ca also
-// counts keyCertSign without it).
+// basicConstraints cA only, as this verifier reads it (unlike X509_check_ca).
 bool IsCa(X509 *cert) {
     return (X509_get_extension_flags(cert) & EXFLAG_CA) != 0;
 }
 
-// Whether `crl` lists the current certificate (serial and issuer,
-// certificateIssuer read; a removeFromCRL entry counts) and revokes it at
-// the time by our rules: the revocation date decides for an end entity
-// unless strict, and for any certificate when the reason says the key is
-// sound (affiliationChanged, superseded, cessationOfOperation). The path of
-// a CRL's signer, which OpenSSL checks in a context of its own, is judged
-// strictly. *dated: the entry exists but its date has not come yet.
+// Whether `crl` lists the current certificate (removeFromCRL counts) and
+// revokes it at the time by our rules: the date decides for an end entity
+// unless strict (a CRL signer's own path, in a child context, is strict), and
+// for any certificate whose reason says the key is sound (3, 4, 5).
+// *dated: listed, but the date has not come yet.
 bool RevokesByOurRules(X509_STORE_CTX *ctx, X509_CRL *crl, const Case &c, bool *dated = nullptr) {
     X509_REVOKED *entry = nullptr;
     if (crl == nullptr || X509_CRL_get0_by_cert(crl, &entry, Current(ctx)) == 0) {
@@ -243,8 +226,7 @@ bool RevokesByOurRules(X509_STORE_CTX *ctx, X509_CRL *crl, const Case &c, bool *
     return !later;
 }
 
-// A critical extension this verifier does not read (it reads basic
-// constraints, key usage, extended key usage, CRL distribution points).
+// A critical extension this verifier does not read.
 bool UnknownCritical(X509 *cert) {
     for (int i = 0; i < X509_get_ext_count(cert); ++i) {
         X509_EXTENSION *ext = X509_get_ext(cert, i);
@@ -275,9 +257,8 @@ bool NamesCrlIssuer(X509 *cert, const X509_NAME *issuer) {
     return false;
 }
 
-// A CRL of the case that is indirect, named by the certificate, in scope,
-// signed by a certificate of the case that OpenSSL trusts, and revokes the
-// certificate by our rules.
+// An indirect CRL of the case, in scope and named by the certificate, that
+// revokes it by our rules and whose signer OpenSSL trusts.
 bool IndirectRevokes(X509_STORE_CTX *ctx, const Case &c) {
     X509 *cert = Current(ctx);
     for (const PoolCrl *p : c.crls) {
@@ -315,8 +296,7 @@ bool Forgiven(X509_STORE_CTX *ctx, const Case &c, int error) {
         X509_V_ERR_DIFFERENT_CRL_SCOPE,      X509_V_ERR_CRL_PATH_VALIDATION_ERROR,
         X509_V_ERR_UNABLE_TO_GET_CRL_ISSUER, X509_V_ERR_CRL_SIGNATURE_FAILURE,
         X509_V_ERR_KEYUSAGE_NO_CRL_SIGN,     X509_V_ERR_UNHANDLED_CRITICAL_CRL_EXTENSION};
-    // RFC 5280 6.1: the trust anchor is an input of path validation, never
-    // checked for revocation; OpenSSL with CRL_CHECK_ALL wants a CRL for it.
+    // RFC 5280 6.1: the trust anchor is never checked for revocation.
     if (std::find(std::begin(kRevocationErrors), std::end(kRevocationErrors), error) !=
             std::end(kRevocationErrors) &&
         X509_STORE_CTX_get_error_depth(ctx) == sk_X509_num(X509_STORE_CTX_get0_chain(ctx)) - 1 &&
@@ -326,18 +306,14 @@ bool Forgiven(X509_STORE_CTX *ctx, const Case &c, int error) {
     bool dated = false;
     switch (error) {
         case X509_V_ERR_CRL_NOT_YET_VALID:
-            // The time is the token's and the CRL file comes later: a CRL
-            // issued since still shows what was revoked before.
+            // The time is the token's; a CRL issued since still counts.
             return true;
         case X509_V_ERR_CERT_HAS_EXPIRED:
-            // RFC 5280 4.1.2.5: the validity period includes notAfter (and a
-            // CRL's nextUpdate alike); OpenSSL counts that second as expired.
+            // RFC 5280 4.1.2.5: the period includes notAfter (and nextUpdate).
             return AtTime(X509_get0_notAfter(Current(ctx)), c);
         case X509_V_ERR_CRL_HAS_EXPIRED:
             return AtTime(X509_CRL_get0_nextUpdate(JudgedCrl(ctx, c)), c);
         case X509_V_ERR_CERT_REVOKED:
-            // Revoked from the revocation date on where our rules say so;
-            // OpenSSL ignores the date.
             (void)RevokesByOurRules(ctx, JudgedCrl(ctx, c), c, &dated);
             return dated;
         default:
@@ -353,27 +329,20 @@ bool Refused(X509_STORE_CTX *ctx, const Case &c) {
     EVP_PKEY *key = issuer != nullptr ? X509_get0_pubkey(issuer) : nullptr;
     X509_REVOKED *entry = nullptr;
     X509_CRL *crl = JudgedCrl(ctx, c);
-    // RSA keys of 2048 to 8192 bits only; OpenSSL's default level takes 1024.
+    // RSA keys below 2048 bits; OpenSSL's default level takes 1024.
     return (key != nullptr && EVP_PKEY_is_a(key, "RSA") == 1 && EVP_PKEY_get_bits(key) < 2048) ||
-           // RFC 5280 4.2: a critical extension not read refuses the
-           // certificate; OpenSSL reads more (certificate policies, for one).
+           // RFC 5280 4.2; OpenSSL reads more (certificate policies).
            UnknownCritical(Current(ctx)) ||
-           // removeFromCRL (X509_CRL_get0_by_cert's 2) belongs to delta CRLs,
-           // which are not read: in a complete CRL it revokes like any other
-           // reason; OpenSSL passes over it.
+           // removeFromCRL (get0_by_cert's 2) revokes in a complete CRL.
            (crl != nullptr && X509_CRL_get0_by_cert(crl, &entry, Current(ctx)) == 2 &&
             RevokesByOurRules(ctx, crl, c)) ||
-           // Every CRL that speaks for a certificate is read, one revocation
-           // is enough; OpenSSL reads only the one it scores best.
+           // Every CRL speaking for it counts; OpenSSL reads its best one.
            IndirectRevokes(ctx, c);
 }
 
-// A CRL kept from OpenSSL: one in the name of the target's issuer that the
-// target's issuer (a certificate of the case whose key verifies the target)
-// did not sign. A re-keyed CA's new key says nothing of what the old one
-// signed; OpenSSL takes any certificate of that name whose own path holds
-// (RFC 5280 6.3.3 (f)). Only the target is looked at: in the pool, no other
-// certificate on a path shares its issuer's name with another key.
+// A CRL kept from OpenSSL: in the name of the target's issuer but not signed
+// by the key that signed the target (a re-keyed CA's new key says nothing of
+// the old one's certificates). In the pool only targets have such issuers.
 bool Withheld(X509_CRL *crl, const Case &c) {
     X509 *target = c.target->x509.get();
     return X509_NAME_cmp(X509_CRL_get_issuer(crl), X509_get_issuer_name(target)) == 0 &&
@@ -385,8 +354,8 @@ bool Withheld(X509_CRL *crl, const Case &c) {
            });
 }
 
+// A CRL signer's path is checked in a child context, without our data.
 const Case &CaseOf(X509_STORE_CTX *ctx) {
-    // A CRL signer's path is checked in a context of its own, without our data.
     while (X509_STORE_CTX_get0_parent_ctx(ctx) != nullptr) {
         ctx = X509_STORE_CTX_get0_parent_ctx(ctx);
     }
@@ -404,8 +373,7 @@ int Callback(int ok, X509_STORE_CTX *ctx) {
     return 1;
 }
 
-// OpenSSL's own CRL check, found once in a context of a store without hooks,
-// and the hook that notes what it is handed before calling it.
+// OpenSSL's own CRL check, and the hook that notes what it is handed.
 int (*g_checkCrl)(X509_STORE_CTX *, X509_CRL *) = nullptr;
 
 int CheckCrl(X509_STORE_CTX *ctx, X509_CRL *crl) {
@@ -418,18 +386,15 @@ struct StackFree {
     void operator()(void *stack) const { OPENSSL_sk_free(static_cast<OPENSSL_STACK *>(stack)); }
 };
 
-// OpenSSL's verdict; *error its error code.
 bool Openssl(const Case &c, int *error) {
     std::unique_ptr<X509_STORE, Deleter<X509_STORE_free>> store(X509_STORE_new());
     std::unique_ptr<X509_STORE_CTX, Deleter<X509_STORE_CTX_free>> ctx(X509_STORE_CTX_new());
     std::unique_ptr<STACK_OF(X509), StackFree> untrusted(sk_X509_new_null());
-    // Handed to the context rather than the store, which OpenSSL searches by
-    // the certificate's issuer name only: an indirect CRL would never be found.
+    // In the context: the store is searched by issuer name, missing indirect CRLs.
     std::unique_ptr<STACK_OF(X509_CRL), StackFree> crls(sk_X509_CRL_new_null());
     fuzz_support::Check(store != nullptr && untrusted != nullptr && crls != nullptr &&
                         ctx != nullptr);
     for (const PoolCert *p : c.certs) {
-        // Self-signed: a trust anchor, as in our store.
         if ((X509_get_extension_flags(p->x509.get()) & EXFLAG_SS) != 0) {
             X509_STORE_add_cert(store.get(), p->x509.get());
         } else {

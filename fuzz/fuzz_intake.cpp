@@ -1,16 +1,11 @@
-// The readers of files a package brings along, each on the whole input,
-// with what their callers rely on besides the sanitizers:
-// - DorvexBase64Decode: the needed length bounds what is written, a too
-//   small buffer is left alone, a rejected text touches nothing;
-// - the checksum-file parser: a list that passes has entries with digests of
-//   known lengths, and each entry not refused stays inside the package;
-// - the trust intake, as a DER stream of certificates and of CRLs, as the
-//   text of a PEM walk and base64-wrapped in certificate and CRL blocks: the
-//   store (support.h);
-// - DorvexDecodeCrl trusting the built-in root (so CRLs reach the signer
-//   search and path verification), on the input as it is and with the root
-//   appended (the certificate a CRL file must carry): the records' bounds,
-//   no pointer into the input, and a set equals itself.
+// The readers of files a package brings along, each on the whole input:
+// DorvexBase64Decode (the needed length bounds what is written; a too small
+// buffer or a rejected text is left alone), the checksum-file parser (known
+// digest lengths, paths inside the package), the trust intake as DER of
+// certificates and of CRLs, a PEM walk and base64 in certificate and CRL
+// blocks (the store), and DorvexDecodeCrl trusting the built-in root, on the
+// input and with the root appended (records owned, in bounds, a set equals
+// itself).
 #include <openssl/evp.h>
 #include <string.h>
 
@@ -86,8 +81,7 @@ void AddTrust(const void *data, size_t size, bool crl) {
     Check(DorvexVrfCtxFree(ctx) == DORVEX_OK);
 }
 
-// The input as the body of a certificate block and of a CRL block, in lines
-// of 64 characters.
+// The input as the body of a certificate block and of a CRL block.
 std::string Pem(const uint8_t *data, size_t size) {
     std::string body(4 * ((size + 2) / 3) + 1, '\0');
     body.resize(EVP_EncodeBlock(reinterpret_cast<unsigned char *>(body.data()), data,
@@ -137,7 +131,6 @@ void DecodeCrls(const uint8_t *data, size_t size, const Bytes &root) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    // Inputs beyond the file limit add nothing but time.
     if (size == 0 || size > DORVEX_MAX_FILE_SIZE / 2) {
         return 0;
     }
@@ -150,8 +143,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     PkgList(data, size);
     const std::string walk = "-----BEGIN" + std::string(reinterpret_cast<const char *>(data), size);
     AddTrust(walk.data(), walk.size(), true);
-    // The other trust readers stop at the first byte of anything but DER (a
-    // SEQUENCE) or PEM text: text for the two above runs much faster.
+    // The rest stop at the first byte of anything but DER or PEM.
     if (data[0] != 0x30 && data[0] != '-') {
         return 0;
     }

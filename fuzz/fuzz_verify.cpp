@@ -1,22 +1,10 @@
-// Detached signature verification, end to end, on two roads per input: the
-// input as the whole signature (DER or PEM), and as the timestamp token of
-// the demo signature's otherwise valid signer (whose signature covers only
-// its signed attributes, so a token derived from the real one gets past the
-// imprint into the authority's path, attribute and signature checks). Each
-// runs Begin, two Updates and Final on a context that holds the demo root,
-// the CA certificate and both CRLs (root.der, crls+ca.pem, sha256sums and
-// sha256sums.p7s from the folder named by VT_FUZZ_VERIFY_DIR). Besides the
-// sanitizers, checks that Final leaves nothing pending, the store, and the
-// verdict.
-//
-// Verdict oracle: only the holders of the demo keys can sign new bytes, so
-// an accepted input must carry exactly the bytes the demo signers signed
-// (SECURITY.md lists them), read back with the library's own decoders.
-// Anything else accepted aborts. CRLs come from the trusted demo files,
-// never from the input.
-#include <openssl/cms.h>
-#include <openssl/err.h>
-
+// Detached signature verification, end to end: the input as the whole
+// signature (DER or PEM), through Begin, two Updates and Final on a context
+// that holds the demo root, the CA certificate and both CRLs (from the folder
+// VT_FUZZ_VERIFY_DIR names). Checks that Final leaves nothing pending, the
+// store, and the verdict: only the holders of the demo keys can sign new
+// bytes, so an accepted input must carry exactly the bytes the demo signers
+// signed (SECURITY.md lists them), read back with the library's decoders.
 #include <string_view>
 
 #include "cms/asn1/pkcs7.h"
@@ -31,10 +19,7 @@ using fuzz_support::Die;
 Bytes g_root;
 Bytes g_crls;
 Bytes g_content;
-Bytes g_signature;
 std::vector<Bytes> g_seedParts;
-
-// ---- the signed bytes ---------------------------------------------------------
 
 Bytes Copy(const uint8_t *data, size_t len) {
     return data == nullptr ? Bytes{} : Bytes(data, data + len);
@@ -72,9 +57,8 @@ void AddPath(const DorvexVrfCtx *ctx, const DorvexPkcs7IssuerAndSerial &id,
     out.emplace_back();  // no certificate, or a path that ends nowhere
 }
 
-// The signed bytes of the signature `der` that ctx verified. False when it
-// does not decode as a signature with one signer and a token with one signer
-// and a TSTInfo.
+// The signed bytes of the signature `der` that ctx verified; false unless it
+// has one signer and a token with one signer and a TSTInfo.
 bool SignedParts(const DorvexVrfCtx *ctx, const Bytes &der, std::vector<Bytes> &out) {
     out.clear();
     DorvexPkcs7Content *sig = nullptr;
@@ -115,10 +99,8 @@ bool SignedParts(const DorvexVrfCtx *ctx, const Bytes &der, std::vector<Bytes> &
     return ok;
 }
 
-// ---- the two roads --------------------------------------------------------------
-
-// The DER of a signature input: itself, or the body of its CMS or PKCS7
-// armour decoded as the library decodes it. Empty when neither.
+// The input itself, or the body of its CMS or PKCS7 armour as the library
+// decodes it.
 Bytes SignatureDer(const uint8_t *data, size_t size) {
     const std::string_view text(reinterpret_cast<const char *>(data), size);
     for (const std::string label : {"CMS", "PKCS7"}) {
@@ -137,44 +119,8 @@ Bytes SignatureDer(const uint8_t *data, size_t size) {
     return text.starts_with("-----BEGIN") ? Bytes{} : Bytes(data, data + size);
 }
 
-// The demo signature with `token` as its signer's timestamp token, written
-// as it is (a SEQUENCE-typed value is encoded verbatim). Empty when OpenSSL
-// cannot delimit the token as one element, which the signer's attribute
-// decoding refuses anyway (the first road covers that). *old: the token it
-// replaced.
-Bytes WithToken(const uint8_t *token, size_t size, Bytes *old = nullptr) {
-    const unsigned char *p = g_signature.data();
-    std::unique_ptr<CMS_ContentInfo, fuzz_support::Deleter<CMS_ContentInfo_free>> cms(
-        d2i_CMS_ContentInfo(nullptr, &p, static_cast<long>(g_signature.size())));
-    CMS_SignerInfo *si =
-        cms == nullptr ? nullptr : sk_CMS_SignerInfo_value(CMS_get0_SignerInfos(cms.get()), 0);
-    const int at =
-        si == nullptr ? -1 : CMS_unsigned_get_attr_by_NID(si, NID_id_smime_aa_timeStampToken, -1);
-    if (at < 0) {
-        Die("the demo signature has no timestamp token");
-    }
-    X509_ATTRIBUTE *attr = CMS_unsigned_delete_attr(si, at);
-    const ASN1_TYPE *value = X509_ATTRIBUTE_get0_type(attr, 0);
-    if (old != nullptr && value != nullptr && value->type == V_ASN1_SEQUENCE) {
-        *old = Copy(value->value.sequence->data, value->value.sequence->length);
-    }
-    X509_ATTRIBUTE_free(attr);
-    unsigned char *der = nullptr;
-    int len = 0;
-    if (CMS_unsigned_add1_attr_by_NID(si, NID_id_smime_aa_timeStampToken, V_ASN1_SEQUENCE, token,
-                                      static_cast<int>(size)) != 1 ||
-        (len = i2d_CMS_ContentInfo(cms.get(), &der)) <= 0) {
-        ERR_clear_error();
-        return {};
-    }
-    Bytes out(der, der + len);
-    OPENSSL_free(der);
-    return out;
-}
-
-// Begin, two Updates and Final on a fresh context; the verdict. For an
-// accepted input, *parts are its signed bytes (read while the context still
-// holds the store the verification used).
+// The verdict of Begin, two Updates and Final on a fresh context; *parts the
+// signed bytes of an accepted input, read against the store that verified it.
 uint32_t Verify(const uint8_t *data, size_t size, std::vector<Bytes> *parts) {
     DorvexVrfCtx *ctx = fuzz_support::NewCtx();
     Check(DorvexVerifyAddCert(ctx, g_root.data(), static_cast<uint32_t>(g_root.size())) ==
@@ -202,14 +148,6 @@ uint32_t Verify(const uint8_t *data, size_t size, std::vector<Bytes> *parts) {
     return result;
 }
 
-void Judge(const uint8_t *data, size_t size) {
-    std::vector<Bytes> parts;
-    if (Verify(data, size, &parts) == 1 && parts != g_seedParts) {
-        fprintf(stderr, "fuzz_verify: accepted although its signed bytes are not the seed's\n");
-        abort();
-    }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
@@ -217,29 +155,19 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     g_root = fuzz_support::ReadOrDie(dir + "/root.der");
     g_crls = fuzz_support::ReadOrDie(dir + "/crls+ca.pem");
     g_content = fuzz_support::ReadOrDie(dir + "/sha256sums");
-    g_signature = fuzz_support::ReadOrDie(dir + "/sha256sums.p7s");
-    // The real token, taken out for a NULL element in its place.
-    const uint8_t null[] = {0x05, 0x00};
-    Bytes token;
-    (void)WithToken(null, sizeof null, &token);
-    if (Verify(g_signature.data(), g_signature.size(), &g_seedParts) != 1 ||
-        WithToken(token.data(), token.size()) != g_signature) {
-        Die("the demo package does not verify, or its token cannot be put back in place");
+    const Bytes signature = fuzz_support::ReadOrDie(dir + "/sha256sums.p7s");
+    if (Verify(signature.data(), signature.size(), &g_seedParts) != 1) {
+        Die("the demo package does not verify");
     }
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size == 0 || size > DORVEX_MAX_FILE_SIZE) {
-        return 0;
-    }
-    Judge(data, size);
-    // A token too large for a signature file adds nothing.
-    if (size <= DORVEX_MAX_FILE_SIZE / 2) {
-        const Bytes signature = WithToken(data, size);
-        if (!signature.empty()) {
-            Judge(signature.data(), signature.size());
-        }
+    std::vector<Bytes> parts;
+    if (size > 0 && size <= DORVEX_MAX_FILE_SIZE && Verify(data, size, &parts) == 1 &&
+        parts != g_seedParts) {
+        fprintf(stderr, "fuzz_verify: accepted although its signed bytes are not the seed's\n");
+        abort();
     }
     return 0;
 }

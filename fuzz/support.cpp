@@ -1,10 +1,6 @@
-// Linked into every harness.
-//
-// The libraries' log records are dropped, so that millions of rejected inputs
-// neither slow the run down nor fill the host's system log; their formatting
-// still runs, which is what matters here. The logging library's product paths
-// (/dev/shm/dbglog.cfg and its configuration files) are moved under a scratch
-// directory that is removed at exit, so a fuzzing run leaves the host alone.
+// Linked into every harness: log records are formatted, then dropped, and
+// the logging library's paths (/dev/shm/dbglog.cfg and the rest) lie under a
+// scratch folder removed at exit, so a run leaves the host alone.
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -41,8 +37,7 @@ __attribute__((constructor)) void InstallScratchRoot() {
 
 }  // namespace
 
-// The fuzzing build (clang, no _FORTIFY_SOURCE) calls syslog itself, never
-// the checking variants.
+// Without _FORTIFY_SOURCE the libraries call plain syslog.
 extern "C" void syslog(int, const char *format, ...) {
     char text[512];
     va_list args;

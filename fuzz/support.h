@@ -1,6 +1,5 @@
-// What the harnesses share: the abort that marks a broken promise, bounds
-// checks, a fresh context, the generator's files and owners of OpenSSL
-// objects. support.cpp keeps the libraries' logging off the host.
+// What the harnesses share: checks, a fresh context, the generator's files
+// and owners of OpenSSL objects.
 #ifndef FUZZ_SUPPORT_H
 #define FUZZ_SUPPORT_H
 
@@ -43,8 +42,7 @@ inline bool Inside(const DorvexAsnOcts &o, const uint8_t *data, size_t size) {
     return o.data == nullptr || (o.data >= data && o.len <= size && o.data + o.len <= data + size);
 }
 
-// The store within its capacity, holding live records that own their bytes
-// (never pointers into the caller's).
+// The store within capacity; its records live and own their bytes.
 inline void CheckStore(const DorvexVrfCtx *ctx, const uint8_t *data, size_t size) {
     auto outside = [&](const DorvexAsnOcts &o) {
         return o.data == nullptr || o.data + o.len <= data || o.data >= data + size;
@@ -64,7 +62,7 @@ inline void CheckStore(const DorvexVrfCtx *ctx, const uint8_t *data, size_t size
     }
 }
 
-// A context with an empty store; creating one cannot fail here.
+// A context with an empty store.
 inline DorvexVrfCtx *NewCtx() {
     DorvexCtxCreateParams params{};
     params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
@@ -83,7 +81,6 @@ inline std::string FolderOf(const char *variable, const char *what) {
     return dir;
 }
 
-// A file of the generator's material; a harness without it cannot run.
 inline Bytes ReadOrDie(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());

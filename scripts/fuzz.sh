@@ -120,41 +120,18 @@ for f in "$demo"/faults/*/sha256sums.p7s; do
     cp "$f" "$material/pool/$(basename "$(dirname "$f")").p7s"
 done
 
-# The timestamp token of a signature file (DER): the element after the
-# id-aa-timeStampToken attribute's SET header. Nothing for a signature
-# without one.
-token_of() {
-    local sig=$1 out=$2 line offset header length
-    line=$(openssl asn1parse -inform DER -in "$sig" 2>/dev/null |
-        awk '/:id-smime-aa-timeStampToken/ { getline; getline; print; exit }') || true
-    [[ $line =~ ^\ *([0-9]+):d=[0-9]+\ +hl=([0-9]+)\ +l=\ *([0-9]+)\ +cons:\ +SEQUENCE ]] || return 0
-    offset=${BASH_REMATCH[1]} header=${BASH_REMATCH[2]} length=${BASH_REMATCH[3]}
-    tail -c "+$((offset + 1))" "$sig" | head -c "$((header + length))" >"$out"
-}
-mkdir -p "$material/tokens"
-token_of "$demo/sha256sums.p7s" "$material/tokens/demo.tst"
-for f in "$demo"/faults/*/sha256sums.p7s; do
-    token_of "$f" "$material/tokens/$(basename "$(dirname "$f")").tst"
-done
-if [[ ! -s $material/tokens/demo.tst ]]; then
-    echo "fuzz: no timestamp token found in the demo signature" >&2
-    exit 1
-fi
-cp "$material"/tokens/*.tst "$material/pool/"
-
-# The DER decoders: the pool, and certificates with EC keys and a PSS
-# signature from the path pool.
+# The certificate and CRL walk: the pool, and certificates with EC keys and a
+# PSS signature from the path pool.
 seeds_fuzz_der() {
     local dir=$1
     cp "$material"/pool/* "$dir/"
     cp "$material"/path-pool/cert-1[6-9]-*.der "$dir/"
 }
 
-# The valid package signature (DER and PEM) and every spoiled one, and the
-# tokens of each as the input of the token road.
+# The valid package signature (DER and PEM) and every spoiled one.
 seeds_fuzz_verify() {
     local dir=$1 f
-    cp "$demo/sha256sums.p7s" "$demo/sha256sums.p7s.pem" "$material"/tokens/*.tst "$dir/"
+    cp "$demo/sha256sums.p7s" "$demo/sha256sums.p7s.pem" "$dir/"
     for f in "$demo"/faults/*/sha256sums.p7s; do
         cp "$f" "$dir/$(basename "$(dirname "$f")").p7s"
     done
@@ -215,9 +192,9 @@ seeds_fuzz_intake() {
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 
-# The harnesses that merge several decoders run longer: fuzz_der and
-# fuzz_intake serve four former harnesses each, fuzz_verify two.
-declare -A weight=([fuzz_der]=3 [fuzz_intake]=3 [fuzz_verify]=2)
+# The harnesses that merge several decoders run longer: fuzz_der serves
+# three former harnesses, fuzz_intake four.
+declare -A weight=([fuzz_der]=2 [fuzz_intake]=3)
 
 # One harness: seeds, a run of $seconds times its weight, and a verdict
 # file. Standard output is closed in the target: the library prints a line
