@@ -1,14 +1,11 @@
-// Path validation with revocation against OpenSSL's X509_verify_cert. The
-// input picks from the pool in VT_FUZZ_PATH_POOL ('testpki path-pool'):
-// byte 0 the time (an index into every pool date, a second before, at and
-// after), byte 1 bit 0 strict revocation, byte 2 the target among the
-// certificates taken, bytes 3-5 one bit per pool certificate (little-endian,
-// the first 16 picked), then per CRL slot 0 for none or the variant v - 1
-// (modulo); missing bytes are 0. OpenSSL gets self-signed certificates as
-// anchors, CRL_CHECK, CRL_CHECK_ALL and EXTENDED_CRL_SUPPORT (without it
-// every indirect CRL is ignored). Forgiven, Refused and Withheld bend its run
-// to our rule where we depart on purpose (SECURITY.md); any other difference
-// in the verdicts aborts.
+// Path validation with revocation against OpenSSL's X509_verify_cert on a
+// pool from 'testpki path-pool' (VT_FUZZ_PATH_POOL). Input bytes (missing
+// ones are 0): the time (an index into every pool date, a second before, at
+// and after), bit 0 strict revocation, the target among the certificates
+// taken, three of one bit per pool certificate (little-endian, at most 16
+// taken), then one per CRL slot (0 none, else variant v - 1, modulo).
+// Forgiven, Refused and Withheld bend OpenSSL's run to our rule where we
+// depart on purpose (SECURITY.md); any other difference in verdicts aborts.
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
@@ -29,16 +26,14 @@ using fuzz_support::Deleter;
 using fuzz_support::Die;
 using fuzz_support::X509Ptr;
 
-struct PoolCert {
+template <typename Ptr>
+struct Pooled {
     std::string name;
     Bytes der;
-    X509Ptr x509;
+    Ptr openssl;
 };
-struct PoolCrl {
-    std::string name;
-    Bytes der;
-    CrlPtr crl;
-};
+using PoolCert = Pooled<X509Ptr>;
+using PoolCrl = Pooled<CrlPtr>;
 
 std::vector<PoolCert> g_certs;
 std::vector<std::vector<PoolCrl>> g_slots;  // by signer letter
@@ -65,10 +60,8 @@ int64_t Epoch(const ASN1_TIME *t) {
 }
 
 void LoadPool(const std::filesystem::path &dir) {
-    std::vector<std::filesystem::path> files;
-    for (const auto &entry : std::filesystem::directory_iterator(dir)) {
-        files.push_back(entry.path());
-    }
+    using Listing = std::filesystem::directory_iterator;
+    std::vector<std::filesystem::path> files(Listing{dir}, Listing{});
     std::sort(files.begin(), files.end());
     std::map<char, size_t> slotOf;
     for (const auto &file : files) {
@@ -103,14 +96,14 @@ void LoadPool(const std::filesystem::path &dir) {
         }
     };
     for (const PoolCert &c : g_certs) {
-        add(X509_get0_notBefore(c.x509.get()));
-        add(X509_get0_notAfter(c.x509.get()));
+        add(X509_get0_notBefore(c.openssl.get()));
+        add(X509_get0_notAfter(c.openssl.get()));
     }
     for (const auto &slot : g_slots) {
         for (const PoolCrl &c : slot) {
-            add(X509_CRL_get0_lastUpdate(c.crl.get()));
-            add(X509_CRL_get0_nextUpdate(c.crl.get()));
-            STACK_OF(X509_REVOKED) *revoked = X509_CRL_get_REVOKED(c.crl.get());
+            add(X509_CRL_get0_lastUpdate(c.openssl.get()));
+            add(X509_CRL_get0_nextUpdate(c.openssl.get()));
+            STACK_OF(X509_REVOKED) *revoked = X509_CRL_get_REVOKED(c.openssl.get());
             for (int i = 0; i < sk_X509_REVOKED_num(revoked); ++i) {
                 add(X509_REVOKED_get0_revocationDate(sk_X509_REVOKED_value(revoked, i)));
             }
@@ -144,8 +137,7 @@ Case Decode(const uint8_t *data, size_t size) {
     return c;
 }
 
-// DorvexPkiVerifyCert's result, the certificates and the CRLs added as one
-// DER stream each.
+// DorvexPkiVerifyCert's result, certificates and CRLs added as a stream each.
 uint32_t Ours(const Case &c) {
     DorvexVrfCtx *ctx = fuzz_support::NewCtx();
     Bytes certs;
@@ -202,11 +194,9 @@ bool IsCa(X509 *cert) {
     return (X509_get_extension_flags(cert) & EXFLAG_CA) != 0;
 }
 
-// Whether `crl` lists the current certificate (removeFromCRL counts) and
-// revokes it at the time by our rules: the date decides for an end entity
-// unless strict (a CRL signer's own path, in a child context, is strict), and
-// for any certificate whose reason says the key is sound (3, 4, 5).
-// *dated: listed, but the date has not come yet.
+// Whether `crl` lists the current certificate and revokes it at the time: the
+// date decides for an end entity unless strict (a CRL signer's path is), and
+// for any whose reason keeps the key sound (3, 4, 5). *dated: not yet.
 bool RevokesByOurRules(X509_STORE_CTX *ctx, X509_CRL *crl, const Case &c, bool *dated = nullptr) {
     X509_REVOKED *entry = nullptr;
     if (crl == nullptr || X509_CRL_get0_by_cert(crl, &entry, Current(ctx)) == 0) {
@@ -262,7 +252,7 @@ bool NamesCrlIssuer(X509 *cert, const X509_NAME *issuer) {
 bool IndirectRevokes(X509_STORE_CTX *ctx, const Case &c) {
     X509 *cert = Current(ctx);
     for (const PoolCrl *p : c.crls) {
-        X509_CRL *crl = p->crl.get();
+        X509_CRL *crl = p->openssl.get();
         std::unique_ptr<ISSUING_DIST_POINT, Deleter<ISSUING_DIST_POINT_free>> idp(
             static_cast<ISSUING_DIST_POINT *>(
                 X509_CRL_get_ext_d2i(crl, NID_issuing_distribution_point, nullptr, nullptr)));
@@ -272,9 +262,9 @@ bool IndirectRevokes(X509_STORE_CTX *ctx, const Case &c) {
             continue;
         }
         for (const PoolCert *signer : c.certs) {
-            if (X509_NAME_cmp(X509_get_subject_name(signer->x509.get()),
+            if (X509_NAME_cmp(X509_get_subject_name(signer->openssl.get()),
                               X509_CRL_get_issuer(crl)) != 0 ||
-                X509_CRL_verify(crl, X509_get0_pubkey(signer->x509.get())) != 1) {
+                X509_CRL_verify(crl, X509_get0_pubkey(signer->openssl.get())) != 1) {
                 continue;
             }
             Case signerCase = c;
@@ -344,11 +334,11 @@ bool Refused(X509_STORE_CTX *ctx, const Case &c) {
 // by the key that signed the target (a re-keyed CA's new key says nothing of
 // the old one's certificates). In the pool only targets have such issuers.
 bool Withheld(X509_CRL *crl, const Case &c) {
-    X509 *target = c.target->x509.get();
+    X509 *target = c.target->openssl.get();
     return X509_NAME_cmp(X509_CRL_get_issuer(crl), X509_get_issuer_name(target)) == 0 &&
            std::any_of(c.certs.begin(), c.certs.end(), [&](const PoolCert *issuer) {
-               EVP_PKEY *key = X509_get0_pubkey(issuer->x509.get());
-               return X509_NAME_cmp(X509_get_subject_name(issuer->x509.get()),
+               EVP_PKEY *key = X509_get0_pubkey(issuer->openssl.get());
+               return X509_NAME_cmp(X509_get_subject_name(issuer->openssl.get()),
                                     X509_get_issuer_name(target)) == 0 &&
                       X509_verify(target, key) == 1 && X509_CRL_verify(crl, key) != 1;
            });
@@ -386,6 +376,8 @@ struct StackFree {
     void operator()(void *stack) const { OPENSSL_sk_free(static_cast<OPENSSL_STACK *>(stack)); }
 };
 
+// Self-signed certificates are anchors; without EXTENDED_CRL_SUPPORT OpenSSL
+// ignores every indirect CRL.
 bool Openssl(const Case &c, int *error) {
     std::unique_ptr<X509_STORE, Deleter<X509_STORE_free>> store(X509_STORE_new());
     std::unique_ptr<X509_STORE_CTX, Deleter<X509_STORE_CTX_free>> ctx(X509_STORE_CTX_new());
@@ -395,20 +387,20 @@ bool Openssl(const Case &c, int *error) {
     fuzz_support::Check(store != nullptr && untrusted != nullptr && crls != nullptr &&
                         ctx != nullptr);
     for (const PoolCert *p : c.certs) {
-        if ((X509_get_extension_flags(p->x509.get()) & EXFLAG_SS) != 0) {
-            X509_STORE_add_cert(store.get(), p->x509.get());
+        if ((X509_get_extension_flags(p->openssl.get()) & EXFLAG_SS) != 0) {
+            X509_STORE_add_cert(store.get(), p->openssl.get());
         } else {
-            sk_X509_push(untrusted.get(), p->x509.get());
+            sk_X509_push(untrusted.get(), p->openssl.get());
         }
     }
     for (const PoolCrl *p : c.crls) {
-        if (!Withheld(p->crl.get(), c)) {
-            sk_X509_CRL_push(crls.get(), p->crl.get());
+        if (!Withheld(p->openssl.get(), c)) {
+            sk_X509_CRL_push(crls.get(), p->openssl.get());
         }
     }
     X509_STORE_set_check_crl(store.get(), CheckCrl);
     fuzz_support::Check(
-        X509_STORE_CTX_init(ctx.get(), store.get(), c.target->x509.get(), untrusted.get()) == 1);
+        X509_STORE_CTX_init(ctx.get(), store.get(), c.target->openssl.get(), untrusted.get()) == 1);
     X509_STORE_CTX_set0_crls(ctx.get(), crls.get());
     X509_VERIFY_PARAM *param = X509_STORE_CTX_get0_param(ctx.get());
     X509_VERIFY_PARAM_set_flags(param, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL |
@@ -431,7 +423,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     std::unique_ptr<X509_STORE, Deleter<X509_STORE_free>> store(X509_STORE_new());
     std::unique_ptr<X509_STORE_CTX, Deleter<X509_STORE_CTX_free>> ctx(X509_STORE_CTX_new());
     if (store == nullptr || ctx == nullptr ||
-        X509_STORE_CTX_init(ctx.get(), store.get(), g_certs[0].x509.get(), nullptr) != 1 ||
+        X509_STORE_CTX_init(ctx.get(), store.get(), g_certs[0].openssl.get(), nullptr) != 1 ||
         (g_checkCrl = X509_STORE_CTX_get_check_crl(ctx.get())) == nullptr) {
         Die("OpenSSL's CRL check cannot be found");
     }
@@ -450,12 +442,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 "fuzz_diff_path: verdicts differ on %s at %lld%s: ours 0x%08x, OpenSSL %s\n",
                 c.target->name.c_str(), static_cast<long long>(c.time), c.strict ? " (strict)" : "",
                 ours, error == X509_V_OK ? "accepts" : X509_verify_cert_error_string(error));
-        for (const PoolCert *p : c.certs) {
-            fprintf(stderr, "  certificate %s\n", p->name.c_str());
-        }
-        for (const PoolCrl *p : c.crls) {
-            fprintf(stderr, "  CRL %s\n", p->name.c_str());
-        }
         abort();
     }
     return 0;

@@ -1,10 +1,7 @@
-// Detached signature verification, end to end: the input as the whole
-// signature (DER or PEM), through Begin, two Updates and Final on a context
-// that holds the demo root, the CA certificate and both CRLs (from the folder
-// VT_FUZZ_VERIFY_DIR names). Checks that Final leaves nothing pending, the
-// store, and the verdict: only the holders of the demo keys can sign new
-// bytes, so an accepted input must carry exactly the bytes the demo signers
-// signed (SECURITY.md lists them), read back with the library's decoders.
+// The input as a whole signature (DER or PEM) through Begin, two Updates and
+// Final, trusting the demo package in VT_FUZZ_VERIFY_DIR. Checks that nothing
+// stays pending, the store, and the verdict: only the demo keys can sign, so
+// an accepted input must carry exactly the demo's signed bytes (SECURITY.md).
 #include <string_view>
 
 #include "cms/asn1/pkcs7.h"
@@ -25,8 +22,7 @@ Bytes Copy(const uint8_t *data, size_t len) {
     return data == nullptr ? Bytes{} : Bytes(data, data + len);
 }
 
-// A signature value as the number it is: the verifier puts back the leading
-// zero octets that an encoder may drop, so they carry no meaning.
+// A signature value as a number: the verifier restores dropped leading zeros.
 Bytes Number(const DorvexAsnOcts &value) {
     size_t skip = 0;
     while (skip < value.len && value.data[skip] == 0) {
@@ -35,14 +31,12 @@ Bytes Number(const DorvexAsnOcts &value) {
     return Copy(value.data + skip, value.len - skip);
 }
 
-// The signed attributes as signed: the SET's length and content (the
-// signature covers them behind 0x31, whatever the [0] tag octet says).
+// The signed attributes less the [0] tag octet, for which 0x31 is signed.
 Bytes Attributes(const DorvexAsnOcts &raw) {
     return raw.len == 0 || raw.data == nullptr ? Bytes{} : Copy(raw.data + 1, raw.len - 1);
 }
 
-// The certificate the signer names in the context's store (as the verifier
-// looks it up), then each issuer up to the self-signed one.
+// The signer's certificate as the verifier looks it up, then its issuers.
 void AddPath(const DorvexVrfCtx *ctx, const DorvexPkcs7IssuerAndSerial &id,
              std::vector<Bytes> &out) {
     const DorvexX509Cert *cert = DorvexPkiFindCertByIssuerSn(ctx, &id.issuer, &id.serialNumber);
@@ -57,50 +51,46 @@ void AddPath(const DorvexVrfCtx *ctx, const DorvexPkcs7IssuerAndSerial &id,
     out.emplace_back();  // no certificate, or a path that ends nowhere
 }
 
+using SignedPtr = std::unique_ptr<DorvexPkcs7Content, fuzz_support::Deleter<DorvexPkcs7FreeSigned>>;
+
+// A SignedData with one signer, else null.
+SignedPtr OneSigner(const uint8_t *data, size_t size) {
+    DorvexPkcs7Content *content = nullptr;
+    uint32_t used = 0;
+    const uint32_t rc = DorvexPkcs7DecodeSigned(data, static_cast<uint32_t>(size), &content, &used);
+    SignedPtr out(rc == DORVEX_OK ? content : nullptr);
+    return out != nullptr && out->signedData.signerInfos.count == 1 ? std::move(out) : nullptr;
+}
+
 // The signed bytes of the signature `der` that ctx verified; false unless it
 // has one signer and a token with one signer and a TSTInfo.
 bool SignedParts(const DorvexVrfCtx *ctx, const Bytes &der, std::vector<Bytes> &out) {
-    out.clear();
-    DorvexPkcs7Content *sig = nullptr;
-    uint32_t used = 0;
-    if (DorvexPkcs7DecodeSigned(der.data(), static_cast<uint32_t>(der.size()), &sig, &used) !=
-        DORVEX_OK) {
+    const SignedPtr sig = OneSigner(der.data(), der.size());
+    if (sig == nullptr) {
         return false;
     }
-    DorvexPkcs7Content *token = nullptr;
+    const DorvexPkcs7SignedInfo &signer = sig->signedData.signerInfos.signerInfo[0];
+    const DorvexAsnOcts &t = signer.unsignedAttrs.timestampToken;
+    const SignedPtr token = OneSigner(t.data, t.len);
+    // eContent [0] holds an OCTET STRING whose content is the TSTInfo.
     void *tst = nullptr;
-    bool ok = sig->signedData.signerInfos.count == 1;
-    if (ok) {
-        const DorvexPkcs7SignedInfo &signer = sig->signedData.signerInfos.signerInfo[0];
-        out.push_back(Attributes(signer.signedAttrsRaw));
-        out.push_back(Number(signer.signature));
-        const DorvexAsnOcts &t = signer.unsignedAttrs.timestampToken;
-        ok = DorvexPkcs7DecodeSigned(t.data, t.len, &token, &used) == DORVEX_OK &&
-             token->signedData.signerInfos.count == 1;
-        if (ok) {
-            // eContent [0] holds an OCTET STRING whose content is the TSTInfo.
-            const DorvexAsnOcts &econtent = token->signedData.contentInfo.content;
-            ok = DorvexAsnDecode(econtent.data, econtent.len, &g_itemDorvexAsnOcts, 0, &tst,
-                                 &used) == DORVEX_OK;
-        }
-        if (ok) {
-            const auto *info = static_cast<const DorvexAsnOcts *>(tst);
-            const DorvexPkcs7SignedInfo &tsa = token->signedData.signerInfos.signerInfo[0];
-            out.push_back(Copy(info->data, info->len));
-            out.push_back(Attributes(tsa.signedAttrsRaw));
-            out.push_back(Number(tsa.signature));
-            AddPath(ctx, signer.issuerAndSerial, out);
-            AddPath(ctx, tsa.issuerAndSerial, out);
-        }
+    uint32_t used = 0;
+    if (token == nullptr || DorvexAsnDecode(token->signedData.contentInfo.content.data,
+                                            token->signedData.contentInfo.content.len,
+                                            &g_itemDorvexAsnOcts, 0, &tst, &used) != DORVEX_OK) {
+        return false;
     }
+    const auto *info = static_cast<const DorvexAsnOcts *>(tst);
+    const DorvexPkcs7SignedInfo &tsa = token->signedData.signerInfos.signerInfo[0];
+    out = {Attributes(signer.signedAttrsRaw), Number(signer.signature), Copy(info->data, info->len),
+           Attributes(tsa.signedAttrsRaw), Number(tsa.signature)};
     DorvexAsnFree(tst, &g_itemDorvexAsnOcts);
-    DorvexPkcs7FreeSigned(token);
-    DorvexPkcs7FreeSigned(sig);
-    return ok;
+    AddPath(ctx, signer.issuerAndSerial, out);
+    AddPath(ctx, tsa.issuerAndSerial, out);
+    return true;
 }
 
-// The input itself, or the body of its CMS or PKCS7 armour as the library
-// decodes it.
+// The input, or the body of its CMS or PKCS7 armour.
 Bytes SignatureDer(const uint8_t *data, size_t size) {
     const std::string_view text(reinterpret_cast<const char *>(data), size);
     for (const std::string label : {"CMS", "PKCS7"}) {
@@ -137,8 +127,7 @@ uint32_t Verify(const uint8_t *data, size_t size, std::vector<Bytes> *parts) {
     // Also after a failed Begin: what it left pending is finished and freed.
     uint32_t result = 0;
     (void)DorvexVerifyDetachSignatureFinal(ctx, &result);
-    Check(result == 0 || result == 1);
-    Check(ctx->processes.count == 0);
+    Check((result == 0 || result == 1) && ctx->processes.count == 0);
     fuzz_support::CheckStore(ctx, data, size);
     if (result == 1 && !SignedParts(ctx, SignatureDer(data, size), *parts)) {
         fprintf(stderr, "fuzz_verify: accepted, but its signers cannot be read back\n");

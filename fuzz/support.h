@@ -31,7 +31,7 @@ inline void Check(bool ok) {
     }
 }
 
-// The harness cannot run at all (missing or broken material).
+// Missing or broken material: the harness cannot run.
 [[noreturn]] inline void Die(const std::string &why) {
     fprintf(stderr, "fuzz: %s\n", why.c_str());
     exit(1);
@@ -42,11 +42,13 @@ inline bool Inside(const DorvexAsnOcts &o, const uint8_t *data, size_t size) {
     return o.data == nullptr || (o.data >= data && o.len <= size && o.data + o.len <= data + size);
 }
 
+inline bool Outside(const void *p, const uint8_t *data, size_t size) {
+    const auto *b = static_cast<const uint8_t *>(p);
+    return b < data || b >= data + size;
+}
+
 // The store within capacity; its records live and own their bytes.
 inline void CheckStore(const DorvexVrfCtx *ctx, const uint8_t *data, size_t size) {
-    auto outside = [&](const DorvexAsnOcts &o) {
-        return o.data == nullptr || o.data + o.len <= data || o.data >= data + size;
-    };
     const DorvexPkiStore *store = ctx->pki;
     Check(store != nullptr);
     Check(store->certs.count >= 0 && store->certs.count <= DORVEX_LIST_CAPACITY);
@@ -54,15 +56,14 @@ inline void CheckStore(const DorvexVrfCtx *ctx, const uint8_t *data, size_t size
     Check(ctx->rawBuffers.count >= 0 && ctx->rawBuffers.count <= DORVEX_LIST_CAPACITY);
     for (int32_t i = 0; i < store->certs.count; ++i) {
         const auto *cert = static_cast<const DorvexX509Cert *>(store->certs.items[i]);
-        Check(cert->refCount >= 1 && outside(cert->tbsRaw));
+        Check(cert->refCount >= 1 && Outside(cert->tbsRaw.data, data, size));
     }
     for (int32_t i = 0; i < store->crls.count; ++i) {
         const auto *crl = static_cast<const DorvexX509Crl *>(store->crls.items[i]);
-        Check(crl->refCount >= 1 && outside(crl->tbsRaw));
+        Check(crl->refCount >= 1 && Outside(crl->tbsRaw.data, data, size));
     }
 }
 
-// A context with an empty store.
 inline DorvexVrfCtx *NewCtx() {
     DorvexCtxCreateParams params{};
     params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
