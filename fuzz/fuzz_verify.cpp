@@ -1,84 +1,118 @@
-// Detached signature verification of arbitrary bytes: Begin, Update and
-// Final on a context that holds the demo root, the CA certificate and both
-// CRLs, so mutated signatures get past decoding into the timestamp, path and
-// signature checks. Besides the sanitizers, checks that Final leaves nothing
-// pending, that the store and buffer lists stay within their capacity, that
-// no stored record points into the caller's bytes, and that an accepted
-// input signs exactly what the demo package's signature signs (the oracle
-// of signed_parts.h): anything else accepted is a wrong verdict.
-//
-// The trust material, the signed content and the seed signature come from a
-// demo package that the test-PKI generator wrote into the folder named by
-// VT_FUZZ_VERIFY_DIR (scripts/fuzz.sh does that): root.der, crls+ca.pem,
-// sha256sums and sha256sums.p7s.
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
-
-#include <fstream>
-#include <iterator>
-#include <string>
+// The input as a whole signature (DER or PEM) through Begin, two Updates and
+// Final, trusting the demo package in VT_FUZZ_VERIFY_DIR. Checks that nothing
+// stays pending, the store, and the verdict: only the demo keys can sign, so
+// an accepted input must carry exactly the demo's signed bytes (SECURITY.md).
 #include <string_view>
-#include <vector>
 
-#include "cms/dorvex.h"
-#include "cms/internal.h"
-#include "cms/pki/pki.h"
-#include "fuzz/signed_parts.h"
+#include "cms/asn1/pkcs7.h"
 #include "fuzz/support.h"
 
 namespace {
 
+using fuzz_support::Bytes;
 using fuzz_support::Check;
-using fuzz_support::ReadOrDie;
-
-using Bytes = std::vector<uint8_t>;
+using fuzz_support::Die;
 
 Bytes g_root;
 Bytes g_crls;
 Bytes g_content;
 std::vector<Bytes> g_seedParts;
 
-// The DER of a signature input: itself, or the body of its CMS or PKCS7
-// armour decoded as the library decodes it. Empty when neither.
+Bytes Copy(const uint8_t *data, size_t len) {
+    return data == nullptr ? Bytes{} : Bytes(data, data + len);
+}
+
+// A signature value as a number: the verifier restores dropped leading zeros.
+Bytes Number(const DorvexAsnOcts &value) {
+    size_t skip = 0;
+    while (skip < value.len && value.data[skip] == 0) {
+        ++skip;
+    }
+    return Copy(value.data + skip, value.len - skip);
+}
+
+// The signed attributes less the [0] tag octet, for which 0x31 is signed.
+Bytes Attributes(const DorvexAsnOcts &raw) {
+    return raw.len == 0 || raw.data == nullptr ? Bytes{} : Copy(raw.data + 1, raw.len - 1);
+}
+
+// The signer's certificate as the verifier looks it up, then its issuers.
+void AddPath(const DorvexVrfCtx *ctx, const DorvexPkcs7IssuerAndSerial &id,
+             std::vector<Bytes> &out) {
+    const DorvexX509Cert *cert = DorvexPkiFindCertByIssuerSn(ctx, &id.issuer, &id.serialNumber);
+    for (int i = 0; i < 16 && cert != nullptr; ++i) {
+        out.push_back(Copy(cert->tbsRaw.data, cert->tbsRaw.len));
+        out.push_back(Number(cert->signature));
+        if (cert->issuerCert == cert) {
+            return;
+        }
+        cert = cert->issuerCert;
+    }
+    out.emplace_back();  // no certificate, or a path that ends nowhere
+}
+
+using SignedPtr = std::unique_ptr<DorvexPkcs7Content, fuzz_support::Deleter<DorvexPkcs7FreeSigned>>;
+
+// A SignedData with one signer, else null.
+SignedPtr OneSigner(const uint8_t *data, size_t size) {
+    DorvexPkcs7Content *content = nullptr;
+    uint32_t used = 0;
+    const uint32_t rc = DorvexPkcs7DecodeSigned(data, static_cast<uint32_t>(size), &content, &used);
+    SignedPtr out(rc == DORVEX_OK ? content : nullptr);
+    return out != nullptr && out->signedData.signerInfos.count == 1 ? std::move(out) : nullptr;
+}
+
+// The signed bytes of the signature `der` that ctx verified; false unless it
+// has one signer and a token with one signer and a TSTInfo.
+bool SignedParts(const DorvexVrfCtx *ctx, const Bytes &der, std::vector<Bytes> &out) {
+    const SignedPtr sig = OneSigner(der.data(), der.size());
+    if (sig == nullptr) {
+        return false;
+    }
+    const DorvexPkcs7SignedInfo &signer = sig->signedData.signerInfos.signerInfo[0];
+    const DorvexAsnOcts &t = signer.unsignedAttrs.timestampToken;
+    const SignedPtr token = OneSigner(t.data, t.len);
+    // eContent [0] holds an OCTET STRING whose content is the TSTInfo.
+    void *tst = nullptr;
+    uint32_t used = 0;
+    if (token == nullptr || DorvexAsnDecode(token->signedData.contentInfo.content.data,
+                                            token->signedData.contentInfo.content.len,
+                                            &g_itemDorvexAsnOcts, 0, &tst, &used) != DORVEX_OK) {
+        return false;
+    }
+    const auto *info = static_cast<const DorvexAsnOcts *>(tst);
+    const DorvexPkcs7SignedInfo &tsa = token->signedData.signerInfos.signerInfo[0];
+    out = {Attributes(signer.signedAttrsRaw), Number(signer.signature), Copy(info->data, info->len),
+           Attributes(tsa.signedAttrsRaw), Number(tsa.signature)};
+    DorvexAsnFree(tst, &g_itemDorvexAsnOcts);
+    AddPath(ctx, signer.issuerAndSerial, out);
+    AddPath(ctx, tsa.issuerAndSerial, out);
+    return true;
+}
+
+// The input, or the body of its CMS or PKCS7 armour.
 Bytes SignatureDer(const uint8_t *data, size_t size) {
     const std::string_view text(reinterpret_cast<const char *>(data), size);
-    if (!text.starts_with("-----BEGIN")) {
-        return Bytes(data, data + size);
-    }
-    for (const std::string_view label : {"CMS", "PKCS7"}) {
-        const std::string header = "-----BEGIN " + std::string(label) + "-----";
-        const size_t end = text.find("-----END " + std::string(label) + "-----");
-        if (!text.starts_with(header) || end == std::string_view::npos) {
-            continue;
-        }
+    for (const std::string label : {"CMS", "PKCS7"}) {
+        const std::string header = "-----BEGIN " + label + "-----";
+        const size_t end = text.find("-----END " + label + "-----");
         uint8_t *der = nullptr;
         uint32_t len = 0;
-        if (InternalBase64Decode(text.data() + header.size(), text.data() + end, &der, &len) !=
-            DORVEX_OK) {
-            return {};
+        if (text.starts_with(header) && end != std::string_view::npos &&
+            InternalBase64Decode(text.data() + header.size(), text.data() + end, &der, &len) ==
+                DORVEX_OK) {
+            Bytes out(der, der + len);
+            DorvexFree(der);
+            return out;
         }
-        Bytes out(der, der + len);
-        DorvexFree(der);
-        return out;
     }
-    return {};
+    return text.starts_with("-----BEGIN") ? Bytes{} : Bytes(data, data + size);
 }
 
-void CheckCtx(const DorvexVrfCtx *ctx, const uint8_t *data, size_t size) {
-    fuzz_support::CheckStore(ctx, data, size);
-    Check(ctx->processes.count == 0);
-}
-
-// Begin, two Updates and Final on a fresh context; the verdict. For an
-// accepted input, *parts are its signed bytes (read while the context still
-// holds the store the verification used).
+// The verdict of Begin, two Updates and Final on a fresh context; *parts the
+// signed bytes of an accepted input, read against the store that verified it.
 uint32_t Verify(const uint8_t *data, size_t size, std::vector<Bytes> *parts) {
-    DorvexCtxCreateParams params{};
-    params.size = DORVEX_CTX_CREATE_PARAMS_SIZE;
-    DorvexVrfCtx *ctx = nullptr;
-    Check(DorvexVerifyCreateCtx(&ctx, &params) == DORVEX_OK);
+    DorvexVrfCtx *ctx = fuzz_support::NewCtx();
     Check(DorvexVerifyAddCert(ctx, g_root.data(), static_cast<uint32_t>(g_root.size())) ==
           DORVEX_OK);
     Check(DorvexVerifyAddCrl(ctx, g_crls.data(), static_cast<uint32_t>(g_crls.size())) ==
@@ -93,14 +127,11 @@ uint32_t Verify(const uint8_t *data, size_t size, std::vector<Bytes> *parts) {
     // Also after a failed Begin: what it left pending is finished and freed.
     uint32_t result = 0;
     (void)DorvexVerifyDetachSignatureFinal(ctx, &result);
-    Check(result == 0 || result == 1);
-    CheckCtx(ctx, data, size);
-    if (result == 1) {
-        const Bytes der = SignatureDer(data, size);
-        if (!fuzz_oracle::SignedParts(ctx, der.data(), der.size(), *parts)) {
-            fprintf(stderr, "fuzz_verify: accepted, but its signers cannot be read back\n");
-            abort();
-        }
+    Check((result == 0 || result == 1) && ctx->processes.count == 0);
+    fuzz_support::CheckStore(ctx, data, size);
+    if (result == 1 && !SignedParts(ctx, SignatureDer(data, size), *parts)) {
+        fprintf(stderr, "fuzz_verify: accepted, but its signers cannot be read back\n");
+        abort();
     }
     Check(DorvexVrfCtxFree(ctx) == DORVEX_OK);
     return result;
@@ -109,31 +140,21 @@ uint32_t Verify(const uint8_t *data, size_t size, std::vector<Bytes> *parts) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    const char *dir = getenv("VT_FUZZ_VERIFY_DIR");
-    if (dir == nullptr || *dir == '\0') {
-        fprintf(stderr,
-                "fuzz_verify: set VT_FUZZ_VERIFY_DIR to a folder written by "
-                "'testpki demo-package' (scripts/fuzz.sh does)\n");
-        exit(1);
-    }
-    const std::string base(dir);
-    g_root = ReadOrDie(base + "/root.der");
-    g_crls = ReadOrDie(base + "/crls+ca.pem");
-    g_content = ReadOrDie(base + "/sha256sums");
-    const Bytes seed = ReadOrDie(base + "/sha256sums.p7s");
-    if (Verify(seed.data(), seed.size(), &g_seedParts) != 1) {
-        fprintf(stderr, "fuzz_verify: the demo package does not verify\n");
-        exit(1);
+    const std::string dir = fuzz_support::FolderOf("VT_FUZZ_VERIFY_DIR", "demo-package");
+    g_root = fuzz_support::ReadOrDie(dir + "/root.der");
+    g_crls = fuzz_support::ReadOrDie(dir + "/crls+ca.pem");
+    g_content = fuzz_support::ReadOrDie(dir + "/sha256sums");
+    const Bytes signature = fuzz_support::ReadOrDie(dir + "/sha256sums.p7s");
+    if (Verify(signature.data(), signature.size(), &g_seedParts) != 1) {
+        Die("the demo package does not verify");
     }
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size == 0 || size > DORVEX_MAX_FILE_SIZE) {
-        return 0;
-    }
     std::vector<Bytes> parts;
-    if (Verify(data, size, &parts) == 1 && parts != g_seedParts) {
+    if (size > 0 && size <= DORVEX_MAX_FILE_SIZE && Verify(data, size, &parts) == 1 &&
+        parts != g_seedParts) {
         fprintf(stderr, "fuzz_verify: accepted although its signed bytes are not the seed's\n");
         abort();
     }

@@ -6,6 +6,8 @@
 # with the dictionary fuzz/dorvex.dict. Fails on any crash, leak, timeout,
 # out-of-memory or sanitizer report.
 #
+# A harness that serves several decoders gets a multiple of the time (see
+# weight below), so each decoder keeps about the share it had alone.
 # Seeds: a harness gets the DER files of the material pool below, unless a
 # function seeds_<harness> exists, which then fills its seed folder ($1).
 # VT_FUZZ_BUILD names the build folder (default build-fuzz in the tree);
@@ -118,27 +120,13 @@ for f in "$demo"/faults/*/sha256sums.p7s; do
     cp "$f" "$material/pool/$(basename "$(dirname "$f")").p7s"
 done
 
-# The timestamp token of a signature file (DER): the element after the
-# id-aa-timeStampToken attribute's SET header. Nothing for a signature
-# without one.
-token_of() {
-    local sig=$1 out=$2 line offset header length
-    line=$(openssl asn1parse -inform DER -in "$sig" 2>/dev/null |
-        awk '/:id-smime-aa-timeStampToken/ { getline; getline; print; exit }') || true
-    [[ $line =~ ^\ *([0-9]+):d=[0-9]+\ +hl=([0-9]+)\ +l=\ *([0-9]+)\ +cons:\ +SEQUENCE ]] || return 0
-    offset=${BASH_REMATCH[1]} header=${BASH_REMATCH[2]} length=${BASH_REMATCH[3]}
-    tail -c "+$((offset + 1))" "$sig" | head -c "$((header + length))" >"$out"
+# The certificate and CRL walk: the pool, and certificates with EC keys and a
+# PSS signature from the path pool.
+seeds_fuzz_der() {
+    local dir=$1
+    cp "$material"/pool/* "$dir/"
+    cp "$material"/path-pool/cert-1[6-9]-*.der "$dir/"
 }
-mkdir -p "$material/tokens"
-token_of "$demo/sha256sums.p7s" "$material/tokens/demo.tst"
-for f in "$demo"/faults/*/sha256sums.p7s; do
-    token_of "$f" "$material/tokens/$(basename "$(dirname "$f")").tst"
-done
-if [[ ! -s $material/tokens/demo.tst ]]; then
-    echo "fuzz: no timestamp token found in the demo signature" >&2
-    exit 1
-fi
-cp "$material"/tokens/*.tst "$material/pool/"
 
 # The valid package signature (DER and PEM) and every spoiled one.
 seeds_fuzz_verify() {
@@ -147,21 +135,6 @@ seeds_fuzz_verify() {
     for f in "$demo"/faults/*/sha256sums.p7s; do
         cp "$f" "$dir/$(basename "$(dirname "$f")").p7s"
     done
-}
-
-# Tokens of the valid and the spoiled signatures, and a bare TSA certificate
-# and CRL as shapes that are not tokens at all.
-seeds_fuzz_timestamp() {
-    local dir=$1
-    cp "$material"/tokens/*.tst "$demo/tsa.der" "$demo/ca-crl.der" "$dir/"
-}
-
-# Certificates and CRLs only: the two decoders under comparison.
-seeds_fuzz_diff_x509() {
-    local dir=$1
-    cp "$material/pool/cert.der" "$material/pool/crl.der" "$dir/"
-    cp "$demo"/{root,ca,leaf,tsa,root-crl,ca-crl}.der "$dir/"
-    cp "$material"/path-pool/cert-1[6-9]-*.der "$dir/"  # EC keys, a PSS signature
 }
 
 # Choices of the path target (see fuzz/fuzz_diff_path.cpp): every pool
@@ -187,31 +160,18 @@ seeds_fuzz_diff_path() {
     done
 }
 
-# DER and PEM trust material as the intake sees it: every item, the CRL
-# files of the demo package, and the pool's signatures as foreign input.
+# Files a package brings: DER and PEM trust material as the intake sees it
+# (every item, the CRL files of the demo package with and without the CA
+# certificate, the pool's signatures as foreign input), base64 text (PEM
+# files, bare bodies with LF and CR LF, small shapes), and checksum files
+# (the demo package's, in CR LF, with SHA-512 lines, comments, blanks and
+# refused paths).
 seeds_fuzz_intake() {
-    local dir=$1
-    cp "$material"/pool/* "$dir/"
-    cp "$demo"/*.pem "$dir/"
-    cp "$demo/crls.der" "$dir/"
-}
-
-# CRL files of the demo hierarchy, whose root the harness trusts: PEM with the
-# CA certificate, the bare CRLs, and both CRLs with the CA certificate as DER.
-seeds_fuzz_crl_info() {
-    local dir=$1
-    cp "$demo/crls+ca.pem" "$demo/crls.pem" "$demo/crls.der" "$demo/root-crl.der" \
-        "$demo/ca-crl.der" "$demo/ca-crl.pem" "$dir/"
+    local dir=$1 f name h64 h128
+    cp "$material"/pool/* "$material"/{cert,crl,cms}.pem "$demo"/*.pem "$dir/"
     cat "$demo/root-crl.der" "$demo/ca-crl.der" "$demo/ca.der" >"$dir/crls+ca.der"
-}
-
-# Base64 text: PEM files, bare bodies with LF and CR LF, and small shapes.
-seeds_fuzz_base64() {
-    local dir=$1 f
-    for f in "$material"/{cert,crl,cms}.pem "$demo"/*.pem "$demo/sha256sums.p7s.pem"; do
-        local name
+    for f in "$material"/{cert,crl,cms}.pem "$demo"/*.pem; do
         name=$(basename "$f")
-        cp "$f" "$dir/$name"
         grep -v -- '-----' "$f" >"$dir/$name.b64"
         sed 's/$/\r/' "$dir/$name.b64" >"$dir/$name.crlf.b64"
     done
@@ -220,30 +180,28 @@ seeds_fuzz_base64() {
     printf 'QUI=' >"$dir/pad1"
     printf 'QUJD  \r\nRA==  ' >"$dir/blanks"
     printf 'QUJDRA' >"$dir/partial"
-}
-
-# Checksum files: the demo package's, in CR LF, with SHA-512 lines, comments,
-# blanks and refused paths.
-seeds_fuzz_pkg_list() {
-    local dir=$1 h64 h128
     h64=$(printf '%064d' 0)
     h128=$(printf '%0128d' 0)
-    cp "$demo/sha256sums" "$dir/demo"
-    sed 's/$/\r/' "$demo/sha256sums" >"$dir/demo.crlf"
-    printf '# list\n\n%s *a/./b\n%s  c d\n' "$h64" "$h128" >"$dir/mixed"
-    printf '%s  ../x\n%s  /abs\n%s  a//b\n%s  a\n%s  ./a' "$h64" "$h64" "$h64" "$h64" "$h64" >"$dir/refused"
+    cp "$demo/sha256sums" "$dir/sums"
+    sed 's/$/\r/' "$demo/sha256sums" >"$dir/sums.crlf"
+    printf '# list\n\n%s *a/./b\n%s  c d\n' "$h64" "$h128" >"$dir/sums.mixed"
+    printf '%s  ../x\n%s  /abs\n%s  a//b\n%s  a\n%s  ./a' "$h64" "$h64" "$h64" "$h64" "$h64" >"$dir/sums.refused"
 }
 
 # ---- run ------------------------------------------------------------------
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 
-# One harness: seeds, a run of $seconds, and a verdict file. Standard output
-# is closed in the target: the library prints a line for every rejected
-# input. A leak makes libFuzzer exit non-zero; -timeout turns a slow input
+# The harnesses that merge several decoders run longer: fuzz_der serves
+# three former harnesses, fuzz_intake four.
+declare -A weight=([fuzz_der]=2 [fuzz_intake]=3)
+
+# One harness: seeds, a run of $seconds times its weight, and a verdict
+# file. Standard output is closed in the target: the library prints a line
+# for every rejected input. A leak makes libFuzzer exit non-zero; -timeout turns a slow input
 # into a failure, -rss_limit_mb a runaway allocation.
 fuzz_one() {
-    local h=$1 status=0
+    local h=$1 status=0 time=$((seconds * ${weight[$1]:-1}))
     local seeds=$build/seeds/$h corpus=$build/corpus/$h artifacts=$build/artifacts/$h
     local out=$build/$h.log
     rm -rf "$seeds" "$artifacts" "$out" "$build/$h.failed" "$build/$h.ok"
@@ -253,8 +211,8 @@ fuzz_one() {
     else
         cp "$material"/pool/* "$seeds/"
     fi
-    echo "fuzz: $h for ${seconds}s ($(ls "$seeds" | wc -l) seeds, $(ls "$corpus" | wc -l) in corpus)"
-    "$build/fuzz/$h" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+    echo "fuzz: $h for ${time}s ($(ls "$seeds" | wc -l) seeds, $(ls "$corpus" | wc -l) in corpus)"
+    "$build/fuzz/$h" -max_total_time="$time" -timeout=10 -rss_limit_mb=2048 \
         -dict="$root/fuzz/dorvex.dict" -detect_leaks=1 \
         -close_fd_mask=1 -print_final_stats=1 -artifact_prefix="$artifacts/" \
         "$corpus" "$seeds" >"$out" 2>&1 || status=$?
@@ -281,7 +239,7 @@ report() {
         "${ft:-?}" "$corpus" "$([[ -f $build/$h.ok ]] && echo ok || echo FAILED)"
 }
 
-log "fuzz ${#harnesses[@]} harness(es) for ${seconds}s each, $jobs at a time"
+log "fuzz ${#harnesses[@]} harness(es) for ${seconds}s each (times their weight), $jobs at a time"
 running=0
 for h in "${harnesses[@]}"; do
     if ((running >= jobs)); then
@@ -312,4 +270,4 @@ if ((${#failed[@]})); then
     echo "fuzz: failing harnesses: ${failed[*]}" >&2
     exit 1
 fi
-log "fuzz: ${#harnesses[@]} harness(es) ran ${seconds}s each without a finding"
+log "fuzz: ${#harnesses[@]} harness(es) ran ${seconds}s each (times their weight) without a finding"
