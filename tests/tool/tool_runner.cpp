@@ -29,28 +29,18 @@ std::string ReadFile(const std::string &path) {
 
 namespace {
 
-// "<prio>[secs.usecs][id][level][message][module][function,line][process]"
+// "<prio>[secs.usecs][id][level][message][module][function,line][process]";
+// other lines (the logging library's own start-up notes) are not records.
 void ParseSyslog(const std::string &text, ToolRun *run) {
     static const std::regex kRecord(
-        R"(<(\d+)>\[ *\d+\.\d{6}\]\[([0-9a-f]+)\]\[([A-Z]*)\]\[(.*)\]\[([^\]]*)\]\[([^,\]]*),(-?\d+)\]\[([^\]]*)\])");
+        R"(<\d+>\[ *\d+\.\d{6}\]\[[0-9a-f]+\]\[[A-Z]*\]\[(.*)\]\[[^\]]*\]\[[^,\]]*,-?\d+\]\[[^\]]*\])");
     std::istringstream lines(text);
     std::string line;
     while (std::getline(lines, line)) {
         std::smatch m;
-        if (!std::regex_match(line, m, kRecord)) {
-            run->unparsed.push_back(line);
-            continue;
+        if (std::regex_match(line, m, kRecord)) {
+            run->logged.push_back(m[1]);
         }
-        LogRecord r;
-        r.priority = std::stoi(m[1]);
-        r.recordId = m[2];
-        r.level = m[3];
-        r.message = m[4];
-        r.module = m[5];
-        r.function = m[6];
-        r.line = std::stoi(m[7]);
-        r.process = m[8];
-        run->records.push_back(r);
     }
 }
 

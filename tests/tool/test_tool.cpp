@@ -1,0 +1,341 @@
+// verify_tool end to end: the real program (sandboxed logging) on its
+// command line and on packages signed by the test-PKI generator's demo
+// hierarchy, whose root this build trusts. The verification rules are the
+// library's (tests/cms); here: arguments, dispatch, the records the tool
+// logs, exit statuses (the low byte of the result code) and the files it
+// opens. Every run names an OpenSSL configuration that, if read, would leave
+// no digest at all: the tool reads none.
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/tool/tool_runner.h"
+#include "tools/testpki/testpki.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace tp = testpki;
+
+const tp::DemoPki &Pki() {
+    static const tp::DemoPki pki = tp::MakeDemoPki();
+    return pki;
+}
+
+tp::Bytes Signature(const std::string &content, tp::Fault fault = tp::Fault::None) {
+    return tp::MakePackage(Pki(), fault, tp::Bytes(content.begin(), content.end())).signature;
+}
+
+// "HEX  PATH\n" as sha256sum (sha384sum, sha512sum) writes it for `content`.
+std::string Line(const std::string &path, const std::string &content,
+                 const EVP_MD *md = EVP_sha256(), const char *sep = "  ") {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int len = 0;
+    EVP_Digest(content.data(), content.size(), digest, &len, md, nullptr);
+    std::string hex;
+    for (unsigned int i = 0; i < len; ++i) {
+        hex += "0123456789abcdef"[digest[i] >> 4];
+        hex += "0123456789abcdef"[digest[i] & 15];
+    }
+    return hex + sep + path + "\n";
+}
+
+void Put(const fs::path &file, const std::string &content) {
+    fs::create_directories(file.parent_path());
+    tp::WriteFile(file, content);
+}
+
+// The package folder d/pkg of the CHECK_PKG_FILES runs: nested folders and
+// a file the list leaves out. Returns its list.
+std::string Base(const fs::path &d) {
+    Put(d / "pkg/kernel.img", "kernel image\n");
+    Put(d / "pkg/boot/dtb/board.dtb", "device tree\n");
+    Put(d / "pkg/rootfs/etc/version", "1.2.3\n");
+    Put(d / "pkg/notes.txt", "not listed\n");
+    return Line("kernel.img", "kernel image\n") + Line("boot/dtb/board.dtb", "device tree\n") +
+           Line("rootfs/etc/version", "1.2.3\n");
+}
+
+// Writes `list` as d/pkg/sums and its signature as d/sums.p7s.
+void SignList(const fs::path &d, const std::string &list) {
+    Put(d / "pkg/sums", list);
+    tp::WriteFile(d / "sums.p7s", Signature(list));
+}
+
+struct ToolCase {
+    const char *name;
+    std::vector<std::string> args;  // "@x" is the file x of the run's scratch folder
+    int exitStatus;
+    // Texts that records hold, in this order; "!x": no record holds x.
+    std::vector<std::string> logged;
+    // Changes the scratch folder, which holds the demo package (sums,
+    // sums.p7s) and crls.der, the root's and the CA's CRLs.
+    std::function<void(const fs::path &)> prepare = nullptr;
+    const char *console = nullptr;  // a text standard output or error must hold
+};
+
+const std::vector<std::string> kIntegrity = {
+    "-f", "CHECK_PKG_INTEGRITY", "-h", "@sums.p7s", "-e", "@sums", "-c", "@crls.der"};
+const std::vector<std::string> kFiles = {"-f", "CHECK_PKG_FILES", "-h", "@sums.p7s",
+                                         "-e", "@pkg/sums",       "-c", "@crls.der"};
+const std::string kPath127(127, 'c');
+const char kNotFound[] = "VERIFY_TOOL: Cannot find opcode(nope).";
+const char kExecFail[] = "Verify KTR Command exec fail!";
+const char kParseFail[] = "Upgrade Command parse fail!";
+
+const ToolCase kCases[] = {
+    // ---- command line and dispatch
+    {"unknown_opcode", {"-f", "nope"}, 255, {"The Opcode is : nope.", kNotFound, kExecFail}},
+    {"no_opcode", {}, 255, {"VERIFY_TOOL: Cannot find opcode().", kExecFail}},
+    {"eleven_words_refused_before_parsing",
+     {"-f", "CHECK_PKG_INTEGRITY", "-h", "a", "-e", "b", "-c", "d", "x", "y"},
+     255,
+     {"!The Opcode", "API parameter error.", kParseFail}},
+    {"ten_words_and_loose_words_ignored",
+     {"-f", "nope", "-h", "a", "-e", "b", "-c", "d", "x"},
+     255,
+     {"The Opcode is : nope.", "The path of cms file is (a).", "The path of checksum file is : b.",
+      "The path of crl file is : d.", kNotFound, kExecFail}},
+    {"option_without_argument",
+     {"-f", "nope", "-c"},
+     255,
+     {"The Opcode is : nope.", "API parameter parse fail.", kParseFail, "!Cannot find"},
+     nullptr,
+     "requires an argument"},
+    {"unknown_option_stops_parsing",
+     {"-x", "-f", "nope"},
+     255,
+     {"!The Opcode", "API parameter parse fail.", kParseFail},
+     nullptr,
+     "invalid option"},
+    {"path_of_127_accepted",
+     {"-c", kPath127, "-f", "nope"},
+     255,
+     {"The path of crl file is : " + kPath127 + ".", kNotFound}},
+    {"path_of_128_refused",
+     {"-c", kPath127 + "c", "-f", "nope"},
+     255,
+     {"Argument of -c is longer than 127 characters.", "API parameter parse fail.", kParseFail,
+      "!The Opcode"}},
+    {"option_twice_keeps_the_last",
+     {"-f", "first", "-f", "nope"},
+     255,
+     {"The Opcode is : first.", "The Opcode is : nope.", kNotFound}},
+    // The handler's result, logged signed, becomes the exit status.
+    {"handler_result_is_the_exit_status",
+     {"-f", "CHECK_PKG_INTEGRITY", "-h", "s", "-e", "e", "-c", "/nonexistent"},
+     1,
+     {"VERIFY_TOOL: Execute function (CHECK_PKG_INTEGRITY).", "Add CRL file /nonexistent failed.",
+      "VERIFY_TOOL: Execute ret(-2013265663).", kExecFail}},
+
+    // ---- CHECK_PKG_INTEGRITY
+    {"valid_package",
+     kIntegrity,
+     0,
+     {"CheckSum file is valid.", "VERIFY_TOOL: Execute ret(0).", "!exec fail"}},
+    {"changed_content",
+     kIntegrity,
+     255,
+     {"Verify signature not match.", "VERIFY_TOOL: Execute ret(-1).", kExecFail},
+     [](const fs::path &d) { Put(d / "sums", tp::DemoChecksums() + "\n"); }},
+    {"no_crl_file", {kIntegrity.begin(), kIntegrity.end() - 2}, 1, {"Add CRL file  failed."}},
+    {"no_timestamp",
+     kIntegrity,
+     1,
+     {"Verify signature error, code 88100001."},
+     [](const fs::path &d) {
+         tp::WriteFile(d / "sums.p7s", Signature(tp::DemoChecksums(), tp::Fault::NoTimestamp));
+     },
+     "(err:88100001)"},
+    // The CRL file is read before the signature is judged.
+    {"signer_revoked",
+     kIntegrity,
+     2,
+     {"Verify signature error, code 88200002."},
+     [](const fs::path &d) {
+         tp::CrlSpec crl;
+         crl.issuer = Pki().ca;
+         crl.revoked.push_back({{0x10, 0x01}, tp::Utc("250101000000Z"), 1});  // the demo leaf
+         tp::WriteFile(d / "crls.der", tp::ConcatDer({Pki().rootCrl, tp::MakeCrl(crl)}));
+     },
+     "The certificate was revoked."},
+    // Not waited on: a FIFO is no regular file.
+    {"checksum_file_is_a_fifo",
+     kIntegrity,
+     3,
+     {"Verify signature error, code 88000103."},
+     [](const fs::path &d) {
+         fs::remove(d / "sums");
+         mkfifo((d / "sums").c_str(), 0600);
+     },
+     "is not a regular file."},
+
+    // ---- CHECK_PKG_FILES
+    {"files_valid",
+     kFiles,
+     0,
+     {"CheckSum file is valid.", "Checking 3 package files", "Package files are valid."},
+     [](const fs::path &d) {
+         // Comments, blank and CRLF lines, binary mode, "./" and SHA-384/-512;
+         // notes.txt is not listed.
+         Base(d);
+         std::string dtb = Line("./boot/./dtb/board.dtb", "device tree\n");
+         dtb.insert(dtb.size() - 1, "\r");
+         SignList(d, "# release 1\r\n\r\n" + dtb +
+                         Line("kernel.img", "kernel image\n", EVP_sha512(), " *") +
+                         Line("rootfs/etc/version", "1.2.3\n", EVP_sha384()));
+     }},
+    {"last_digest_digit_changed",
+     kFiles,
+     0x29,
+     {"Line 1: digest does not match: kernel.img", "Package files are not valid, code 88000629."},
+     [](const fs::path &d) {
+         std::string list = Base(d);
+         char &last = list[list.find("  ") - 1];
+         last = last == '0' ? '1' : '0';
+         SignList(d, list);
+     }},
+    // Problems are logged in list order, at most 20; the first one decides.
+    {"every_problem_logged_in_list_order",
+     kFiles,
+     0x27,
+     {"Line 1: no such file: gone.img", "Line 5: not a regular file: boot/dtb",
+      "Line 6: '..' in path: boot/../../outside", "Line 7: absolute path: /etc/hostname",
+      "Line 8: symbolic link in path: link",
+      "Line 9: symbolic link in path: bootlink/dtb/board.dtb",
+      "Line 10: not a directory on the way: kernel.img/x", "Line 23: no such file: gone12",
+      "!Line 24:", "7 more problems not logged.", "Package files are not valid, code 88000627."},
+     [](const fs::path &d) {
+         std::string list = Line("gone.img", "x") + Base(d) + Line("boot/dtb", "") +
+                            Line("boot/../../outside", "x") + Line("/etc/hostname", "") +
+                            Line("link", "x") + Line("bootlink/dtb/board.dtb", "device tree\n") +
+                            Line("kernel.img/x", "");
+         for (int i = 0; i < 20; ++i) {
+             list += Line("gone" + std::to_string(i), "x");
+         }
+         SignList(d, list);
+         Put(d / "outside", "x");
+         fs::create_symlink("../outside", d / "pkg/link");
+         fs::create_directory_symlink("boot", d / "pkg/bootlink");
+     }},
+    {"listed_fifo",
+     kFiles,
+     0x21,
+     {"Line 4: not a regular file: pipe"},
+     [](const fs::path &d) {
+         SignList(d, Base(d) + Line("pipe", ""));
+         mkfifo((d / "pkg/pipe").c_str(), 0600);
+     }},
+    {"dot_dot_path",
+     kFiles,
+     0x25,
+     {"Line 4: '..' in path: boot/../kernel.img"},
+     [](const fs::path &d) {
+         SignList(d, Base(d) + Line("boot/../kernel.img", "kernel image\n"));
+     }},
+    {"symlink_pointing_in",
+     kFiles,
+     0x26,
+     {"Line 4: symbolic link in path: alias.img"},
+     [](const fs::path &d) {
+         SignList(d, Base(d) + Line("alias.img", "kernel image\n"));
+         fs::create_symlink("kernel.img", d / "pkg/alias.img");
+     }},
+    {"path_listed_twice",
+     kFiles,
+     0x24,
+     {"Checksum file line 4: path listed a second time (first on line 2).", "!Checking"},
+     [](const fs::path &d) { SignList(d, Base(d) + Line("./boot/./dtb/board.dtb", "x")); }},
+    {"malformed_line",
+     kFiles,
+     0x22,
+     {"Checksum file line 4: not a checksum line.", "!Checking"},
+     [](const fs::path &d) { SignList(d, Base(d) + "0123abcd  short.img\n"); }},
+    {"empty_list",
+     kFiles,
+     0x23,
+     {"CheckSum file is valid.", "Checksum file refused: it lists no file.", "!Checking"},
+     [](const fs::path &d) { SignList(d, "# nothing listed\n\n"); }},
+    // The signature is checked before anything is parsed or opened.
+    {"list_changed_after_signing",
+     kFiles,
+     255,
+     {"Verify signature not match.", "!Checking", "!Line"},
+     [](const fs::path &d) {
+         SignList(d, Base(d));
+         Put(d / "pkg/sums", Base(d) + "garbage\n");
+     }},
+    {"checksum_file_is_a_fifo_for_files",
+     kFiles,
+     3,
+     {"File sums is not a regular file.", "Read checksum file"},
+     [](const fs::path &d) { mkfifo((d / "pkg/sums").c_str(), 0600); }},
+    {"signature_of_2000001_bytes",
+     kFiles,
+     6,
+     {"is larger than 2000000 bytes.", "!CheckSum file is valid."},
+     [](const fs::path &d) {
+         SignList(d, Base(d));
+         tp::WriteFile(d / "sums.p7s", std::string(2000001, '0'));
+     }},
+};
+
+void PrintTo(const ToolCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
+class ToolTest : public testing::TestWithParam<ToolCase> {};
+
+TEST_P(ToolTest, ExitStatusAndRecords) {
+    const ToolCase &c = GetParam();
+    char pattern[] = "/tmp/vt_tool_case_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    const fs::path d(pattern);
+    fs::create_directory(d / "pkg");
+    Put(d / "sums", tp::DemoChecksums());
+    tp::WriteFile(d / "sums.p7s", Signature(tp::DemoChecksums()));
+    tp::WriteFile(d / "crls.der", tp::ConcatDer({Pki().rootCrl, Pki().caCrl}));
+    tp::WriteFile(d / "null.cnf",
+                  "openssl_conf = init\n[init]\nproviders = p\n[p]\nnull = n\n[n]\nactivate = 1\n");
+    if (c.prepare != nullptr) {
+        c.prepare(d);
+    }
+    std::vector<std::string> args;
+    for (const std::string &a : c.args) {
+        args.push_back(a.rfind('@', 0) == 0 ? (d / a.substr(1)).string() : a);
+    }
+    const vt_test::ToolRun run =
+        vt_test::RunTool(args, {"OPENSSL_CONF=" + (d / "null.cnf").string()});
+    fs::remove_all(d);
+
+    EXPECT_EQ(run.exitStatus, c.exitStatus) << run.stdoutText;
+    const auto holds = [](const std::string &text, const std::string &part) {
+        return text.find(part) != std::string::npos;
+    };
+    auto at = run.logged.begin();
+    for (const std::string &want : c.logged) {
+        if (want[0] == '!') {
+            for (const std::string &record : run.logged) {
+                EXPECT_FALSE(holds(record, want.substr(1))) << record;
+            }
+            continue;
+        }
+        at = std::find_if(at, run.logged.end(), [&](const auto &r) { return holds(r, want); });
+        ASSERT_NE(at, run.logged.end()) << "not logged (in this order): " << want;
+        ++at;
+    }
+    if (c.console != nullptr) {
+        EXPECT_TRUE(holds(run.stdoutText + run.stderrText, c.console)) << run.stdoutText;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Tool, ToolTest, testing::ValuesIn(kCases),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+}  // namespace
