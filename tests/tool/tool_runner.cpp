@@ -44,6 +44,16 @@ void ParseSyslog(const std::string &text, ToolRun *run) {
     }
 }
 
+// The null-terminated array execve takes.
+std::vector<char *> Pointers(std::vector<std::string> &words) {
+    std::vector<char *> out;
+    for (auto &w : words) {
+        out.push_back(w.data());
+    }
+    out.push_back(nullptr);
+    return out;
+}
+
 }  // namespace
 
 ToolRun RunTool(const std::vector<std::string> &args, const std::vector<std::string> &env) {
@@ -68,11 +78,6 @@ ToolRun RunProgram(std::vector<std::string> argvStore, const std::vector<std::st
     std::vector<std::string> env = {"VT_TEST_ROOT=" + (root / "sys").string(),
                                     "VT_SYSLOG_FILE=" + syslogFile};
     env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-    std::vector<char *> envp;
-    for (auto &e : env) {
-        envp.push_back(e.data());
-    }
-    envp.push_back(nullptr);
 
     // A cross-built tool runs under the same emulator as the tests (words
     // separated by spaces, the first an absolute path).
@@ -82,12 +87,6 @@ ToolRun RunProgram(std::vector<std::string> argvStore, const std::vector<std::st
         words.push_back(word);
     }
     argvStore.insert(argvStore.begin(), words.begin(), words.end());
-    const std::string program = argvStore.front();
-    std::vector<char *> argv;
-    for (auto &a : argvStore) {
-        argv.push_back(a.data());
-    }
-    argv.push_back(nullptr);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -96,7 +95,8 @@ ToolRun RunProgram(std::vector<std::string> argvStore, const std::vector<std::st
     posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                      0600);
     pid_t pid;
-    int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+    const int rc = posix_spawn(&pid, argvStore.front().c_str(), &actions, nullptr,
+                               Pointers(argvStore).data(), Pointers(env).data());
     posix_spawn_file_actions_destroy(&actions);
     if (rc == 0) {
         int status = 0;
