@@ -64,8 +64,6 @@ TEST(CrlInfoTool, ReportsAndDecides) {
     } rows[] = {
         {"help", {"--help"}, 0, {"Usage: crl_info <crl file>"}, ""},
         {"no arguments", {}, 2, {}, "Usage: crl_info"},
-        {"unknown option", {"--list", "installed.pem"}, 2, {}, "unknown option --list"},
-        {"compare with one file", {"--compare", "installed.pem"}, 2, {}, "two CRL files"},
         {"unreadable", {"missing.pem"}, 2, {}, "missing.pem: cannot open the file (0x88000101)"},
         {"undecodable", {"garbage.der"}, 2, {}, "no CRL with its CA certificates"},
         {"trusted file",
@@ -102,7 +100,6 @@ TEST(CrlInfoTool, ReportsAndDecides) {
          1,
          {"result:  3 (undecidable)", "reason:  a CRL is not trusted (0x88200106)", "replace: no"},
          ""},
-        {"compare unreadable", {"--compare", "newer.der", "missing.pem"}, 2, {}, "missing.pem"},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.name);

@@ -1,7 +1,5 @@
-// Hostile input (the sanitizer build runs this too): bytes of a real package
-// changed one at a time, and the inputs fuzzing once found, kept under
-// tests/hardening/repro. Nothing may crash, every call ends with a result
-// code, and nothing a signature covers may change unnoticed.
+// Hostile input: a real package's bytes changed one at a time, and the
+// fuzzer's finds under tests/hardening/repro. Nothing may crash.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -27,8 +25,7 @@ namespace tp = testpki;
 using tp::Bytes;
 using vt_test::Pki;
 
-// Begin, Update and Final of `signature` over `content` with the demo root
-// and `crlFile`: true when every step succeeds and Final reports a match.
+// Begin, Update and Final under the demo root: true when all report a match.
 bool Verifies(const Bytes &signature, const Bytes &content, const Bytes &crlFile) {
     auto ctx = vt_test::NewCtx(&Pki().root.cert.Der());
     const auto size = [](const Bytes &b) { return static_cast<uint32_t>(b.size()); };
@@ -52,8 +49,7 @@ Bytes At(Bytes der, std::initializer_list<int> path) {
     return der;
 }
 
-// Offsets of `element` in `in`, its tag octet left out: some tags are kept
-// only as a record and may change.
+// Offsets of `element` in `in`, its tag left out (some tags are not examined).
 std::pair<size_t, size_t> Inside(const Bytes &in, const Bytes &element) {
     const auto at = std::search(in.begin(), in.end(), element.begin(), element.end());
     EXPECT_NE(at, in.end());
@@ -61,11 +57,9 @@ std::pair<size_t, size_t> Inside(const Bytes &in, const Bytes &element) {
     return {begin + 1, begin + element.size()};
 }
 
-// Every byte of the signature changed twice over, every 7th of the CRL file
-// (root CRL, CA certificate, CA CRL) once. A change inside what a signature
-// covers, or inside a serial that selects a certificate, must fail; others
-// may pass (the CA certificate comes twice, parameters and some tags are
-// not examined) but must end in a result code.
+// A change inside what a signature covers, or inside a serial that selects a
+// certificate, must fail; others may pass (the CA certificate comes twice,
+// some tags and parameters are not examined) but must end in a result code.
 TEST(ByteFlip, SignedBytesNeverChangeUnnoticed) {
     const std::string text = tp::DemoChecksums();
     const Bytes content(text.begin(), text.end());
@@ -82,8 +76,7 @@ TEST(ByteFlip, SignedBytesNeverChangeUnnoticed) {
           At(token, {1, 0, 3, 0, 0}), At(tsSigner, {3}), At(tsSigner, {5})}) {
         sigCovered.push_back(Inside(sig, e));
     }
-    // The serials, at the end of the signers' identifiers (whose certificates
-    // carry the same serial before them).
+    // The serials at the end of the signers' identifiers.
     for (const Bytes &sid : {At(signer, {1}), At(tsSigner, {1})}) {
         const size_t end = Inside(sig, sid).second;
         sigCovered.push_back({end - At(sid, {1}).size() + 1, end});
@@ -132,8 +125,7 @@ Bytes Read(const fs::path &file) {
     return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-// Every fuzzer find through each decoder and the whole verification road
-// (how the decoders read them is pinned in tests/cms).
+// Every fuzzer find through each decoder and the whole verification.
 TEST(Repro, EveryFileEndsWithAResultCode) {
     size_t files = 0;
     for (const auto &entry : fs::directory_iterator(VT_REPRO_DIR)) {

@@ -1,7 +1,5 @@
-// verify_tool (or, built with VT_SANDBOX_CRL_INFO, crl_info) as the product
-// builds it, but with the logging library's stand-in installed:
-// configuration paths under $VT_TEST_ROOT, no kernel module, and syslog
-// records appended to $VT_SYSLOG_FILE.
+// verify_tool (or with VT_SANDBOX_CRL_INFO crl_info) with the logging
+// stand-in: paths under $VT_TEST_ROOT, syslog records to $VT_SYSLOG_FILE.
 #include <stdio.h>
 #include <stdlib.h>
 

@@ -1,19 +1,13 @@
-// verify_tool's parts in this process: the checksum-file parser of
-// CHECK_PKG_FILES on the line forms the end-to-end runs leave out, the list
-// read once, the built-in root and its build step, the exit status.
+// verify_tool's parts in this process: the checksum-file parser on the line
+// forms the end-to-end runs leave out, the list read once, the exit status.
 #include <gtest/gtest.h>
 #include <string.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "cms/base/dorvex_errno.h"
-#include "platform/lzeb_mem.h"
 #include "tool/pkg_files.h"
 #include "tool/verify_tool.h"
 #include "tools/testpki/testpki.h"
@@ -35,16 +29,13 @@ TEST(PkgList, LineForms) {
     } rows[] = {
         {"binary mode, upper case", std::string(64, 'F') + " *a\n", 0, 0, 0, 1},
         {"no newline at the end", kHex64 + "  a\n" + kHex64 + "  b", 0, 0, 0, 2},
+        {"comments only", "# none\n\n", DORVEX_ERR_PKG_EMPTY_LIST, 0, 0, 0},
         {"one space", "\n" + kHex64 + " a\n", DORVEX_ERR_PKG_LINE, 2, 0, 0},
         {"63 digits", kHex64.substr(1) + "  a\n", DORVEX_ERR_PKG_LINE, 1, 0, 0},
-        {"65 digits", kHex64 + "a  a\n", DORVEX_ERR_PKG_LINE, 1, 0, 0},
         {"no path", kHex64 + "  \n", DORVEX_ERR_PKG_LINE, 1, 0, 0},
         {"escaped name", "\\" + kHex64 + "  a\\nb\n", DORVEX_ERR_PKG_LINE, 1, 0, 0},
         {"CR inside the path", kHex64 + "  a\rb\r\n", 0, 0, DORVEX_ERR_PKG_PATH, 1},
-        {"trailing slash", kHex64 + "  a/\n", 0, 0, DORVEX_ERR_PKG_PATH, 1},
-        {"dot alone", kHex64 + "  ./.\n", 0, 0, DORVEX_ERR_PKG_PATH, 1},
         {"name of 256", kHex64 + "  " + std::string(256, 'n') + "\n", 0, 0, DORVEX_ERR_PKG_PATH, 1},
-        {"name of 255", kHex64 + "  " + std::string(255, 'n') + "\n", 0, 0, 0, 1},
         {"path of 4096",
          kHex64 + "  " + std::string(2048, 'n') + "/" + std::string(2047, 'n') + "\n", 0, 0,
          DORVEX_ERR_PKG_PATH, 1},
@@ -53,8 +44,7 @@ TEST(PkgList, LineForms) {
          kHex64 + "  a\n" + kHex64 + "  b\n" + kHex64 + "  ./b\n" + kHex64 + "  a\n",
          DORVEX_ERR_PKG_DUPLICATE, 3, 0, 0},
         // Refused paths are never opened, so their repeats do not count.
-        {"refused path twice", kHex64 + "  ../x\n" + kHex64 + "  ../x\n", 0, 0, DORVEX_ERR_PKG_PATH,
-         2},
+        {"refused twice", kHex64 + "  ../x\n" + kHex64 + "  ../x\n", 0, 0, DORVEX_ERR_PKG_PATH, 2},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.name);
@@ -74,12 +64,11 @@ TEST(PkgList, LineForms) {
 fs::path g_dir;
 int g_swaps = 0;
 
-// Puts an unsigned list over the checksum file, naming a file that is not
-// there: parsed, it would fail the check.
+// An unsigned list naming a missing file: parsed, it would fail the check.
 void SwapList() {
     ++g_swaps;
     testpki::WriteFile(g_dir / "forged", std::string(64, '0') + "  missing.img\n");
-    std::rename((g_dir / "forged").c_str(), (g_dir / "sha256sums").c_str());
+    fs::rename(g_dir / "forged", g_dir / "sha256sums");
 }
 
 // The list whose signature was checked is the one parsed, whatever lies on
@@ -111,46 +100,6 @@ TEST(PkgFiles, ListIsReadOnce) {
     fs::remove_all(g_dir);
     EXPECT_EQ(g_swaps, 1);
     EXPECT_EQ(result, 0);
-}
-
-std::vector<uint8_t> ReadAll(const char *path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-TEST(RootCert, JoinedBufferIsTheConfiguredCertificate) {
-    uint8_t *buffer = nullptr;
-    uint32_t length = 0;
-    ASSERT_EQ(GenerateRootCert(&buffer, &length), 0u);
-    EXPECT_EQ(std::vector<uint8_t>(buffer, buffer + length), ReadAll(VT_ROOT_CERT_FILE));
-    LZEB_FreeSub(buffer, "test", __LINE__);
-}
-
-// The build takes exactly one DER certificate and stops on anything else.
-TEST(RootCert, BuildRefusesWhatIsNotOneCertificate) {
-    const auto good = ReadAll(VT_DEMO_ROOT_FILE);
-    auto doubled = good;
-    doubled.insert(doubled.end(), good.begin(), good.end());
-    const struct {
-        const char *name;
-        std::vector<uint8_t> bytes;
-        bool accepted;
-    } rows[] = {
-        {"demo root", good, true},
-        {"truncated", std::vector<uint8_t>(good.begin(), good.end() - 1), false},
-        {"two certificates", doubled, false},
-    };
-    const fs::path dir = fs::temp_directory_path() / ("vt_root_" + std::to_string(getpid()));
-    fs::create_directories(dir);
-    for (const auto &row : rows) {
-        testpki::WriteFile(dir / "root.der", row.bytes);
-        const std::string command = std::string(VT_CMAKE_COMMAND) +
-                                    " -DDER=" + (dir / "root.der").string() +
-                                    " -DOUT=" + (dir / "root.cpp").string() + " -P " +
-                                    VT_EMBED_CHECK_SCRIPT + " >/dev/null 2>&1";
-        EXPECT_EQ(std::system(command.c_str()) == 0, row.accepted) << row.name;
-    }
-    fs::remove_all(dir);
 }
 
 // No failure may exit 0: a code ending in 0x00 takes the plain-failure status.

@@ -5,26 +5,18 @@
 #include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
-
-extern char **environ;
-
-#ifndef VT_TOOL_EMULATOR
-#define VT_TOOL_EMULATOR ""
-#endif
 
 namespace vt_test {
 
 std::string ReadFile(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 namespace {
@@ -79,8 +71,7 @@ ToolRun RunProgram(std::vector<std::string> argvStore, const std::vector<std::st
                                     "VT_SYSLOG_FILE=" + syslogFile};
     env.insert(env.end(), extraEnv.begin(), extraEnv.end());
 
-    // A cross-built tool runs under the same emulator as the tests (words
-    // separated by spaces, the first an absolute path).
+    // A cross-built tool runs under the tests' emulator (words, the first a path).
     std::istringstream emulator(emulated ? VT_TOOL_EMULATOR : "");
     std::vector<std::string> words;
     for (std::string word; emulator >> word;) {

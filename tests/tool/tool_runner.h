@@ -1,5 +1,4 @@
-// Runs a program of this project (verify_tool, crl_info, pkg_sign) as a
-// subprocess and collects what it did.
+// Runs a program of this project as a subprocess and collects what it did.
 #ifndef TESTS_TOOL_TOOL_RUNNER_H
 #define TESTS_TOOL_TOOL_RUNNER_H
 
@@ -15,9 +14,8 @@ struct ToolRun {
     std::vector<std::string> logged;  // the message of every syslog record, in order
 };
 
-// Runs `argv` (argv[0] an absolute path, run under the tests' emulator when
-// `emulated`) in a fresh temporary root with sandboxed logging; `env`
-// ("NAME=value") is added to the little environment it gets.
+// Runs `argv` (argv[0] an absolute path; under the tests' emulator when
+// `emulated`) with sandboxed logging and `env` ("NAME=value") added.
 ToolRun RunProgram(std::vector<std::string> argv, const std::vector<std::string> &env = {},
                    bool emulated = true);
 
