@@ -26,58 +26,35 @@ Bytes Crl(const tp::Credential &issuer, const std::string &thisUpdate,
     return tp::MakeCrl(s);
 }
 
-class CrlInfoTool : public testing::Test {
-  protected:
-    void SetUp() override {
-        std::ifstream in(VT_ROOT_CERT_FILE, std::ios::binary);
-        const Bytes builtIn{std::istreambuf_iterator<char>(in), {}};
-        const tp::DemoPki pki = tp::MakeDemoPki();
-        if (builtIn != pki.root.cert.Der()) {
-            GTEST_SKIP() << "the build trusts another root than the demo root";
-        }
-        char templ[] = "/tmp/crl_info_tool-XXXXXX";
-        ASSERT_NE(mkdtemp(templ), nullptr);
-        dir_ = templ;
-        tp::CertSpec strangerSpec;
-        strangerSpec.subjectKey = tp::LoadTestKey("other-2048");
-        strangerSpec.subject = tp::SimpleName({{"CN", "Stranger\x1f CA"}});  // printed as "?"
-        const tp::Credential stranger = tp::IssueCredential(strangerSpec);
-        const Bytes &ca = pki.ca.cert.Der();
-        const tp::RevokedEntry other{{0x10, 0x7F}, tp::Utc("240301000000Z"), std::nullopt};
-        tp::WriteFile(Path("installed.pem"),
-                      tp::PemBundle({{"X509 CRL", Crl(pki.root, "240601000000Z", {other})},
-                                     {"X509 CRL", Crl(pki.ca, "240601000000Z", {other})},
-                                     {"CERTIFICATE", ca}}));
-        tp::WriteFile(Path("newer.der"), tp::ConcatDer({Crl(pki.root, "240701000000Z"),
-                                                        Crl(pki.ca, "240601000000Z"), ca}));
-        tp::WriteFile(Path("untrusted.der"), tp::ConcatDer({Crl(stranger, "240601000000Z"), ca}));
-        tp::WriteFile(Path("garbage.der"), std::string(100, 'x'));
-        // Read, this configuration would leave OpenSSL with no digest at all.
-        tp::WriteFile(Path("null.cnf"),
-                      "openssl_conf = init\n[init]\nproviders = p\n"
-                      "[p]\nnull = n\n[n]\nactivate = 1\n");
-        tp::CertSpec ecSpec;  // a P-384 CA of the root, whose CRL is signed by ECDSA
-        ecSpec.subjectKey = tp::LoadTestKey("ec-p384");
-        ecSpec.issuer = pki.root;
-        ecSpec.subject = tp::SimpleName({{"CN", "P-384 CA"}});
-        ecSpec.serial = {0x03};
-        ecSpec.basicConstraints = tp::BasicConstraints{};
-        ecSpec.keyUsage = tp::KeyUsage::Of(tp::ku::kKeyCertSign | tp::ku::kCrlSign);
-        const tp::Credential ecCa = tp::IssueCredential(ecSpec);
-        tp::WriteFile(Path("ec.der"), tp::ConcatDer({Crl(pki.root, "240601000000Z"),
-                                                     Crl(ecCa, "240601000000Z"), ecCa.cert.Der()}));
+// Every CRL file is read by a fresh run with an OpenSSL configuration that,
+// if read, would leave no digest at all.
+TEST(CrlInfoTool, ReportsAndDecides) {
+    std::ifstream in(VT_ROOT_CERT_FILE, std::ios::binary);
+    const tp::DemoPki pki = tp::MakeDemoPki();
+    if (Bytes{std::istreambuf_iterator<char>(in), {}} != pki.root.cert.Der()) {
+        GTEST_SKIP() << "the build trusts another root than the demo root";
     }
-    void TearDown() override {
-        if (!dir_.empty()) {
-            std::filesystem::remove_all(dir_);
-        }
-    }
-    std::string Path(const std::string &name) const { return (dir_ / name).string(); }
+    char templ[] = "/tmp/crl_info_tool-XXXXXX";
+    ASSERT_NE(mkdtemp(templ), nullptr);
+    const std::filesystem::path dir = templ;
+    const auto path = [&](const std::string &name) { return (dir / name).string(); };
+    tp::CertSpec strangerSpec;
+    strangerSpec.subjectKey = tp::LoadTestKey("other-2048");
+    strangerSpec.subject = tp::SimpleName({{"CN", "Stranger\x1f CA"}});  // printed as "?"
+    const tp::Credential stranger = tp::IssueCredential(strangerSpec);
+    const Bytes &ca = pki.ca.cert.Der();
+    const tp::RevokedEntry other{{0x10, 0x7F}, tp::Utc("240301000000Z"), std::nullopt};
+    tp::WriteFile(path("installed.pem"),
+                  tp::PemBundle({{"X509 CRL", Crl(pki.root, "240601000000Z", {other})},
+                                 {"X509 CRL", Crl(pki.ca, "240601000000Z", {other})},
+                                 {"CERTIFICATE", ca}}));
+    tp::WriteFile(path("newer.der"), tp::ConcatDer({Crl(pki.root, "240701000000Z"),
+                                                    Crl(pki.ca, "240601000000Z"), ca}));
+    tp::WriteFile(path("untrusted.der"), tp::ConcatDer({Crl(stranger, "240601000000Z"), ca}));
+    tp::WriteFile(path("garbage.der"), std::string(100, 'x'));
+    tp::WriteFile(path("null.cnf"),
+                  "openssl_conf = init\n[init]\nproviders = p\n[p]\nnull = n\n[n]\nactivate = 1\n");
 
-    std::filesystem::path dir_;
-};
-
-TEST_F(CrlInfoTool, ReportsAndDecides) {
     struct Row {
         const char *name;
         std::vector<std::string> args;  // file names are taken from the scratch folder
@@ -87,8 +64,6 @@ TEST_F(CrlInfoTool, ReportsAndDecides) {
     } rows[] = {
         {"help", {"--help"}, 0, {"Usage: crl_info <crl file>"}, ""},
         {"no arguments", {}, 2, {}, "Usage: crl_info"},
-        {"unknown option", {"--list", "installed.pem"}, 2, {}, "unknown option --list"},
-        {"compare with one file", {"--compare", "installed.pem"}, 2, {}, "two CRL files"},
         {"unreadable", {"missing.pem"}, 2, {}, "missing.pem: cannot open the file (0x88000101)"},
         {"undecodable", {"garbage.der"}, 2, {}, "no CRL with its CA certificates"},
         {"trusted file",
@@ -99,11 +74,6 @@ TEST_F(CrlInfoTool, ReportsAndDecides) {
           "  revoked:     1", "    107f", "CRL 2 of 2",
           "  issuer:      C=DE,O=Dorvex Test PKI,CN=Test Intermediate CA",
           "  signer:      trusted, serial 02", "  revoked:     none listed"},
-         ""},
-        {"CRL of a P-384 CA",
-         {"ec.der"},
-         0,
-         {"CRL 2 of 2", "  issuer:      CN=P-384 CA", "  signer:      trusted, serial 03"},
          ""},
         {"untrusted file",
          {"untrusted.der"},
@@ -130,15 +100,14 @@ TEST_F(CrlInfoTool, ReportsAndDecides) {
          1,
          {"result:  3 (undecidable)", "reason:  a CRL is not trusted (0x88200106)", "replace: no"},
          ""},
-        {"compare unreadable", {"--compare", "newer.der", "missing.pem"}, 2, {}, "missing.pem"},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.name);
         std::vector<std::string> args;
         for (const auto &a : r.args) {
-            args.push_back(a.find('.') == std::string::npos ? a : Path(a));
+            args.push_back(a.find('.') == std::string::npos ? a : path(a));
         }
-        const vt_test::ToolRun run = vt_test::RunTool(args, {"OPENSSL_CONF=" + Path("null.cnf")});
+        const vt_test::ToolRun run = vt_test::RunTool(args, {"OPENSSL_CONF=" + path("null.cnf")});
         EXPECT_EQ(run.exitStatus, r.exitStatus);
         for (const auto &line : r.stdoutLines) {
             EXPECT_NE(run.stdoutText.find(line + "\n"), std::string::npos) << line;
@@ -151,6 +120,7 @@ TEST_F(CrlInfoTool, ReportsAndDecides) {
         EXPECT_EQ(run.stdoutText.find("[ERROR]"), std::string::npos) << run.stdoutText;
         EXPECT_EQ(run.stdoutText.find("[WARN"), std::string::npos) << run.stdoutText;
     }
+    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

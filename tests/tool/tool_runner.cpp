@@ -5,53 +5,45 @@
 #include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
-
-extern char **environ;
-
-#ifndef VT_TOOL_EMULATOR
-#define VT_TOOL_EMULATOR ""
-#endif
 
 namespace vt_test {
 
 std::string ReadFile(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 namespace {
 
-// "<prio>[secs.usecs][id][level][message][module][function,line][process]"
+// "<prio>[secs.usecs][id][level][message][module][function,line][process]";
+// other lines (the logging library's own start-up notes) are not records.
 void ParseSyslog(const std::string &text, ToolRun *run) {
     static const std::regex kRecord(
-        R"(<(\d+)>\[ *\d+\.\d{6}\]\[([0-9a-f]+)\]\[([A-Z]*)\]\[(.*)\]\[([^\]]*)\]\[([^,\]]*),(-?\d+)\]\[([^\]]*)\])");
+        R"(<\d+>\[ *\d+\.\d{6}\]\[[0-9a-f]+\]\[[A-Z]*\]\[(.*)\]\[[^\]]*\]\[[^,\]]*,-?\d+\]\[[^\]]*\])");
     std::istringstream lines(text);
     std::string line;
     while (std::getline(lines, line)) {
         std::smatch m;
-        if (!std::regex_match(line, m, kRecord)) {
-            run->unparsed.push_back(line);
-            continue;
+        if (std::regex_match(line, m, kRecord)) {
+            run->logged.push_back(m[1]);
         }
-        LogRecord r;
-        r.priority = std::stoi(m[1]);
-        r.recordId = m[2];
-        r.level = m[3];
-        r.message = m[4];
-        r.module = m[5];
-        r.function = m[6];
-        r.line = std::stoi(m[7]);
-        r.process = m[8];
-        run->records.push_back(r);
     }
+}
+
+// The null-terminated array execve takes.
+std::vector<char *> Pointers(std::vector<std::string> &words) {
+    std::vector<char *> out;
+    for (auto &w : words) {
+        out.push_back(w.data());
+    }
+    out.push_back(nullptr);
+    return out;
 }
 
 }  // namespace
@@ -78,26 +70,14 @@ ToolRun RunProgram(std::vector<std::string> argvStore, const std::vector<std::st
     std::vector<std::string> env = {"VT_TEST_ROOT=" + (root / "sys").string(),
                                     "VT_SYSLOG_FILE=" + syslogFile};
     env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-    std::vector<char *> envp;
-    for (auto &e : env) {
-        envp.push_back(e.data());
-    }
-    envp.push_back(nullptr);
 
-    // A cross-built tool runs under the same emulator as the tests (words
-    // separated by spaces, the first an absolute path).
+    // A cross-built tool runs under the tests' emulator (words, the first a path).
     std::istringstream emulator(emulated ? VT_TOOL_EMULATOR : "");
     std::vector<std::string> words;
     for (std::string word; emulator >> word;) {
         words.push_back(word);
     }
     argvStore.insert(argvStore.begin(), words.begin(), words.end());
-    const std::string program = argvStore.front();
-    std::vector<char *> argv;
-    for (auto &a : argvStore) {
-        argv.push_back(a.data());
-    }
-    argv.push_back(nullptr);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -106,7 +86,8 @@ ToolRun RunProgram(std::vector<std::string> argvStore, const std::vector<std::st
     posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                      0600);
     pid_t pid;
-    int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+    const int rc = posix_spawn(&pid, argvStore.front().c_str(), &actions, nullptr,
+                               Pointers(argvStore).data(), Pointers(env).data());
     posix_spawn_file_actions_destroy(&actions);
     if (rc == 0) {
         int status = 0;
