@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr int kLoggers = 4;
-constexpr int kRecordsPerLogger = 200;
 constexpr uint32_t kAdded = 100;
 
 TEST(DbglogThreads, LoggingWhileTablesGrow) {
@@ -35,11 +33,11 @@ TEST(DbglogThreads, LoggingWhileTablesGrow) {
 
     std::atomic<bool> go{false};
     std::vector<std::thread> threads;
-    for (int t = 0; t < kLoggers; ++t) {
+    for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t, &go] {
             while (!go.load()) {
             }
-            for (int i = 0; i < kRecordsPerLogger; ++i) {
+            for (int i = 0; i < 200; ++i) {
                 DBG_Log(100 + static_cast<uint32_t>((t + i) % 4), 2, "F", i, 0, "r%d", i);
                 // Modules that the adder is creating right now.
                 LZEB_log(1000 + static_cast<uint32_t>(i) % kAdded, 2, "F", i, 0, "n");
