@@ -111,6 +111,7 @@ TEST_F(DbglogTables, ModuleLines) {
 TEST_F(DbglogTables, FilesSettersAndSaves) {
     const std::string local = "/startup_disk/conf/conf_local/";
     vt_test::InstallLoggingStandin(root_.path(), false);
+    vt_test::ClearSyslog();
     vt_test::WriteProductFile(
         "/KELM/conf/gid_print_limit.conf",
         "gid=20,num=1610612736,interval=1\ngid=21,num=4,interval=1,burst=3\n");
