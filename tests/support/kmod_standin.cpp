@@ -3,16 +3,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <list>
 #include <stdexcept>
-#include <utility>
 
+#include "dbglog/internal.h"
 #include "dbglog/zeb_sys.h"
 
 namespace vt_test {
@@ -20,40 +18,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The kernel module's own view of the request records, written down
-// independently of the library so that a layout slip on either side shows.
-struct KernelLevelRequest {
-    uint32_t pid;
-    uint8_t level;
-    uint8_t pad1[3];
-    uint32_t count;
-    uint8_t pad2[4];
-    uint64_t array;
-};
-static_assert(sizeof(KernelLevelRequest) == 24);
-
-struct KernelGidRequest {
-    uint32_t gid;
-    StandinGidLimit limit;
-};
-static_assert(sizeof(KernelGidRequest) == 20);
-
-enum : unsigned long {
-    kGetLevel = 801,
-    kSetLevel,
-    kGetPidNum,
-    kGetAllLevels,
-    kSaveLevels,
-    kGetGidLimit,
-};
-
-using FileId = std::pair<dev_t, ino_t>;
-
-// What the handlers alone see: the roots handed to the library (every one
-// stays alive, it may still be in use) and the module's two control files.
+// Every root handed to the library stays alive: late calls may still use it.
 std::list<std::string> g_roots;
 bool g_module = false;
-FileId g_levelFile, g_limitFile;
 
 int StandinOpen(const char *path, int flags) {
     if (!g_module) {
@@ -63,30 +30,26 @@ int StandinOpen(const char *path, int flags) {
     return open(path, flags);
 }
 
-int LevelRequest(Standin &s, unsigned long request, KernelLevelRequest &req) {
+int LevelRequest(Standin &s, unsigned long request, LogLevelRequest *req) {
     switch (request) {
-        case kGetLevel:
-            req.level = s.levels.contains(req.pid) ? s.levels[req.pid] : 0;
+        case ZEB_IOCTL_GET_LEVEL:
+            req->level = s.levels.contains(req->pid) ? s.levels[req->pid] : 0;
             return 0;
-        case kSetLevel:
-            s.levels[req.pid] = req.level;
+        case ZEB_IOCTL_SET_LEVEL:
+            s.levels[req->pid] = req->level;
             return 0;
-        case kGetPidNum:
-            req.count = static_cast<uint32_t>(s.levels.size());
+        case ZEB_IOCTL_GET_PID_NUM:
+            req->count = static_cast<uint32_t>(s.levels.size());
             return 0;
-        case kGetAllLevels: {
-            auto *out = reinterpret_cast<StandinLevelEntry *>(static_cast<uintptr_t>(req.array));
-            if (out == nullptr) {
-                errno = EFAULT;
-                return -1;
-            }
+        case ZEB_IOCTL_GET_ALL_LEVELS: {
+            auto *out = reinterpret_cast<StandinLevelEntry *>(static_cast<uintptr_t>(req->array));
             uint32_t i = 0;
-            for (auto it = s.levels.begin(); it != s.levels.end() && i < req.count; ++it) {
+            for (auto it = s.levels.begin(); it != s.levels.end() && i < req->count; ++it) {
                 out[i++] = {it->first, it->second};
             }
             return 0;
         }
-        case kSaveLevels:
+        case ZEB_IOCTL_SAVE_LEVELS:
             s.saves++;
             return 0;
     }
@@ -94,36 +57,30 @@ int LevelRequest(Standin &s, unsigned long request, KernelLevelRequest &req) {
     return -1;
 }
 
+// Level requests go to the level file only, 806 to the limit file only.
 int StandinIoctl(int fd, unsigned long request, void *arg) {
-    struct stat st;
-    if (fstat(fd, &st) != 0) {
-        return -1;
-    }
-    const FileId id{st.st_dev, st.st_ino};
+    std::error_code ec;
+    const std::string file = fs::read_symlink("/proc/self/fd/" + std::to_string(fd), ec).string();
     Standin &s = TheStandin();
     std::lock_guard<std::mutex> lock(s.mutex);
-    errno = arg == nullptr ? EFAULT : s.failRequests ? EIO : ENOTTY;
-    if (arg == nullptr || s.failRequests) {
+    errno = s.failRequests ? EIO : ENOTTY;
+    if (s.failRequests) {
         return -1;
     }
-    if (id == g_levelFile) {
-        KernelLevelRequest req;
-        memcpy(&req, arg, sizeof req);
-        const int rc = LevelRequest(s, request, req);
-        memcpy(arg, &req, sizeof req);
-        return rc;
+    if (file.ends_with("/proc/zeb/log_level")) {
+        return LevelRequest(s, request, static_cast<LogLevelRequest *>(arg));
     }
-    KernelGidRequest req;
-    memcpy(&req, arg, sizeof req);
-    if (id != g_limitFile || request != kGetGidLimit) {
+    if (!file.ends_with("/proc/zeb/mod_ring_buffer") || request != ZEB_IOCTL_GET_GID_LIMIT) {
         return -1;
     }
-    if (!s.limits.contains(req.gid)) {
+    auto *req = static_cast<GidLimitRequest *>(arg);
+    const auto it = s.limits.find(req->gid);
+    if (it == s.limits.end()) {
         errno = ENOENT;
         return -1;
     }
-    req.limit = s.limits[req.gid];
-    memcpy(arg, &req, sizeof req);
+    const StandinGidLimit &l = it->second;
+    *req = {req->gid, l.num, l.interval, l.burst, l.resume};
     return 0;
 }
 
@@ -136,19 +93,6 @@ int StandinMonotonic(struct timespec *now) {
     now->tv_sec = static_cast<time_t>(ns / kStandinSecond);
     now->tv_nsec = static_cast<long>(ns % kStandinSecond);
     return 0;
-}
-
-gid_t StandinGid() {
-    return TheStandin().gid.load();
-}
-
-FileId Touch(const fs::path &path) {
-    std::ofstream(path).flush();
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0) {
-        throw std::runtime_error("cannot create " + path.string());
-    }
-    return {st.st_dev, st.st_ino};
 }
 
 fs::path ProductPath(const std::string &productPath) {
@@ -171,16 +115,15 @@ void InstallLoggingStandin(const std::string &root, bool withKernelModule) {
          {"/dev/shm", "/KELM/conf", "/etc/zeb/pid", "/startup_disk/conf/conf_local"}) {
         fs::create_directories(root + dir);
     }
+    if (withKernelModule) {
+        fs::create_directories(root + "/proc/zeb");
+        std::ofstream(root + "/proc/zeb/log_level").flush();
+        std::ofstream(root + "/proc/zeb/mod_ring_buffer").flush();
+    }
     Standin &s = TheStandin();
     std::lock_guard<std::mutex> lock(s.mutex);
     g_roots.push_back(root);
     g_module = withKernelModule;
-    g_levelFile = g_limitFile = {};
-    if (withKernelModule) {
-        fs::create_directories(root + "/proc/zeb");
-        g_levelFile = Touch(root + "/proc/zeb/log_level");
-        g_limitFile = Touch(root + "/proc/zeb/mod_ring_buffer");
-    }
     s.levels.clear();
     s.limits.clear();
     s.saves = 0;
@@ -189,7 +132,8 @@ void InstallLoggingStandin(const std::string &root, bool withKernelModule) {
     s.clockFails = false;
     s.gid = 0;
     static ZebSys sys;
-    sys = {g_roots.back().c_str(), StandinOpen, StandinIoctl, StandinMonotonic, StandinGid};
+    sys = {g_roots.back().c_str(), StandinOpen, StandinIoctl, StandinMonotonic,
+           [] { return TheStandin().gid.load(); }};
     zeb_sys_install(&sys);
 }
 

@@ -25,16 +25,13 @@ struct StandinLevelEntry {
 };
 
 struct StandinGidLimit {
-    uint32_t num;
-    uint32_t interval;
-    uint32_t burst;
-    uint32_t resume;
+    uint32_t num, interval, burst, resume;
 };
 
 constexpr int64_t kStandinSecond = 1000000000;
 
-// The kernel module's tables and what the seam hands the library. Tests
-// change them between library calls; the request handler holds `mutex`.
+// The kernel module's tables and what the seam hands the library; the
+// request handler holds `mutex`.
 struct Standin {
     std::mutex mutex;
     std::map<uint32_t, uint8_t> levels;          // by module; 0 when unknown
@@ -47,9 +44,9 @@ struct Standin {
 };
 Standin &TheStandin();
 
-// Creates root/{dev/shm, KELM/conf, etc/zeb/pid, startup_disk/conf/conf_local}
-// and, with the module, root/proc/zeb/{log_level, mod_ring_buffer}; empties
-// the tables and installs the seam. The clock starts at 1000 s, the group id at 0.
+// Creates the product directories below `root` (and, with the module, its
+// control files in root/proc/zeb), empties the tables and installs the seam.
+// The clock starts at 1000 s, the group id at 0.
 void InstallLoggingStandin(const std::string &root, bool withKernelModule);
 
 // A fresh directory under /tmp, removed with everything in it on destruction.
