@@ -141,24 +141,6 @@ TEST(SecureCopy, Table) {
     }
 }
 
-// The variants' size-specialised paths: every count moves exactly `count` bytes.
-TEST(SecureCopy, VariantsHandleEveryCountUpTo100) {
-    char src[101];
-    for (size_t i = 0; i < sizeof src; ++i) {
-        src[i] = static_cast<char>(i * 7 + 1);
-    }
-    for (size_t count = 0; count <= 100; ++count) {
-        for (int fn = kMemcpy; fn < kStrcpy; ++fn) {
-            SCOPED_TRACE(std::to_string(count) + " bytes, routine " + std::to_string(fn));
-            char d[101];
-            memset(d, 0xEE, sizeof d);
-            ASSERT_EQ(kFns[fn](d, 100, src, count), SEC_OK);
-            std::string want = fn < kMemset ? std::string(src, count) : std::string(count, src[0]);
-            EXPECT_EQ(std::string(d, count + 1), want + '\xEE');
-        }
-    }
-}
-
 // Formatting. No format attribute here: rows pass a null format on purpose.
 int Format(bool truncated, char *dest, size_t destMax, size_t count, const char *format, ...) {
     va_list args;
