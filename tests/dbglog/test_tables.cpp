@@ -195,6 +195,10 @@ TEST_F(DbglogTables, FilesLimitsAndSaves) {
 TEST_F(DbglogTables, KernelLevelRequests) {
     const std::string null = "<3>param array is NULL\n";
     const std::string nofile = "open /proc/zeb/log_level fail\n";
+    const Texts failing = {
+        "execute ioctl set log level fail\n", "execute ioctl get log level fail\n",
+        "execute ioctl get pid num fail\n",   "execute ioctl get all pid log level fail\n",
+        "execute ioctl get log level fail\n", null};
     const struct {
         const char *name;
         bool module, fails;
@@ -203,15 +207,7 @@ TEST_F(DbglogTables, KernelLevelRequests) {
         Texts logs;
     } rows[] = {
         {"module", true, false, 0, 3, 2, {null}},
-        {"failing module",
-         true,
-         true,
-         -1,
-         4,
-         0,
-         {"execute ioctl set log level fail\n", "execute ioctl get log level fail\n",
-          "execute ioctl get pid num fail\n", "execute ioctl get all pid log level fail\n",
-          "execute ioctl get log level fail\n", null}},
+        {"failing module", true, true, -1, 4, 0, failing},
         {"no module", false, false, -1, 4, 0, {nofile, nofile, null}},
     };
     for (const auto &row : rows) {
