@@ -64,7 +64,6 @@ TEST_F(DbglogRecord, Format) {
         {"INFO", 1014, 0, 4, "F", LOG_NOTICE,
          "[ 1000.000000][1500003f60000][INFO][m][<1014>][F,7]"},
         {"DBG above the default", 1014, 0, 5, "F", -1, ""},
-        {"level 6", 1014, 0, 6, "F", -1, ""},
         {"flags above 0xFFFF", 1014, 0x7ABCD, 2, "F", LOG_ERR,
          "[ 1000.000000][1500003f6abcd][ERR][m][<1014>][F,7]"},
         {"largest module", 0xFFFFFFFF, 0xFFFF, 2, "F", LOG_ERR,

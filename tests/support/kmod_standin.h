@@ -1,10 +1,7 @@
-// Test support: the logging library's stand-in for the device.
-//
-// InstallLoggingStandin puts every product path of the logging library under
-// a root directory, answers the kernel module's requests 801..806 from tables
-// held here (when the module is "present"), and replaces CLOCK_MONOTONIC and
-// the process group id with values the test controls. Each install makes the
-// library start afresh (zeb_sys_install), so tests can run in one process.
+// Test support: the logging library's stand-in for the device. It roots every
+// product path in a test directory, answers the kernel module's requests
+// 801..806 from tables held here, and supplies the clock and group id. Each
+// install starts the library afresh, so tests can share one process.
 #ifndef TESTS_SUPPORT_KMOD_STANDIN_H
 #define TESTS_SUPPORT_KMOD_STANDIN_H
 
