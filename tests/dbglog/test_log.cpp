@@ -17,320 +17,175 @@
 
 namespace {
 
-using vt_test::CapturedSyslog;
-using vt_test::SyslogRecord;
-
-constexpr char kProcess[] = "dbglog_tests";
-
-std::string Record(const std::string &id, const std::string &level, const std::string &text,
-                   const std::string &module, const std::string &func, int line,
-                   const std::string &process = kProcess) {
-    return "[ 1000.000000][" + id + "][" + level + "][" + text + "][" + module + "][" + func + "," +
-           std::to_string(line) + "][" + process + "]\n";
-}
+using Texts = std::vector<std::string>;
+using vt_test::CapturedSyslogTexts;
+using vt_test::TheStandin;
 
 // Each install starts the library afresh below the test's own root.
 class DbglogRecord : public ::testing::Test {
   protected:
-    void Install(bool withModule, gid_t gid = 0) {
+    void Start(bool withModule, gid_t gid = 0, std::optional<std::string> record = {}) {
         vt_test::InstallLoggingStandin(root_.path(), withModule);
-        vt_test::StandinSetProcessGid(gid);
-        vt_test::ClearSyslog();
-    }
-    void Start(bool withModule = false) {
-        Install(withModule);
+        TheStandin().gid = gid;
+        if (record) {
+            vt_test::WriteProductFile("/dev/shm/dbglog.cfg", *record);
+        }
         zeb_debug_module_init();
         vt_test::ClearSyslog();
     }
     vt_test::TempRoot root_;
 };
 
-TEST_F(DbglogRecord, LevelsMapToPrioritiesUnderDefaultLevel) {
-    Start();
-    struct Row {
+// A shared record of `level`; `tail` fills bytes 5..15.
+std::string Rec(uint8_t level, const std::string &tail = std::string(11, '\x5A')) {
+    std::string record(4, '\0');
+    const uint32_t magic = DBG_CONFIG_MAGIC;
+    memcpy(record.data(), &magic, 4);
+    return record + static_cast<char>(level) + tail;
+}
+
+// Under the default level 4 (INFO); records end in "[dbglog_tests]\n".
+TEST_F(DbglogRecord, Format) {
+    Start(false);
+    const std::string f32(32, 'a'), f33 = std::string(32, 'b') + "Z";
+    const struct {
         const char *name;
+        uint32_t module, flags;
         int level;
-        int priority;  // -1: no record
-        const char *levelName;
-    };
-    const Row rows[] = {
-        {"negative", -1, -1, ""},         {"zero", 0, -1, ""},
-        {"CRI", 1, LOG_EMERG, "CRI"},     {"ERR", 2, LOG_ERR, "ERR"},
-        {"WARN", 3, LOG_WARNING, "WARN"}, {"INFO", 4, LOG_NOTICE, "INFO"},
-        {"DBG above default", 5, -1, ""}, {"six", 6, -1, ""},
-    };
-    for (const Row &row : rows) {
-        vt_test::ClearSyslog();
-        DBG_Log(1014, row.level, "Func", 7, 0, "v=%d", row.level);
-        std::vector<SyslogRecord> got = CapturedSyslog();
-        if (row.priority < 0) {
-            EXPECT_TRUE(got.empty()) << row.name;
-            continue;
-        }
-        ASSERT_EQ(got.size(), 1u) << row.name;
-        EXPECT_EQ(got[0].priority, row.priority) << row.name;
-        EXPECT_EQ(got[0].text, Record("1500003f60000", row.levelName,
-                                      "v=" + std::to_string(row.level), "<1014>", "Func", 7))
-            << row.name;
-    }
-}
-
-TEST_F(DbglogRecord, RecordIdKeepsLowBitsOfModuleAndFlags) {
-    Start();
-    struct Row {
-        const char *name;
-        uint32_t module;
-        uint32_t flags;
-        const char *id;
-        const char *moduleField;
-    };
-    const Row rows[] = {
-        {"tool", 1014, 0, "1500003f60000", "<1014>"},
-        {"flags above 0xFFFF", 1014, 0x7ABCD, "1500003f6abcd", "<1014>"},
-        {"module above 0xFFFF", 0x10005, 0, "1500000050000", "<65541>"},
-        {"largest module", 0xFFFFFFFF, 0xFFFF, "15000ffffffff", "<4294967295>"},
-    };
-    for (const Row &row : rows) {
-        vt_test::ClearSyslog();
-        DBG_Log(row.module, 2, "F", 1, row.flags, "m");
-        EXPECT_EQ(vt_test::CapturedSyslogTexts(),
-                  std::vector<std::string>{Record(row.id, "ERR", "m", row.moduleField, "F", 1)})
-            << row.name;
-    }
-}
-
-TEST_F(DbglogRecord, TimeStampIsMonotonicSecondsAndMicroseconds) {
-    Start();
-    vt_test::StandinSetClock(12, 345678901);
-    DBG_Log(1014, 2, "F", 1, 0, "t");
-    vt_test::StandinSetClock(123456, 999);
-    DBG_Log(1014, 2, "F", 1, 0, "t");
-    auto texts = vt_test::CapturedSyslogTexts();
-    ASSERT_EQ(texts.size(), 2u);
-    EXPECT_EQ(texts[0].substr(0, 14), "[   12.345678]");
-    EXPECT_EQ(texts[1].substr(0, 15), "[123456.000000]");
-}
-
-TEST_F(DbglogRecord, LongMessageIsCutAfterDiagnostic) {
-    Start();
-    const std::string text(200, 'x');
-    DBG_Log(1014, 2, "Func", 9, 0, "%s", text.c_str());
-    std::vector<SyslogRecord> got = CapturedSyslog();
-    ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(got[0].priority, LOG_INFO);
-    EXPECT_EQ(got[0].text,
-              "DBG_Log: vsnprintf_s fail, err is -1 in Func func, 9 line [DBG_Log,1047].\n");
-    EXPECT_EQ(got[1].text,
-              Record("1500003f60000", "ERR", text.substr(0, 159), "<1014>", "Func", 9));
-}
-
-TEST_F(DbglogRecord, FunctionNamesAreShortenedFrom33Characters) {
-    Start();
-    const std::string n32(32, 'a');
-    const std::string n33 = std::string(32, 'b') + "Z";
-    const std::string n40 = std::string(39, 'c') + "Y";
-    struct Row {
-        const char *name;
         std::string function;
-        std::string shown;
+        int priority;      // -1: no record
+        std::string want;  // the record up to the process name
+        int64_t ns = 1000 * vt_test::kStandinSecond;
+    } rows[] = {
+        {"level 0", 1014, 0, 0, "F", -1, ""},
+        {"CRI", 1014, 0, 1, "F", LOG_EMERG, "[ 1000.000000][1500003f60000][CRI][m][<1014>][F,7]"},
+        {"ERR", 1014, 0, 2, "F", LOG_ERR, "[ 1000.000000][1500003f60000][ERR][m][<1014>][F,7]"},
+        {"WARN", 1014, 0, 3, "", LOG_WARNING, "[ 1000.000000][1500003f60000][WARN][m][<1014>][,7]"},
+        {"INFO", 1014, 0, 4, "F", LOG_NOTICE,
+         "[ 1000.000000][1500003f60000][INFO][m][<1014>][F,7]"},
+        {"DBG above the default", 1014, 0, 5, "F", -1, ""},
+        {"flags above 0xFFFF", 1014, 0x7ABCD, 2, "F", LOG_ERR,
+         "[ 1000.000000][1500003f6abcd][ERR][m][<1014>][F,7]"},
+        {"largest module", 0xFFFFFFFF, 0xFFFF, 2, "F", LOG_ERR,
+         "[ 1000.000000][15000ffffffff][ERR][m][<4294967295>][F,7]"},
+        {"function of 32 characters", 1014, 0, 2, f32, LOG_ERR,
+         "[ 1000.000000][1500003f60000][ERR][m][<1014>][" + f32 + ",7]"},
+        {"function of 33 characters", 1014, 0, 2, f33, LOG_ERR,
+         "[ 1000.000000][1500003f60000][ERR][m][<1014>][" + std::string(29, 'b') + "..Z,7]"},
+        {"microseconds", 1014, 0, 2, "F", LOG_ERR,
+         "[   12.345678][1500003f60000][ERR][m][<1014>][F,7]", 12345678901},
+        {"six-digit seconds", 1014, 0, 2, "F", LOG_ERR,
+         "[123456.000000][1500003f60000][ERR][m][<1014>][F,7]", 123456000000999},
     };
-    const Row rows[] = {
-        {"32 characters whole", n32, n32},
-        {"33 characters", n33, std::string(29, 'b') + "..Z"},
-        {"40 characters", n40, std::string(29, 'c') + "..Y"},
-        {"empty", "", ""},
-    };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        TheStandin().clockNs = row.ns;
         vt_test::ClearSyslog();
-        DBG_Log(1014, 3, row.function.c_str(), 5, 0, "m");
-        EXPECT_EQ(
-            vt_test::CapturedSyslogTexts(),
-            std::vector<std::string>{Record("1500003f60000", "WARN", "m", "<1014>", row.shown, 5)})
-            << row.name;
+        DBG_Log(row.module, row.level, row.function.c_str(), 7, row.flags, "m");
+        const auto got = vt_test::CapturedSyslog();
+        ASSERT_EQ(got.size(), row.priority < 0 ? 0u : 1u);
+        if (row.priority >= 0) {
+            EXPECT_EQ(got[0].priority, row.priority);
+            EXPECT_EQ(got[0].text, row.want + "[dbglog_tests]\n");
+        }
     }
 }
 
-TEST_F(DbglogRecord, LzebLogAddsProcessIdAndUsesItsOwnDiagnostic) {
-    Start();
-    const std::string process = std::string(kProcess) + "," + std::to_string(getpid());
+// A message is cut at 159 characters after a diagnostic; LZEB_log adds the
+// process id and has a diagnostic of its own.
+TEST_F(DbglogRecord, LongMessagesAndLzebLog) {
+    Start(false);
+    const std::string head = "[ 1000.000000][1500003f60000][INFO][";
+    const std::string process = "[dbglog_tests," + std::to_string(getpid()) + "]\n";
+    DBG_Log(1014, 4, "Func", 9, 0, "%s", std::string(200, 'x').c_str());
     LZEB_log(1014, 4, "F", 2, 0, "hello %s", "there");
     LZEB_log(1014, 4, "F", 3, 0, "%s", std::string(170, 'y').c_str());
-    DBG_Log(1014, 4, "F", 4, 0, "plain");
-    auto texts = vt_test::CapturedSyslogTexts();
-    const std::vector<std::string> want = {
-        Record("1500003f60000", "INFO", "hello there", "<1014>", "F", 2, process),
-        "vsnprintf_s fail, err is -1 in F func, 3 line [LZEB_log,1119].\n",
-        Record("1500003f60000", "INFO", std::string(159, 'y'), "<1014>", "F", 3, process),
-        Record("1500003f60000", "INFO", "plain", "<1014>", "F", 4),
-    };
-    EXPECT_EQ(texts, want);
+    EXPECT_EQ(CapturedSyslogTexts(),
+              (Texts{
+                  "DBG_Log: vsnprintf_s fail, err is -1 in Func func, 9 line [DBG_Log,1047].\n",
+                  head + std::string(159, 'x') + "][<1014>][Func,9][dbglog_tests]\n",
+                  head + "hello there][<1014>][F,2]" + process,
+                  "vsnprintf_s fail, err is -1 in F func, 3 line [LZEB_log,1119].\n",
+                  head + std::string(159, 'y') + "][<1014>][F,3]" + process,
+              }));
+    EXPECT_EQ(vt_test::CapturedSyslog()[0].priority, LOG_INFO);
 }
 
-TEST_F(DbglogRecord, KernelLevelZeroMeansDefaultLevel) {
+// The kernel module's level of a module wins; 0 means the default level.
+TEST_F(DbglogRecord, KernelLevel) {
     Start(true);
-    struct Row {
-        const char *name;
+    const struct {
         uint8_t kernelLevel;
         int level;
         bool written;
+        bool fails = false;  // the request fails: the default applies, and is said
+    } rows[] = {
+        {0, 4, true}, {0, 5, false}, {2, 2, true}, {2, 3, false}, {5, 5, true}, {5, 5, false, true},
     };
-    const Row rows[] = {
-        {"kernel 0, INFO passes", 0, 4, true}, {"kernel 0, DBG dropped", 0, 5, false},
-        {"kernel 2, ERR passes", 2, 2, true},  {"kernel 2, WARN dropped", 2, 3, false},
-        {"kernel 5, DBG passes", 5, 5, true},
-    };
-    for (const Row &row : rows) {
-        vt_test::StandinSetKernelLevel(1014, row.kernelLevel);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::to_string(row.kernelLevel) + " " + std::to_string(row.level));
+        TheStandin().levels[1014] = row.kernelLevel;
+        TheStandin().failRequests = row.fails;
         vt_test::ClearSyslog();
         DBG_Log(1014, row.level, "F", 1, 0, "m");
-        EXPECT_EQ(CapturedSyslog().size(), row.written ? 1u : 0u) << row.name;
-    }
-    // A failing request falls back to the default level and says so.
-    vt_test::StandinSetKernelLevel(1014, 5);
-    vt_test::StandinFailRequests(true);
-    vt_test::ClearSyslog();
-    DBG_Log(1014, 5, "F", 1, 0, "m");
-    EXPECT_EQ(vt_test::CapturedSyslogTexts(),
-              std::vector<std::string>{"execute ioctl get log level fail\n"});
-}
-
-TEST_F(DbglogRecord, GroupZeroProcessInitialisesSharedRecord) {
-    Install(false);
-    // Bytes 8..15 belong to others and must survive initialisation.
-    vt_test::WriteProductFile("/dev/shm/dbglog.cfg", std::string(16, '\xAA'));
-    zeb_debug_module_init();
-    std::string file = vt_test::ReadProductFile("/dev/shm/dbglog.cfg");
-    ASSERT_GE(file.size(), 16u);
-    uint32_t magic;
-    memcpy(&magic, file.data(), 4);
-    EXPECT_EQ(magic, DBG_CONFIG_MAGIC);
-    EXPECT_EQ(file[4], 4);
-    EXPECT_EQ(file.substr(5, 3), std::string(3, '\0'));
-    EXPECT_EQ(file.substr(8, 8), std::string(8, '\xAA'));
-    ASSERT_NE(DBG_GetLogConfig(), nullptr);
-    EXPECT_EQ(DBG_GetLogConfig()->defaultLevel, 4);
-    // Without the kernel module both control files are reported missing.
-    EXPECT_EQ(vt_test::CapturedSyslogTexts(),
-              (std::vector<std::string>{"open /proc/zeb/log_level fail\n",
-                                        "open /proc/zeb/mod_ring_buffer fail\n"}));
-}
-
-std::string InitialisedRecord(uint8_t level) {
-    std::string record(16, '\x5A');
-    const uint32_t magic = DBG_CONFIG_MAGIC;
-    memcpy(record.data(), &magic, 4);
-    record[4] = static_cast<char>(level);
-    return record;
-}
-
-TEST_F(DbglogRecord, ExistingRecordKeepsItsLevel) {
-    Install(false);
-    vt_test::WriteProductFile("/dev/shm/dbglog.cfg", InitialisedRecord(2));
-    DBG_Log(1014, 2, "F", 1, 0, "kept");
-    DBG_Log(1014, 3, "F", 1, 0, "dropped");
-    auto texts = vt_test::CapturedSyslogTexts();
-    ASSERT_FALSE(texts.empty());
-    EXPECT_EQ(texts.back(), Record("1500003f60000", "ERR", "kept", "<1014>", "F", 1));
-    EXPECT_EQ(vt_test::ReadProductFile("/dev/shm/dbglog.cfg").substr(0, 16), InitialisedRecord(2));
-}
-
-TEST_F(DbglogRecord, SetDefaultLevelFromGroupZero) {
-    Start();
-    struct Row {
-        const char *name;
-        uint8_t level;
-        int result;
-        const char *message;  // null: none
-    };
-    const Row rows[] = {
-        {"level 0", 0, 0, "DBG_SetLogLevel error,v_iLogLevel (0) gid (0).\n"},
-        {"level 6", 6, 0, "DBG_SetLogLevel error,v_iLogLevel (6) gid (0).\n"},
-        {"level 5", 5, 1, nullptr},
-        {"level 1", 1, 1, nullptr},
-    };
-    uint8_t expected = 4;
-    for (const Row &row : rows) {
-        vt_test::ClearSyslog();
-        EXPECT_EQ(DBG_SetDefLogLevel(row.level), row.result) << row.name;
-        std::vector<std::string> want;
-        if (row.message != nullptr) {
-            want.push_back(row.message);
-        } else {
-            expected = row.level;
+        const auto texts = CapturedSyslogTexts();
+        EXPECT_EQ(texts.size(), row.written || row.fails ? 1u : 0u);
+        if (row.fails) {
+            EXPECT_EQ(texts, Texts{"execute ioctl get log level fail\n"});
         }
-        EXPECT_EQ(vt_test::CapturedSyslogTexts(), want) << row.name;
-        EXPECT_EQ(DBG_GetLogConfig()->defaultLevel, expected) << row.name;
     }
-    vt_test::ClearSyslog();
-    DBG_Log(1014, 2, "F", 1, 0, "below CRI-only level");
-    EXPECT_TRUE(CapturedSyslog().empty());
-}
-
-TEST_F(DbglogRecord, OtherGroupUsesRecordAsFoundAndMayNotChangeIt) {
-    Install(false, 1000);
-    vt_test::WriteProductFile("/dev/shm/dbglog.cfg", InitialisedRecord(3));
-    zeb_debug_module_init();
-    vt_test::ClearSyslog();
-    EXPECT_EQ(DBG_SetDefLogLevel(5), 0);
-    EXPECT_EQ(vt_test::CapturedSyslogTexts(),
-              std::vector<std::string>{"DBG_SetLogLevel error,v_iLogLevel (5) gid (1000).\n"});
-    EXPECT_EQ(DBG_GetLogConfig()->defaultLevel, 3);
-    vt_test::ClearSyslog();
-    DBG_Log(1014, 4, "F", 1, 0, "dropped at level 3");
-    EXPECT_TRUE(CapturedSyslog().empty());
 }
 
 // Whatever state the shared record is in, a level of 1..5 applies and the
 // kernel module's control files are opened, close-on-exec: no child of the
 // library's command execution inherits a descriptor of the library. Group 0
-// rebuilds a short or damaged record; another group goes on with INFO and
-// says so once.
+// rebuilds a short or damaged record, keeping bytes 8..15; another group goes
+// on with INFO, says so once and leaves the file alone.
 TEST_F(DbglogRecord, SharedRecordStates) {
-    const std::string pad(32, ' ');
-    const std::string stars(62, '*');
-    const std::string banner = pad + stars + "\n" + pad +
+    const std::string stars = std::string(32, ' ') + std::string(62, '*') + "\n";
+    const std::string banner = stars + std::string(32, ' ') +
                                "Can not open print level config file, log will not write/read to "
                                "log file,gid=1000\n" +
-                               pad + stars + "\n";
+                               stars;
     const std::string damaged =
         "/dev/shm/dbglog.cfg holds no valid record: the default level 4 applies\n";
-    struct Row {
+    const std::string rebuilt = Rec(4, std::string(11, '\0'));
+    const struct {
         const char *name;
         gid_t gid;
         std::optional<std::string> file;  // none: no record file
         std::string message;              // empty: none
-        bool mapped;
         uint8_t level;
-    };
-    const Row rows[] = {
-        {"other group, no file", 1000, std::nullopt, banner, false, 4},
-        {"other group, short file", 1000, InitialisedRecord(2).substr(0, 8),
+        std::string after = "";  // group 0: the file afterwards
+    } rows[] = {
+        {"other group, no file", 1000, std::nullopt, banner, 4},
+        {"other group, short file", 1000, Rec(2).substr(0, 8),
          "/dev/shm/dbglog.cfg is shorter than its 16-byte record: the default level 4 applies\n",
-         false, 4},
-        {"other group, bad magic", 1000, "\x02" + InitialisedRecord(2).substr(1), damaged, true, 4},
-        {"other group, level 0", 1000, InitialisedRecord(0), damaged, true, 4},
-        {"other group, sound record", 1000, InitialisedRecord(2), "", true, 2},
-        {"other group, level 5 (DBG)", 1000, InitialisedRecord(5), "", true, 5},
-        {"other group, level 6", 1000, InitialisedRecord(6), damaged, true, 4},
-        {"group 0, short file", 0, std::string(8, '\x5A'), "", true, 4},
-        {"group 0, level 9", 0, InitialisedRecord(9), "", true, 4},
+         4},
+        {"other group, bad magic", 1000, "\x02" + Rec(2).substr(1), damaged, 4},
+        {"other group, sound record", 1000, Rec(2), "", 2},
+        {"other group, level 5 (DBG)", 1000, Rec(5), "", 5},
+        {"other group, level 6", 1000, Rec(6), damaged, 4},
+        {"group 0, no file", 0, std::nullopt, "", 4, rebuilt},
+        {"group 0, short file", 0, std::string(8, '\x5A'), "", 4, rebuilt},
+        {"group 0, damaged", 0, std::string(16, '\xAA'), "", 4,
+         Rec(4, std::string(3, '\0') + std::string(8, '\xAA'))},
+        {"group 0, sound record", 0, Rec(2), "", 2, Rec(2)},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        Install(true, row.gid);
+        vt_test::InstallLoggingStandin(root_.path(), true);
+        TheStandin().gid = row.gid;
+        vt_test::ClearSyslog();
+        unlink((root_.path() + "/dev/shm/dbglog.cfg").c_str());
         if (row.file) {
             vt_test::WriteProductFile("/dev/shm/dbglog.cfg", *row.file);
         }
         zeb_debug_module_init();
-        EXPECT_EQ(vt_test::CapturedSyslogTexts(), row.message.empty()
-                                                      ? std::vector<std::string>{}
-                                                      : std::vector<std::string>{row.message});
-        EXPECT_EQ(DBG_GetLogConfig() != nullptr, row.mapped);
+        EXPECT_EQ(CapturedSyslogTexts(), row.message.empty() ? Texts{} : Texts{row.message});
         EXPECT_EQ(dbg_default_level(), row.level);
-        if (row.gid == 0) {
-            EXPECT_EQ(vt_test::ReadProductFile("/dev/shm/dbglog.cfg").substr(0, 5),
-                      InitialisedRecord(4).substr(0, 5));
-        }
+        EXPECT_EQ(vt_test::ReadProductFile("/dev/shm/dbglog.cfg"),
+                  row.gid == 0 ? row.after : row.file.value_or(""));
         EXPECT_GE(iFd_log_level, 0);
         EXPECT_GE(iFd_log_limit, 0);
         ASSERT_EQ(LZEB_Execute(("ls -l /proc/self/fd/ >" + root_.path() + "/fds").c_str()), 0);
@@ -341,21 +196,33 @@ TEST_F(DbglogRecord, SharedRecordStates) {
     }
 }
 
-TEST_F(DbglogRecord, WithoutSharedRecordInfoIsTheDefault) {
-    // Another group cannot create the record: level 4 applies.
-    Install(true, 1000);
-    zeb_debug_module_init();
-    EXPECT_EQ(DBG_GetLogConfig(), nullptr);
-    vt_test::StandinSetProcessGid(0);
-    vt_test::ClearSyslog();
-    EXPECT_EQ(DBG_SetDefLogLevel(3), 0);
-    EXPECT_EQ(vt_test::CapturedSyslogTexts(),
-              std::vector<std::string>{"Log Cfg file not opened.\n"});
-    vt_test::ClearSyslog();
-    DBG_Log(1014, 4, "F", 1, 0, "info");
-    DBG_Log(1014, 5, "F", 1, 0, "debug");
-    EXPECT_EQ(vt_test::CapturedSyslogTexts(),
-              std::vector<std::string>{Record("1500003f60000", "INFO", "info", "<1014>", "F", 1)});
+// Only group 0 may change the default level, to 1..5, and only with a record.
+TEST_F(DbglogRecord, SetDefaultLevel) {
+    const std::string refused = "DBG_SetLogLevel error,v_iLogLevel (";
+    const struct {
+        gid_t initGid, setGid;
+        bool record;  // a sound record of level 3 before the first call
+        uint8_t level;
+        int result;
+        std::string message;  // empty: none
+        uint8_t after;
+    } rows[] = {
+        {0, 0, true, 0, 0, refused + "0) gid (0).\n", 3},
+        {0, 0, true, 6, 0, refused + "6) gid (0).\n", 3},
+        {0, 0, true, 5, 1, "", 5},
+        {0, 0, true, 1, 1, "", 1},
+        {1000, 1000, true, 5, 0, refused + "5) gid (1000).\n", 3},
+        {1000, 0, false, 3, 0, "Log Cfg file not opened.\n", 4},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::to_string(row.initGid) + " sets " + std::to_string(row.level));
+        unlink((root_.path() + "/dev/shm/dbglog.cfg").c_str());
+        Start(false, row.initGid, row.record ? std::optional(Rec(3)) : std::nullopt);
+        TheStandin().gid = row.setGid;
+        EXPECT_EQ(DBG_SetDefLogLevel(row.level), row.result);
+        EXPECT_EQ(CapturedSyslogTexts(), row.message.empty() ? Texts{} : Texts{row.message});
+        EXPECT_EQ(dbg_default_level(), row.after);
+    }
 }
 
 }  // namespace

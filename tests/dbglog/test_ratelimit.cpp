@@ -1,6 +1,4 @@
 // Per-group rate limiting on the logging path, driven by the stand-in's clock.
-#include <syslog.h>
-
 #include <string>
 #include <vector>
 
@@ -13,99 +11,79 @@
 
 namespace {
 
-// Module 7 ("cms") in group 12, module 8 in group 13, module 9 in group 14.
-class DbglogRateLimit : public ::testing::Test {
-  protected:
-    void Start(bool withModule, const std::string &limits) {
-        vt_test::InstallLoggingStandin(root_.path(), withModule);
-        vt_test::WriteProductFile("/KELM/conf/gid_of_pid.conf",
-                                  "pid=7,pid_name=cms,gid=12\npid=8 gid=13\npid=9 gid=14\n");
-        vt_test::WriteProductFile("/KELM/conf/gid_print_limit.conf", limits);
-        zeb_debug_module_init();
-        vt_test::ClearSyslog();
-    }
-    // One record per letter: 'w' expects it written, 's' suppressed.
-    std::vector<std::string> Log(uint32_t module, const std::string &expect) {
-        std::vector<std::string> reports;
-        for (char c : expect) {
-            vt_test::ClearSyslog();
-            DBG_Log(module, 2, "F", 1, 0, "m");
-            bool written = false;
-            for (const auto &r : vt_test::CapturedSyslog()) {
-                if (r.text.rfind("[", 0) == 0) {
-                    written = true;
-                } else {
-                    reports.push_back(r.text);
-                }
-            }
-            EXPECT_EQ(written, c == 'w') << "module " << module << " pattern " << expect;
-        }
-        return reports;
-    }
-    vt_test::TempRoot root_;
+using Texts = std::vector<std::string>;
+
+struct Step {
+    int64_t advance;     // seconds the clock moves first
+    const char *expect;  // one record per letter: 'w' written, 's' suppressed
+    Texts reports;       // what the library says besides the records
 };
 
-TEST_F(DbglogRateLimit, QuotaSuppressesAndReportsOncePerPeriod) {
-    Start(false, "gid=12,num=2,interval=1,burst=0,resume=86400\n");
-    EXPECT_EQ(Log(7, "wwsss"),
-              std::vector<std::string>{"cms: 1 callbacks suppressed[___ratelimit3].\n"});
-    vt_test::StandinAdvanceClock(86400);
-    Log(7, "s");  // the period's last second
-    vt_test::StandinAdvanceClock(1);
-    // The period ends: the count is reported, and the record passes again.
-    EXPECT_EQ(Log(7, "w"),
-              std::vector<std::string>{"cms: 4 callbacks suppressed in 1 days[___ratelimit3].\n"});
-    // The record that ended the period counts towards the new one.
-    EXPECT_EQ(Log(7, "ws").size(), 1u);
-    // The module's name stands in its records.
-    vt_test::StandinAdvanceClock(2 * 86400);
-    vt_test::ClearSyslog();
-    DBG_Log(7, 2, "F", 1, 0, "m");
-    auto texts = vt_test::CapturedSyslogTexts();
-    ASSERT_EQ(texts.size(), 2u);
-    EXPECT_EQ(texts[1].substr(15), "[1500000070000][ERR][m][cms][F,1][dbglog_tests]\n");
-}
-
-TEST_F(DbglogRateLimit, BurstRefillsAfterResumeTime) {
-    Start(false, "gid=13,num=0,interval=1,burst=3,resume=10\n");
-    EXPECT_EQ(Log(8, "wwws"),
-              std::vector<std::string>{": 1 callbacks suppressed[___ratelimit3].\n"});
-    vt_test::StandinAdvanceClock(10);
-    Log(8, "s");
-    vt_test::StandinAdvanceClock(1);
-    Log(8, "wwws");
-}
-
-TEST_F(DbglogRateLimit, IntervalZeroNeverTouchesState) {
-    Start(false, "gid=14,num=1,interval=0\n");
-    Log(9, "wwww");
-    const RateLimitState &s = search_gid_conf(14)->state;
-    EXPECT_EQ(s.printed, 0u);
-    EXPECT_EQ(s.begin.tv_sec, 0);
-}
-
-TEST_F(DbglogRateLimit, DefaultGroupNeverSuppresses) {
-    Start(false, "");
-    Log(7, "wwwwwwwwww");
-    EXPECT_EQ(search_gid_conf(12)->state.num, 0xFFFFFFFFu);
-}
-
-TEST_F(DbglogRateLimit, ClockFailureLetsRecordsThrough) {
-    Start(false, "gid=12,num=1,interval=1\n");
-    vt_test::StandinFailClock(true);
-    EXPECT_EQ(Log(7, "ww"), std::vector<std::string>(
-                                2,
-                                "Execute clock_gettime failed, errno is 5.Print limit can not take "
-                                "effect.[___ratelimit3].\n"));
-}
-
-TEST_F(DbglogRateLimit, KernelModuleLimitsReplaceFileLimits) {
-    Start(true, "gid=12,num=5,interval=1\n");
-    vt_test::StandinSetGidLimit(12, {1, 1, 0, 86400});
-    Log(7, "ws");
-    const RateLimitState &s = search_gid_conf(12)->state;
-    EXPECT_EQ(s.num, 1u);
-    EXPECT_EQ(s.baseNum, 5u);  // the refresh leaves the file's base alone
+// Module 7 ("cms") is in group 12, module 8 in group 13.
+TEST(DbglogRateLimit, Table) {
+    const std::string clock =
+        "Execute clock_gettime failed, errno is 5.Print limit can not take "
+        "effect.[___ratelimit3].\n";
+    const std::string once = ": 1 callbacks suppressed[___ratelimit3].\n";
+    const struct {
+        const char *name;
+        const char *limits;
+        uint32_t module;
+        std::vector<Step> steps;
+        bool clockFails = false;
+        bool kernel = false;  // the module's limit for group 12: 1 record a day
+    } rows[] = {
+        // The record that ends a period is reported and counts towards the next.
+        {"quota of 2 a day",
+         "gid=12,num=2,interval=1,burst=0,resume=86400\n",
+         7,
+         {{0, "wwsss", {"cms" + once}},
+          {86400, "s", {"cms: 4 callbacks suppressed[___ratelimit3].\n"}},
+          {1, "w", {"cms: 4 callbacks suppressed in 1 days[___ratelimit3].\n"}},
+          {0, "ws", {"cms" + once}}}},
+        {"burst of 3 refilled after 10 s",
+         "gid=13,num=0,interval=1,burst=3,resume=10\n",
+         8,
+         {{0, "wwws", {once}}, {10, "s", {}}, {1, "wwws", {}}}},
+        {"interval 0: no limit", "gid=12,num=1,interval=0\n", 7, {{0, "wwww", {}}}},
+        {"default group: no limit", "", 7, {{0, "wwwwwwwwww", {}}}},
+        {"failing clock", "gid=12,num=1,interval=1\n", 7, {{0, "ww", {clock, clock}}}, true},
+        {"kernel limit replaces the file's",
+         "gid=12,num=5,interval=1\n",
+         7,
+         {{0, "ws", {"cms" + once}}},
+         false,
+         true},
+    };
+    vt_test::TempRoot root;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        vt_test::InstallLoggingStandin(root.path(), row.kernel);
+        vt_test::WriteProductFile("/KELM/conf/gid_of_pid.conf",
+                                  "pid=7,pid_name=cms,gid=12\npid=8 gid=13\n");
+        vt_test::WriteProductFile("/KELM/conf/gid_print_limit.conf", row.limits);
+        vt_test::TheStandin().limits[12] = {1, 1, 0, 86400};
+        zeb_debug_module_init();
+        vt_test::TheStandin().clockFails = row.clockFails;
+        for (const Step &step : row.steps) {
+            vt_test::TheStandin().clockNs += step.advance * vt_test::kStandinSecond;
+            Texts reports;
+            for (const char *c = step.expect; *c != '\0'; ++c) {
+                vt_test::ClearSyslog();
+                DBG_Log(row.module, 2, "F", 1, 0, "m");
+                bool written = false;
+                for (const std::string &text : vt_test::CapturedSyslogTexts()) {
+                    if (text.starts_with("[")) {
+                        written = true;
+                    } else {
+                        reports.push_back(text);
+                    }
+                }
+                EXPECT_EQ(written, *c == 'w') << step.expect << " at " << c - step.expect;
+            }
+            EXPECT_EQ(reports, step.reports) << step.expect;
+        }
+    }
 }
 
 }  // namespace

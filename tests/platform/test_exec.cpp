@@ -23,18 +23,7 @@ TEST(LzebExec, ShellCommands) {
     } rows[] = {
         {"exit code 1", "exit 1", 1 << 8},
         {"redirections run", "echo hi > @ 2>/dev/null </dev/null", 0},
-        {"semicolon at the end refused", "touch @;", -1},
-        {"semicolon inside refused", "touch @; true", -1},
-        {"double pipe refused", "false || touch @", -1},
-        {"single pipe refused", "echo hi | tee @", -1},
-        {"double ampersand refused", "true && touch @", -1},
-        {"background refused", "touch @ &", -1},
-        {"line feed refused", "true\ntouch @", -1},
-        {"backquotes refused", "echo `touch @`", -1},
-        {"command substitution refused", "echo $(touch @)", -1},
-        {"subshell refused", "(touch @)", -1},
-        {"empty command", "", 0},
-        {"missing program", "/nonexistent/vt_prog 2>@", 127 << 8},
+        {"semicolon refused", "touch @; true", -1},
     };
     for (auto *run : {LZEB_system, LZEB_Execute}) {
         for (const auto &row : rows) {
@@ -49,6 +38,9 @@ TEST(LzebExec, ShellCommands) {
             EXPECT_EQ(std::filesystem::exists(marker), at != command.npos && row.status != -1);
         }
         EXPECT_EQ(run(nullptr), -1);
+        for (char chain : std::string(";&|\n()`$")) {
+            EXPECT_EQ(run((std::string("true ") + chain + " true").c_str()), -1) << chain;
+        }
     }
     std::filesystem::remove_all(pattern);
 }
@@ -64,9 +56,8 @@ TEST(LzebExec, ArgumentVectors) {
         {"arguments as given",
          {"/bin/sh", "-c", "[ \"$1\" = 'a;b||c' ]", "sh", "a;b||c", nullptr},
          0},
-        {"missing program", {"/nonexistent/vt_prog", nullptr}, 127 << 8},
-        {"signal kept raw", {"/bin/sh", "-c", "kill -9 $$", nullptr}, 9},
         {"no PATH search", {"sh", "-c", "exit 0", nullptr}, 127 << 8},
+        {"signal kept raw", {"/bin/sh", "-c", "kill -9 $$", nullptr}, 9},
         {"null program", {nullptr}, -1},
     };
     for (const auto &row : rows) {
@@ -81,16 +72,10 @@ TEST(LzebExec, CharacterClasses) {
         const char *text;
         int args, ips;  // the results of __zebusr_has_illegal_args and _ips
     } rows[] = {
-        {"10.0.0.1/24", 0, 0},
-        {"fe80::1", 0, 0},
-        {"/dev/shm/Log.conf", 0, 0},
+        {"fe80::1/Log.conf9", 0, 0},
         {nullptr, 0, 0},
         {"/tmp/a-b_c.d,e=f+g@h%i#j:k", 0, 1},
-        {"10.0.0.1 ", 0, 1},
-        {"a-b", 0, 1},
-        {"a\tb", 0, 1},
-        {"caf\xc3\xa9", 0, 1},
-        {"abc*", 1, 1},
+        {"caf\xc3\xa9 \t", 0, 1},
     };
     int reserved = 0;
     for (const auto &row : rows) {

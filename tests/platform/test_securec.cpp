@@ -1,6 +1,5 @@
-// Bounds-checked memory and string routines. The copy routines share one row
-// shape: a 16-byte buffer, the call's arguments, the result and the bytes the
-// buffer holds afterwards.
+// Bounds-checked memory and string routines. A copy row: a 16-byte buffer,
+// the call's arguments, the result and the buffer's bytes afterwards.
 #include "platform/securec.h"
 
 #include <gtest/gtest.h>
@@ -10,11 +9,9 @@
 #include <string.h>
 #include <wchar.h>
 
-#include <algorithm>
 #include <iterator>
 #include <string>
 #include <utility>
-#include <vector>
 
 using namespace std::string_literals;
 
@@ -107,15 +104,12 @@ const CopyRow kCopyRows[] = {
     {kMemset, "null dest", kInit, 8, "#", kNoDest, 4, SEC_EINVAL, kInit},
     {kMemset, "null dest, destMax 0", kInit, 0, "#", kNoDest, 0, SEC_ERANGE, kInit},
 
-    {kStrcpy, "copies with terminator", kInit, 16, "AB", kLit, 0, SEC_OK, "AB\0defgh"s},
-    {kStrcpy, "empty source", kInit, 16, "", kLit, 0, SEC_OK, "\0bcd"s},
     {kStrcpy, "destMax-1 characters fit", kInit, 4, "ABC", kLit, 0, SEC_OK, "ABC\0efgh"s},
     {kStrcpy, "destMax characters", kInit, 3, "ABC", kLit, 0, SEC_ERANGE_RESET, "\0bcd"s},
     {kStrcpy, "overlap", "hello\0"s, 16, nullptr, 1, 0, SEC_EOVERLAP_RESET, "\0ello\0"s},
     {kStrcpy, "too long before overlap", "hello\0"s, 3, nullptr, 1, 0, SEC_ERANGE_RESET, "\0ell"s},
     {kStrcpy, "source behind the copy", "\0xxxxxxxxxab\0"s, 10, nullptr, 10, 0, SEC_OK, "ab\0x"s},
 
-    {kStrncpy, "count of a longer source", kInit, 16, "ABCDEF", kLit, 3, SEC_OK, "ABC\0efgh"s},
     {kStrncpy, "all of a shorter source", kInit, 16, "AB", kLit, 5, SEC_OK, "AB\0defgh"s},
     {kStrncpy, "count 0 empties dest", kInit, 16, "ABC", kLit, 0, SEC_OK, "\0bcd"s},
     {kStrncpy, "count above the limit", kInit, 16, "ABC", kLit, kAbove, SEC_ERANGE_RESET, "\0bc"s},
@@ -126,7 +120,6 @@ const CopyRow kCopyRows[] = {
     {kStrncpy, "overlap", "abcdef\0"s, 16, nullptr, 2, 3, SEC_EOVERLAP_RESET, "\0bcdef\0"s},
     {kStrncpy, "source behind the copy", "abcdef\0"s, 16, nullptr, 4, 2, SEC_OK, "ef\0def\0"s},
 
-    {kStrcat, "appends", "ab\0"s, 16, "cd", kLit, 0, SEC_OK, "abcd\0xx"s},
     {kStrcat, "fills destMax exactly", "ab\0"s, 5, "cd", kLit, 0, SEC_OK, "abcd\0xx"s},
     {kStrcat, "one character too long", "ab\0"s, 4, "cd", kLit, 0, SEC_ERANGE_RESET, "\0b\0xx"s},
     {kStrcat, "no terminator", kInit, 8, "cd", kLit, 0, SEC_EINVAL_RESET, "\0bcdefghij"s},
@@ -148,25 +141,6 @@ TEST(SecureCopy, Table) {
     }
 }
 
-// The variants' size-specialised paths: every count moves exactly `count` bytes.
-TEST(SecureCopy, VariantsHandleEveryCountUpTo100) {
-    char src[101];
-    for (size_t i = 0; i < sizeof src; ++i) {
-        src[i] = static_cast<char>(i * 7 + 1);
-    }
-    for (size_t count = 0; count <= 100; ++count) {
-        for (int fn = kMemcpy; fn < kStrcpy; ++fn) {
-            SCOPED_TRACE(std::to_string(count) + " bytes, routine " + std::to_string(fn));
-            char d[101];
-            memset(d, 0xEE, sizeof d);
-            ASSERT_EQ(kFns[fn](d, 100, src, count), SEC_OK);
-            std::string want = fn < kMemset ? std::string(src, count) : std::string(count, src[0]);
-            EXPECT_EQ(std::string(d, count + 1), want + '\xEE');
-        }
-    }
-}
-
-// ---------------------------------------------------------------------------
 // Formatting. No format attribute here: rows pass a null format on purpose.
 int Format(bool truncated, char *dest, size_t destMax, size_t count, const char *format, ...) {
     va_list args;
@@ -189,23 +163,18 @@ TEST(Vsnprintf, Table) {
         int expected;
         std::string bytes;
     } rows[] = {
-        {false, "fits", 16, 15, "<%s>", "hello", 7, "<hello>\0"s},
         {false, "exactly count characters", 16, 5, "%s", "hello", 5, "hello\0"s},
         {false, "(d, 16, 15) with 20 characters", 16, 15, "%s", k20, -1, "abcdefghijklmno\0"s},
-        {false, "count 0 with text", 16, 0, "%s", "a", -1, "\0xxx"s},
-        {false, "(d, 10, 10) with a longer text", 10, 10, "%s", k20, -1, "\0bcdefghi"s},
         {false, "destMax <= count, text fits", 6, 10, "%s", "hello", 5, "hello\0"s},
         {false, "destMax <= count, text of destMax", 5, 10, "%s", "hello", -1, "\0ell\0x"s},
         {false, "count above 0x7FFFFFFE", 16, 0x7FFFFFFF, "%s", "a", -1, "\0xxx"s},
         {false, "count 0x7FFFFFFE", 16, 0x7FFFFFFE, "%s", "a", 1, "a\0xx"s},
         {false, "destMax 0", 0, 15, "%s", "a", -1, "xxxx"},
-        {false, "above the limit", kAbove, 15, "%s", "a", -1, "xxxx"},
         {false, "null format", 16, 15, nullptr, "a", -1, "\0xxx"s},
         {false, "%n printed as written", 16, 15, "ab%hhn", gScratch, 6, "ab%hhn\0"s},
         {false, "%%n is text", 16, 15, "%%n", nullptr, 2, "%n\0"s},
         {true, "destMax-1 characters", 6, 0, "%s", "hello", 5, "hello\0"s},
         {true, "cut silently", 4, 0, "%s", "hello", 3, "hel\0"s},
-        {true, "destMax 0", 0, 0, "%s", "a", -1, "xxxx"},
         {true, "above the limit", kAbove, 0, "%s", "a", -1, "xxxx"},
         {true, "null format", 16, 0, nullptr, "a", -1, "\0xxx"s},
         {true, "%n printed as written", 16, 0, "%5ln", gScratch, 4, "%5ln\0"s},
@@ -220,14 +189,12 @@ TEST(Vsnprintf, Table) {
         EXPECT_EQ(Format(row.truncated, nullptr, row.destMax, row.count, row.format, row.arg), -1);
     }
     EXPECT_EQ(gScratch[0], 0);
-    char buf[64];
-    EXPECT_EQ(snprintf_s(buf, 64, 63, "%d|%5.2f|%-4s|%lx", -42, 3.14159, "ab", 0xbeefUL), 19);
-    EXPECT_STREQ(buf, "-42| 3.14|ab  |beef");
+    char buf[8];
+    EXPECT_EQ(snprintf_s(buf, 8, 7, "%d|%s", -42, "ab"), 6);
     EXPECT_EQ(snprintf_truncated_s(buf, 6, "%d-%d", 1234, 5678), 5);
     EXPECT_STREQ(buf, "1234-");
 }
 
-// ---------------------------------------------------------------------------
 // Scanning. The format reaches glibc in pieces, yet results, EOF rules
 // included, must be glibc's own. Forms that take no size argument or cannot
 // be checked end the scan (no glibc comparison there).
@@ -238,17 +205,10 @@ TEST(SscanfS, IntegersAgreeWithGlibc) {
         bool glibc = true;
     } rows[] = {
         {"pid=3 level=5", "pid=%u level=%u\n", 2, 3, 5},
-        {"pid=3 lvl=5", "pid=%u level=%u", 1, 3, -1},
         {"pid", "pid=%u level=%u", -1, -1, -1},
-        {"x", "pid=%u", 0, -1, -1},
-        {"", "%d", -1, -1, -1},
-        {"   ", "%d%d", -1, -1, -1},
         {"7", "%*d %d", -1, -1, -1},
-        {"7 8", "%*d %d", 1, 8, -1},
         {"1 2", "%d %d end", 2, 1, 2},
         {"50% 3", "%d%% %d", 2, 50, 3},
-        {"12345", "%2d%d", 2, 12, 345},
-        {"ab", "abc", -1, -1, -1},
         {"abd", "abc", 0, -1, -1},
         {"1 2", "%d %1$d", 1, 1, -1, false},
         {"1 2", "%d %[a", 1, 1, -1, false},
@@ -267,66 +227,48 @@ TEST(SscanfS, IntegersAgreeWithGlibc) {
     int n = 0;
     char *allocated = nullptr;
     EXPECT_EQ(sscanf_s(nullptr, "%d", &n), -1);
-    EXPECT_EQ(sscanf_s("1", nullptr), -1);
     EXPECT_EQ(sscanf_s("1 2", "%d %d", &n, static_cast<int *>(nullptr)), 1);
     EXPECT_EQ(sscanf_s("abc", "%ms", &allocated), 0);
     EXPECT_EQ(allocated, nullptr);
+    // %n counts from the start of the whole text, in its modifier's width.
+    long n2 = -1;
+    signed char n3 = -1;
+    EXPECT_EQ(sscanf_s("  12 ab", "%d ab%ln%hhn", &n, &n2, &n3), 1);
+    EXPECT_EQ(n2 * 100 + n3, 707);
 }
 
 // %s, %c and %[ take their destination's size after the pointer. A field
 // that does not fit ends the scan: its destination cleared, not counted.
 TEST(SscanfS, SizedConversions) {
     const struct {
-        const char *name, *text, *format;
-        size_t sizeA, sizeB;
+        const char *text, *format;
+        size_t sizeA;
         int expected;
-        const char *a, *b;  // both destinations start as "#"
+        const char *a, *b;  // both destinations start as "#"; b's size is 8
     } rows[] = {
-        {"two words", "  hello world", "%s %s", 8, 8, 2, "hello", "world"},
-        {"width below the size kept", "abcdef", "%3s%s", 8, 8, 2, "abc", "def"},
-        {"size-1 characters fit", "1234567 x", "%s %s", 8, 8, 2, "1234567", "x"},
-        {"larger width cut to the size", "1234567", "%20s", 8, 8, 1, "1234567", "#"},
-        {"too long ends the scan", "ab abcd x", "%s %s %s", 8, 4, 1, "ab", ""},
-        {"larger width, field too long", "abcd", "%10s", 4, 4, 0, "", "#"},
-        {"size 1 holds no character", "a", "%s", 1, 4, 0, "", "#"},
-        {"size 0 refused without a write", "a", "%s", 0, 4, 0, "#", "#"},
-        {"scan sets", "name=bob smith\n", "%[^=]=%[^\n]", 8, 16, 2, "name", "bob smith"},
-        {"']' first in a set", "]]a]b", "%[]a]%s", 8, 8, 2, "]]a]", "b"},
-        {"set too small", "abcde", "%[a-d]", 4, 4, 0, "", "#"},
-        {"set ends at the room", "abce", "%[a-d]", 4, 4, 1, "abc", "#"},
-        {"%3c", "abcd", "%3c", 4, 4, 1, "abc", "#"},
-        {"%3c too small", "abcd", "%3c", 2, 4, 0, "", "#"},
-        {"empty text clears a first %s", "", "%s", 4, 4, -1, "", "#"},
-        {"empty text clears a first %c", "", "x%%%c", 4, 4, -1, "", "#"},
-        {"empty text, suppressed first", "", "%*s%s", 4, 4, -1, "#", "#"},
+        {"abcdef", "%3s%s", 8, 2, "abc", "def"},
+        {"1234567 x", "%s %s", 8, 2, "1234567", "x"},
+        {"abcd x", "%s %s", 4, 0, "", "#"},
+        {"a", "%s", 1, 0, "", "#"},
+        {"a", "%s", 0, 0, "#", "#"},
+        {"name=bob\n", "%[^=]=%[^\n]", 8, 2, "name", "bob"},
+        {"]]a]b", "%[]a]%s", 8, 2, "]]a]", "b"},
+        {"abcde", "%[a-d]", 4, 0, "", "#"},
+        {"abce", "%[a-d]", 4, 1, "abc", "#"},
+        {"abcd", "%3c", 2, 0, "", "#"},
+        {"", "x%%%c", 4, -1, "", "#"},
+        {"", "%*s%s", 4, -1, "#", "#"},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(std::string(row.format) + " on " + row.text);
         char a[16] = "#", b[16] = "#";
-        EXPECT_EQ(sscanf_s(row.text, row.format, a, row.sizeA, b, row.sizeB, b, row.sizeB),
-                  row.expected);
+        EXPECT_EQ(sscanf_s(row.text, row.format, a, row.sizeA, b, size_t{8}), row.expected);
         EXPECT_STREQ(a, row.a);
         EXPECT_STREQ(b, row.b);
     }
     wchar_t w[4] = L"#";  // wide destinations count wide characters
-    EXPECT_EQ(sscanf_s("abc", "%ls", w, std::size(w)), 1);
-    EXPECT_EQ(std::wstring(w), L"abc");
     EXPECT_EQ(sscanf_s("abcd", "%ls", w, std::size(w)), 0);
     EXPECT_EQ(w[0], L'\0');
-}
-
-// %n stores the offset into the whole text, in the width its modifier names.
-TEST(SscanfS, LengthModifiers) {
-    int a = 0;
-    long n2 = -1;
-    short n3 = -1;
-    EXPECT_EQ(sscanf_s("  12 ab", "%d ab%ln%hn", &a, &n2, &n3), 1);
-    EXPECT_EQ(std::vector<long>({a, n2, n3}), std::vector<long>({12, 7, 7}));
-    unsigned char hh = 0;
-    long long ll = 0;
-    EXPECT_EQ(sscanf_s("255 -9000000000", "%hhu %lld", &hh, &ll), 2);
-    EXPECT_EQ(hh, 255);
-    EXPECT_EQ(ll, -9000000000LL);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-// main() of every test binary: the logging library is pointed at a scratch
-// root before any test runs, so no test touches the host's /dev/shm or
-// configuration files. Tests that need their own root install it again
-// before their first log call.
+// main() of every test binary: the logging library gets a scratch root before
+// any test runs, so no test touches the host's /dev/shm or configuration.
 #include <stdio.h>
 #include <stdlib.h>
 

@@ -1,40 +1,19 @@
-// Test support: the logging library's stand-in for the device.
-//
-// InstallLoggingStandin puts every product path of the logging library under
-// a root directory, answers the kernel module's requests 801..806 from tables
-// held here (when the module is "present"), and replaces CLOCK_MONOTONIC and
-// the process group id with values the test controls. Each install makes the
-// library start afresh (zeb_sys_install), so tests can run in one process.
+// Test support: the logging library's stand-in for the device. It roots every
+// product path in a test directory, answers the kernel module's requests
+// 801..806 from tables held here, and supplies the clock and group id. Each
+// install starts the library afresh, so tests can share one process.
 #ifndef TESTS_SUPPORT_KMOD_STANDIN_H
 #define TESTS_SUPPORT_KMOD_STANDIN_H
 
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <atomic>
+#include <map>
+#include <mutex>
 #include <string>
 
 namespace vt_test {
-
-// Creates root/{dev/shm, KELM/conf, etc/zeb/pid, startup_disk/conf/conf_local}
-// and, with the module, root/proc/zeb/{log_level, mod_ring_buffer}; then
-// installs the seam. The clock starts at 1000.000000 s and the group id at 0.
-void InstallLoggingStandin(const std::string &root, bool withKernelModule);
-
-// The monotonic clock handed to the library.
-void StandinSetClock(int64_t seconds, long nanoseconds);
-void StandinAdvanceClock(int64_t seconds);
-// Makes every further clock read fail with EIO (or work again).
-void StandinFailClock(bool fail);
-// The group id the library sees (default 0); set it before the first call.
-void StandinSetProcessGid(gid_t gid);
-
-// The kernel module's level of a module (0 when it knows none).
-void StandinSetKernelLevel(uint32_t pid, uint8_t level);
-uint8_t StandinKernelLevel(uint32_t pid);
-// Makes every further request fail (or work again).
-void StandinFailRequests(bool fail);
-// How many save requests (805) were answered.
-int StandinSaveCount();
 
 // One element of the array that request 804 fills.
 struct StandinLevelEntry {
@@ -42,14 +21,30 @@ struct StandinLevelEntry {
     uint32_t level;
 };
 
-// The kernel module's limits of a group (request 806 fails for other groups).
 struct StandinGidLimit {
-    uint32_t num;
-    uint32_t interval;
-    uint32_t burst;
-    uint32_t resume;
+    uint32_t num, interval, burst, resume;
 };
-void StandinSetGidLimit(uint32_t gid, const StandinGidLimit &limit);
+
+constexpr int64_t kStandinSecond = 1000000000;
+
+// The kernel module's tables and what the seam hands the library; the
+// request handler holds `mutex`.
+struct Standin {
+    std::mutex mutex;
+    std::map<uint32_t, uint8_t> levels;          // by module; 0 when unknown
+    std::map<uint32_t, StandinGidLimit> limits;  // by group; 806 fails for others
+    int saves = 0;                               // save requests (805) answered
+    bool failRequests = false;                   // every request fails with EIO
+    std::atomic<int64_t> clockNs;                // CLOCK_MONOTONIC in nanoseconds
+    std::atomic<bool> clockFails;                // every clock read fails with EIO
+    std::atomic<gid_t> gid;                      // read at each library call
+};
+Standin &TheStandin();
+
+// Creates the product directories below `root` (and, with the module, its
+// control files in root/proc/zeb), empties the tables and installs the seam.
+// The clock starts at 1000 s, the group id at 0.
+void InstallLoggingStandin(const std::string &root, bool withKernelModule);
 
 // A fresh directory under /tmp, removed with everything in it on destruction.
 class TempRoot {
@@ -64,10 +59,9 @@ class TempRoot {
     std::string path_;
 };
 
-// Whole-file helpers for tests; paths are product paths below the installed root.
+// Whole files at product paths below the installed root.
 void WriteProductFile(const std::string &productPath, const std::string &content);
 std::string ReadProductFile(const std::string &productPath);
-bool ProductFileExists(const std::string &productPath);
 
 }  // namespace vt_test
 

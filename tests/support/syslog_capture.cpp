@@ -20,11 +20,7 @@ std::vector<SyslogRecord> &Records() {
 
 void Capture(int priority, const char *format, va_list args) {
     char text[4096];
-    va_list copy;
-    va_copy(copy, args);
-    int n = vsnprintf(text, sizeof text, format, copy);
-    va_end(copy);
-    if (n < 0) {
+    if (vsnprintf(text, sizeof text, format, args) < 0) {
         text[0] = '\0';
     }
     std::lock_guard<std::mutex> lock(g_mutex);

@@ -1,9 +1,6 @@
-// Test support: captures what the program hands to syslog.
-//
-// Linking syslog_capture.cpp into a test binary interposes syslog/vsyslog
-// (and glibc's fortified variants), so every record the libraries write lands
-// here instead of in the host's log. When VT_SYSLOG_FILE names a file, each
-// record is also appended to it as "<priority>text" (used by subprocess tests).
+// Test support: syslog/vsyslog and glibc's fortified variants are interposed,
+// so every record lands here instead of in the host's log; with VT_SYSLOG_FILE
+// set it is also appended there as "<priority>text" (for subprocess tests).
 #ifndef TESTS_SUPPORT_SYSLOG_CAPTURE_H
 #define TESTS_SUPPORT_SYSLOG_CAPTURE_H
 
