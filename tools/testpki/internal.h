@@ -1,37 +1,98 @@
-// What the testpki sources share with each other.
+// What the testpki sources and its command line share.
 #pragma once
 
 #include "tools/testpki/testpki.h"
 
 #include <openssl/asn1.h>
 
-namespace testpki::detail {
+#include <type_traits>
 
-using Asn1StringPtr = std::unique_ptr<ASN1_STRING, Deleter<ASN1_STRING_free>>;
-using X509NamePtr = std::unique_ptr<X509_NAME, Deleter<X509_NAME_free>>;
+namespace testpki::detail {
 
 // Throws Error with `what` and the oldest queued OpenSSL reason.
 [[noreturn]] void Fail(std::string_view what);
-inline void Check(bool ok, std::string_view what) {
-    if (!ok) {
+
+// A pointer must not be null, a status must be positive; returns `v`.
+template <typename T>
+T Need(T v, const char *what) {
+    if constexpr (std::is_pointer_v<T>) {
+        if (v == nullptr) {
+            Fail(what);
+        }
+    } else if (v <= 0) {
         Fail(what);
     }
+    return v;
+}
+// The failing call itself is the message.
+#define TP_NEED(call) ::testpki::detail::Need((call), #call)
+
+// i2d of any OpenSSL object into a vector.
+template <typename T, typename Fn>
+Bytes ToDer(T *object, Fn i2d) {
+    unsigned char *out = nullptr;
+    int len = Need(i2d(object, &out), "i2d");
+    Bytes der(out, out + len);
+    OPENSSL_free(out);
+    return der;
 }
 
-// ASN1_TIME holding exactly time.text under the chosen tag.
-Asn1StringPtr MakeTime(const Time &time);
-// ASN1_INTEGER that encodes to exactly these content octets.
-Asn1StringPtr MakeInteger(std::span<const uint8_t> content);
-X509NamePtr MakeName(const Name &name);
-// Extension from raw extnValue content.
-using ExtensionPtr = std::unique_ptr<X509_EXTENSION, Deleter<X509_EXTENSION_free>>;
-ExtensionPtr MakeExtension(const std::string &oid, bool critical, std::span<const uint8_t> value);
+inline std::span<const uint8_t> AsBytes(std::string_view text) {
+    return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
+}
 
-// Sets RSASSA-PSS with a salt as long as the digest (MGF1 follows the
-// digest) on a signing context.
+const EVP_MD *DigestMd(Digest digest);
+Bytes Hash(Digest digest, std::span<const uint8_t> data);
+// "YYYYMMDDHHMMSSZ" of a time.
+std::string GenText(int64_t epochSeconds);
+
+// ASN1_TIME holding exactly time.text under the chosen tag.
+Owned<ASN1_STRING_free> MakeTime(const Time &time);
+// ASN1_INTEGER that encodes to exactly these content octets.
+Owned<ASN1_STRING_free> MakeInteger(std::span<const uint8_t> content);
+Owned<X509_NAME_free> MakeName(const Name &name);
+Owned<X509_EXTENSION_free> MakeExtension(const RawExtension &ext);
+// An authorityKeyIdentifier value holding the key identifier of `key`.
+Bytes AuthorityKeyId(const Key &key);
+// RSASSA-PSS with a salt as long as the digest on a signing context.
 void UsePss(EVP_PKEY_CTX *pctx);
-// X509_sign / X509_CRL_sign, by PSS when asked.
-void SignX509(X509 *x509, const Key &key, Digest digest, bool pss);
-void SignCrl(X509_CRL *crl, const Key &key, Digest digest, bool pss);
+void CreateDirs(const std::filesystem::path &dir);
 
 }  // namespace testpki::detail
+
+// Made only for the command line.
+namespace testpki {
+
+// Writes what WriteDemoPki writes, the payload files, "sha256sums" with its
+// signature "sha256sums.p7s" (DER) and ".p7s.pem" (CMS armour),
+// "sha256sums.tampered", "crls+ca.pem" (both CRLs and the CA certificate)
+// and "faults/NAME/sha256sums{,.p7s}" for every fault but None.
+std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesystem::path &outDir);
+
+// Signs a file as MakePackage(Fault::None) signs its content, mapped rather
+// than copied (at most INT_MAX bytes), and writes "content.p7s",
+// "crls+ca.pem", and for OpenSSL's command line "root.pem", "ca.pem",
+// "tsa.pem", the bare token "token.der" and "sigvalue.bin", the signer's
+// signature value that the token's imprint covers.
+std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
+                                            const std::filesystem::path &content,
+                                            const std::filesystem::path &outDir);
+
+// A valid package whose signer and TSA sit `depth` (1..12) certificates
+// below the demo root: "sha256sums", "sha256sums.p7s" (leaf and last CA
+// embedded) and "crls+ca.pem" (an empty CRL of the root and of every CA, then
+// every CA certificate). With `ecdsa` every key below the root is EC (CAs
+// and TSA P-384, the signer P-256).
+std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
+                                           const std::filesystem::path &keyDir, bool ecdsa);
+
+// Certificates and CRLs of one hierarchy with a case for each rule of path
+// validation and revocation, for fuzz/fuzz_diff_path.cpp: "cert-NN-what"
+// and "crl-SV-what", S a letter naming the CRL's signer, V the variant.
+struct PoolItem {
+    std::string name;
+    Bytes der;
+};
+std::vector<PoolItem> MakePathPool(const std::filesystem::path &keyDir);
+
+}  // namespace testpki

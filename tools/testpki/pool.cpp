@@ -1,8 +1,8 @@
 // The pool of the differential path target: one hierarchy with a case for
 // each rule of path validation and revocation.
-#include <functional>
+#include "tools/testpki/internal.h"
 
-#include "tools/testpki/testpki.h"
+#include <functional>
 
 namespace testpki {
 
@@ -44,8 +44,7 @@ class PoolWriter {
              const std::function<void(CrlSpec &)> &change = {}) {
         CrlSpec s;
         s.issuer = issuer;
-        s.extraExtensions = {
-            {"authorityKeyIdentifier", false, der::Seq({der::Tlv(0x80, issuer.key.KeyId())})}};
+        s.extraExtensions = {{"authorityKeyIdentifier", false, detail::AuthorityKeyId(issuer.key)}};
         if (change) {
             change(s);
         }
