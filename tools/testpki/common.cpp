@@ -242,15 +242,12 @@ Bytes SerialFromU64(uint64_t value) {
 // ---- output -----------------------------------------------------------------
 
 std::string ToPem(std::string_view label, std::span<const uint8_t> der) {
-    std::string out = "-----BEGIN " + std::string(label) + "-----\n";
-    // 48 input octets make one 64-character line.
-    for (size_t pos = 0; pos < der.size(); pos += 48) {
-        unsigned char line[65];
-        int n = static_cast<int>(std::min<size_t>(48, der.size() - pos));
-        out.append(reinterpret_cast<char *>(line), EVP_EncodeBlock(line, der.data() + pos, n));
-        out += '\n';
-    }
-    return out + "-----END " + std::string(label) + "-----\n";
+    Owned<BIO_free> bio(TP_NEED(BIO_new(BIO_s_mem())));
+    TP_NEED(PEM_write_bio(bio.get(), std::string(label).c_str(), "", der.data(),
+                          static_cast<long>(der.size())));
+    char *text = nullptr;
+    long len = BIO_get_mem_data(bio.get(), &text);
+    return std::string(text, static_cast<size_t>(len));
 }
 
 std::string PemBundle(const std::vector<PemBlock> &blocks) {
@@ -323,44 +320,29 @@ Bytes Integer(std::span<const uint8_t> content) {
     return Tlv(0x02, content);
 }
 
-// Header and content length of the element at the front of `in`. Only
-// single-octet tags, as everything read back here uses.
-static std::pair<size_t, size_t> Header(std::span<const uint8_t> in) {
-    if (in.size() < 2 || (in[0] & 0x1F) == 0x1F) {
-        throw Error("DER: truncated element or multi-octet tag");
+// The content of the element at the front of `in`, as OpenSSL reads its
+// header; a malformed, truncated or indefinite-length element throws.
+static std::span<const uint8_t> Body(std::span<const uint8_t> in) {
+    const unsigned char *p = in.data();
+    long len = 0;
+    int tag = 0, cls = 0;
+    if ((ASN1_get_object(&p, &len, &tag, &cls, static_cast<long>(in.size())) & 0x81) != 0) {
+        throw Error("DER: malformed or truncated element");
     }
-    size_t header = 2, len = in[1];
-    if (len & 0x80) {
-        size_t octets = len & 0x7F;
-        if (octets == 0 || octets > sizeof(size_t) || octets > in.size() - 2) {
-            throw Error("DER: bad length octets");
-        }
-        len = 0;
-        for (; header < 2 + octets; ++header) {
-            len = (len << 8) | in[header];
-        }
-    }
-    if (len > in.size() - header) {
-        throw Error("DER: element runs past its input");
-    }
-    return {header, len};
+    return {p, static_cast<size_t>(len)};
 }
 
 std::vector<Bytes> Children(std::span<const uint8_t> in) {
-    auto [header, len] = Header(in);
     std::vector<Bytes> out;
-    for (auto rest = in.subspan(header, len); !rest.empty();
-         rest = rest.subspan(out.back().size())) {
-        auto [childHeader, childLen] = Header(rest);
-        out.emplace_back(rest.begin(),
-                         rest.begin() + static_cast<ptrdiff_t>(childHeader + childLen));
+    for (auto rest = Body(in); !rest.empty(); rest = rest.subspan(out.back().size())) {
+        std::span<const uint8_t> body = Body(rest);
+        out.emplace_back(rest.data(), body.data() + body.size());
     }
     return out;
 }
 
 Bytes Content(std::span<const uint8_t> in) {
-    auto [header, len] = Header(in);
-    auto body = in.subspan(header, len);
+    std::span<const uint8_t> body = Body(in);
     return Bytes(body.begin(), body.end());
 }
 

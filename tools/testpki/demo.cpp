@@ -136,17 +136,38 @@ constexpr std::pair<const char *, std::string_view> kDemoPayload[] = {
     {"upgrade.sh", "#!/bin/sh\necho demo upgrade\n"},
 };
 
-// The folder name of each fault in a demo package.
-constexpr std::pair<Fault, const char *> kFaultNames[] = {
-    {Fault::NoTimestamp, "no-timestamp"},
-    {Fault::ImprintOverContent, "imprint-over-content"},
-    {Fault::TamperedSignedAttr, "tampered-signed-attr"},
-    {Fault::SignerWithoutCodeSigning, "signer-without-code-signing"},
-    {Fault::TsaWithoutTimeStamping, "tsa-without-time-stamping"},
-    {Fault::ThreeCerts, "three-certs"},
-    {Fault::NoSigner, "no-signer"},
-    {Fault::ChangedContent, "changed-content"},
-    {Fault::Garbage, "garbage"},
+// How each fault spoils the valid package's plan, by folder name in a demo
+// package; ChangedContent and Garbage are finished in MakePackage.
+struct FaultRow {
+    Fault fault;
+    const char *name;
+    void (*spoil)(SignSpec &plan, const DemoPki &pki, const Bytes &content);
+};
+const FaultRow kFaults[] = {
+    {Fault::NoTimestamp, "no-timestamp",
+     [](auto &plan, auto &, auto &) { plan.timestamp.reset(); }},
+    {Fault::ImprintOverContent, "imprint-over-content",
+     [](auto &plan, auto &, auto &content) { plan.timestamp->imprintOver = content; }},
+    {Fault::TamperedSignedAttr, "tampered-signed-attr",
+     [](auto &plan, auto &, auto &) { plan.tamperSignedAttr = true; }},
+    {Fault::SignerWithoutCodeSigning, "signer-without-code-signing",
+     [](auto &plan, auto &pki, auto &) {
+         plan.signer = Signer(pki.ca, pki.leaf.key, {0x10, 0x03}, "emailProtection");
+         plan.certs[0] = plan.signer.cert;
+     }},
+    {Fault::TsaWithoutTimeStamping, "tsa-without-time-stamping",
+     [](auto &plan, auto &pki, auto &) {
+         plan.timestamp->tsa = Tsa(pki.ca, pki.tsa.key, {0x10, 0x04}, "codeSigning");
+     }},
+    {Fault::ThreeCerts, "three-certs",
+     [](auto &plan, auto &pki, auto &) { plan.certs.push_back(pki.tsa.cert); }},
+    {Fault::NoSigner, "no-signer",
+     [](auto &plan, auto &, auto &) {
+         plan.noSigner = true;
+         plan.timestamp.reset();
+     }},
+    {Fault::ChangedContent, "changed-content", [](auto &, auto &, auto &) {}},
+    {Fault::Garbage, "garbage", [](auto &, auto &, auto &) {}},
 };
 
 // Signs a file from a read-only mapping, so that content of a gigabyte is
@@ -251,41 +272,19 @@ std::string DemoChecksums() {
 }
 
 Package MakePackage(const DemoPki &pki, Fault fault, std::span<const uint8_t> content) {
-    SignSpec plan = DemoSignSpec(pki);
     Package out{Bytes(content.begin(), content.end()), {}};
-    switch (fault) {
-        case Fault::None:
-        case Fault::ChangedContent:
-            break;
-        case Fault::NoTimestamp:
-            plan.timestamp.reset();
-            break;
-        case Fault::ImprintOverContent:
-            plan.timestamp->imprintOver = out.content;
-            break;
-        case Fault::TamperedSignedAttr:
-            plan.tamperSignedAttr = true;
-            break;
-        case Fault::SignerWithoutCodeSigning:
-            plan.signer = Signer(pki.ca, pki.leaf.key, {0x10, 0x03}, "emailProtection");
-            plan.certs[0] = plan.signer.cert;
-            break;
-        case Fault::TsaWithoutTimeStamping:
-            plan.timestamp->tsa = Tsa(pki.ca, pki.tsa.key, {0x10, 0x04}, "codeSigning");
-            break;
-        case Fault::ThreeCerts:
-            plan.certs.push_back(pki.tsa.cert);
-            break;
-        case Fault::NoSigner:
-            plan.noSigner = true;
-            plan.timestamp.reset();
-            break;
-        case Fault::Garbage:
-            // Neither DER nor PEM, and long enough to get past a size check.
-            for (size_t i = 0; i < 512; ++i) {
-                out.signature.push_back(static_cast<uint8_t>(i * 151 + 7));
-            }
-            return out;
+    if (fault == Fault::Garbage) {
+        // Neither DER nor PEM, and long enough to get past a size check.
+        for (size_t i = 0; i < 512; ++i) {
+            out.signature.push_back(static_cast<uint8_t>(i * 151 + 7));
+        }
+        return out;
+    }
+    SignSpec plan = DemoSignSpec(pki);
+    for (const FaultRow &row : kFaults) {
+        if (row.fault == fault) {
+            row.spoil(plan, pki, out.content);
+        }
     }
     out.signature = MakeSignedData(plan, out.content);
     if (fault == Fault::ChangedContent) {
@@ -311,7 +310,7 @@ std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesys
     out.Put("sha256sums.p7s.pem", Armoured(valid.signature, Armour::PemCms));
     out.Put("sha256sums.tampered", MakePackage(pki, Fault::ChangedContent, content).content);
     out.Put("crls+ca.pem", DemoCrlFile(pki));
-    for (const auto &[fault, name] : kFaultNames) {
+    for (const auto &[fault, name, spoil] : kFaults) {
         const Package bad = MakePackage(pki, fault, content);
         out.Put("faults/" + std::string(name) + "/sha256sums", bad.content);
         out.Put("faults/" + std::string(name) + "/sha256sums.p7s", bad.signature);

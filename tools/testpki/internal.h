@@ -60,35 +60,30 @@ void CreateDirs(const std::filesystem::path &dir);
 
 }  // namespace testpki::detail
 
-// Made only for the command line.
+// The command line's writers; each creates outDir and returns the names of
+// the files it wrote there.
 namespace testpki {
 
-// Writes what WriteDemoPki writes, the payload files, "sha256sums" with its
-// signature "sha256sums.p7s" (DER) and ".p7s.pem" (CMS armour),
-// "sha256sums.tampered", "crls+ca.pem" (both CRLs and the CA certificate)
-// and "faults/NAME/sha256sums{,.p7s}" for every fault but None.
+// WriteDemoPki's files, the payload, "sha256sums" with "sha256sums.p7s" and
+// ".p7s.pem", "sha256sums.tampered", "crls+ca.pem" (CRLs and CA) and
+// "faults/NAME/sha256sums{,.p7s}" for each fault.
 std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesystem::path &outDir);
 
-// Signs a file as MakePackage(Fault::None) signs its content, mapped rather
-// than copied (at most INT_MAX bytes), and writes "content.p7s",
-// "crls+ca.pem", and for OpenSSL's command line "root.pem", "ca.pem",
-// "tsa.pem", the bare token "token.der" and "sigvalue.bin", the signer's
-// signature value that the token's imprint covers.
+// Signs a file as MakePackage signs its content: "content.p7s",
+// "crls+ca.pem", and for the openssl command line "root.pem", "ca.pem",
+// "tsa.pem", "token.der" and "sigvalue.bin" (what the token's imprint covers).
 std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
                                             const std::filesystem::path &content,
                                             const std::filesystem::path &outDir);
 
-// A valid package whose signer and TSA sit `depth` (1..12) certificates
-// below the demo root: "sha256sums", "sha256sums.p7s" (leaf and last CA
-// embedded) and "crls+ca.pem" (an empty CRL of the root and of every CA, then
-// every CA certificate). With `ecdsa` every key below the root is EC (CAs
-// and TSA P-384, the signer P-256).
+// A package whose signer and TSA sit `depth` (1..12) certificates below the
+// demo root, as "sha256sums", "sha256sums.p7s" and "crls+ca.pem" (a CRL of
+// root and every CA, then the CAs); `ecdsa`: EC keys below the root.
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
                                            const std::filesystem::path &keyDir, bool ecdsa);
 
-// Certificates and CRLs of one hierarchy with a case for each rule of path
-// validation and revocation, for fuzz/fuzz_diff_path.cpp: "cert-NN-what"
-// and "crl-SV-what", S a letter naming the CRL's signer, V the variant.
+// The differential path target's hierarchy with a case for each rule of path
+// validation and revocation: "cert-NN-what" and "crl-SV-what" (S: signer).
 struct PoolItem {
     std::string name;
     Bytes der;

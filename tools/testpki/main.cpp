@@ -9,28 +9,15 @@
 namespace {
 
 constexpr const char kUsage[] =
-    "usage: testpki COMMAND [--keys DIR] [ARG] OUT\n"
-    "\n"
-    "demo-pki OUTDIR         the demo hierarchy from the committed test keys: root\n"
-    "                        (the built-in root) -> ca -> leaf (code signing) and tsa,\n"
-    "                        root-crl and ca-crl, each as NAME.der and NAME.pem, and\n"
-    "                        both CRLs as crls.der and crls.pem.\n"
-    "demo-package OUTDIR     the same, plus a signed and stamped package: payload,\n"
-    "                        sha256sums, sha256sums.p7s (DER) and .p7s.pem,\n"
-    "                        sha256sums.tampered, crls+ca.pem, and faults/NAME/ with a\n"
-    "                        spoiled sha256sums and sha256sums.p7s for each fault.\n"
-    "demo-root OUT.der       the tool's built-in root (1363 bytes, the same every run).\n"
-    "sign-demo CONTENT OUTDIR  signs CONTENT (below 2 GiB) as demo-package signs\n"
-    "                        sha256sums: content.p7s, crls+ca.pem, and for openssl\n"
-    "                        root.pem, ca.pem, tsa.pem, token.der and sigvalue.bin.\n"
-    "chain-package DEPTH OUTDIR  a package whose signer and TSA sit DEPTH (1..12)\n"
-    "                        certificates below the demo root: sha256sums,\n"
-    "                        sha256sums.p7s and crls+ca.pem (every CRL and CA).\n"
-    "ecdsa-package OUTDIR    chain-package 2 with EC keys below the demo root.\n"
-    "path-pool OUTDIR        the differential path target's certificates and CRLs.\n"
-    "--keys DIR              the test keys (default: the source tree's tests/keys).\n"
-    "\n"
-    "Test material only: the keys are public.\n";
+    "usage: testpki COMMAND [--keys DIR] ARGUMENTS\n"
+    "  demo-pki OUTDIR            the demo root -> CA -> leaf and TSA, and two CRLs\n"
+    "  demo-package OUTDIR        the same with a signed package and its faults\n"
+    "  demo-root OUT.der          the tool's built-in root certificate\n"
+    "  sign-demo CONTENT OUTDIR   signs CONTENT as demo-package signs sha256sums\n"
+    "  chain-package DEPTH OUTDIR a package DEPTH (1..12) certificates below the root\n"
+    "  ecdsa-package OUTDIR       chain-package 2 with EC keys below the root\n"
+    "  path-pool OUTDIR           certificates and CRLs of the path fuzz target\n"
+    "--keys DIR: the test keys (default: the source tree's tests/keys), public ones.\n";
 
 int Usage() {
     std::fputs(kUsage, stderr);

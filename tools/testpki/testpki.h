@@ -1,12 +1,9 @@
-// testpki: the keys, certificates, CRLs, CMS signatures and timestamp tokens
-// that the tests, fuzz seeds and example scripts feed to the verifier, made
-// through real OpenSSL. Test support only: never linked into the product.
-//
-// Specs are plain values with usable defaults; builders return DER. Fields a
-// decoder might trip over (serial octets, time strings, key usage octets,
-// extension order) are written exactly as given, even when that is not valid
-// DER or X.509, so negative cases can be made on purpose. Failures throw
-// testpki::Error with the OpenSSL reason attached.
+// testpki: keys, certificates, CRLs, CMS signatures and timestamp tokens for
+// the tests, fuzz seeds and scripts, made through real OpenSSL; never linked
+// into the product. Specs are plain values with usable defaults; builders
+// return DER and write fields a decoder might trip over (serials, times, key
+// usage octets, extension order) exactly as given, valid or not. Failures
+// throw testpki::Error with the OpenSSL reason attached.
 #pragma once
 
 #include <openssl/evp.h>
@@ -31,8 +28,7 @@ class Error : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// unique_ptr deleter for an OpenSSL free function; Owned<X509_free> is the
-// owner of an X509.
+// Owned<X509_free> owns an X509.
 template <auto FreeFn>
 struct Deleter {
     template <typename T>
@@ -52,8 +48,6 @@ using X509Ptr = Owned<X509_free>;
 using X509CrlPtr = Owned<X509_CRL_free>;
 using PkeyPtr = Owned<EVP_PKEY_free>;
 
-// ---- keys and certificates --------------------------------------------------
-
 // A shared handle to a private key (copies share one EVP_PKEY).
 class Key {
   public:
@@ -61,8 +55,7 @@ class Key {
     static Key LoadPem(const std::filesystem::path &file);
     static Key GenerateRsa(int bits);
     static Key GenerateEc(const std::string &curve = "P-256");
-    // A copy of this EC key whose public key is written with a compressed
-    // point and/or explicit curve parameters instead of the curve's name.
+    // A copy written with a compressed point and/or explicit curve parameters.
     Key EcForm(bool compressed, bool explicitParams) const;
 
     explicit operator bool() const { return pkey_ != nullptr; }
@@ -81,8 +74,8 @@ std::filesystem::path DefaultKeyDir();
 Key LoadTestKey(std::string_view name, const std::filesystem::path &dir = DefaultKeyDir());
 
 // A shared handle to a certificate and its DER. For certificates built here
-// get() is the object that was signed, so it stays usable even when the DER
-// holds something OpenSSL would refuse to parse (a padded serial).
+// get() is the object that was signed, usable even when OpenSSL would refuse
+// to parse the DER (a padded serial).
 class Cert {
   public:
     Cert() = default;
@@ -98,19 +91,15 @@ class Cert {
     Bytes der_;
 };
 
-// A certificate with its private key: the signer of certificates, CRLs, CMS
-// signatures and timestamp tokens alike.
+// The signer of certificates, CRLs, signatures and timestamp tokens alike.
 struct Credential {
     Cert cert;
     Key key;
 };
 
-// ---- names, times, digests --------------------------------------------------
-
 enum class StrType { Printable, Utf8, Ia5 };
 
-// Type as short name ("CN", "serialNumber", "DC") or dotted OID; the value
-// bytes are written as they are under the chosen string tag.
+// Type as short name ("CN", "DC") or dotted OID; value bytes as they are.
 struct Attr {
     std::string type;
     std::string value;
@@ -123,8 +112,7 @@ using Name = std::vector<Rdn>;  // in encoded order
 Name SimpleName(std::initializer_list<std::pair<std::string, std::string>> attrs);
 
 enum class TimeType { Utc, Generalized };
-// A time written byte for byte: "250101000000Z", "20250101000000.5Z" and
-// "2501010000+0100" are all accepted.
+// A time written byte for byte, e.g. "20250101000000.5Z" or "2501010000+0100".
 struct Time {
     TimeType type = TimeType::Utc;
     std::string text;
@@ -145,15 +133,13 @@ enum class Digest { Sha1, Sha256, Sha384, Sha512 };
 // Minimal two's-complement content octets of a non-negative integer.
 Bytes SerialFromU64(uint64_t value);
 
-// ---- certificates -----------------------------------------------------------
-
 struct BasicConstraints {
     bool ca = true;  // FALSE is the DEFAULT and so is not encoded
     std::optional<unsigned> pathLen;
     bool critical = true;
 };
 
-// Key usage bits of the first octet, and decipherOnly in the second.
+// Key usage bits of the first octet; decipherOnly is in the second.
 namespace ku {
 inline constexpr uint8_t kDigitalSignature = 0x80;
 inline constexpr uint8_t kNonRepudiation = 0x40;
@@ -168,7 +154,7 @@ struct KeyUsage {
     Bytes octets;
     uint8_t unusedBits = 0;
     bool critical = true;
-    // With the unused-bits count of minimal DER (X.690 11.2.2).
+    // With the unused-bits count of minimal DER.
     static KeyUsage Of(uint8_t first);
     static KeyUsage Of(uint8_t first, uint8_t second);
 };
@@ -179,8 +165,7 @@ struct ExtKeyUsage {
     bool critical = false;
 };
 
-// Any extension; value is the content of extnValue's OCTET STRING. The same
-// OID may appear more than once.
+// Any extension (an OID may repeat); value is extnValue's content.
 struct RawExtension {
     std::string oid;
     bool critical = false;
@@ -211,14 +196,12 @@ Cert IssueCert(const CertSpec &plan);
 // The certificate together with plan.subjectKey.
 Credential IssueCredential(const CertSpec &plan);
 
-// ---- CRLs -------------------------------------------------------------------
-
 struct RevokedEntry {
     Bytes serial;
     Time date = Utc("250101000000Z");
     std::optional<int> reason;  // CRLReason entry extension
-    // certificateIssuer (critical, Name DER) of an indirect CRL; it holds for
-    // the entries after it too.
+    // Name DER of an indirect CRL's certificateIssuer, which holds for the
+    // entries after it too.
     std::optional<Bytes> certificateIssuer = std::nullopt;
 };
 
@@ -253,8 +236,6 @@ struct CrlSpec {
 
 Bytes MakeCrl(const CrlSpec &plan);
 
-// ---- output -----------------------------------------------------------------
-
 inline constexpr std::string_view kPemCertificate = "CERTIFICATE";
 inline constexpr std::string_view kPemCrl = "X509 CRL";
 
@@ -271,8 +252,6 @@ Bytes ConcatDer(const std::vector<Bytes> &items);
 void WriteFile(const std::filesystem::path &file, std::span<const uint8_t> data);
 void WriteFile(const std::filesystem::path &file, std::string_view text);
 
-// ---- DER --------------------------------------------------------------------
-
 namespace der {
 Bytes Tlv(uint8_t tag, std::span<const uint8_t> content);
 Bytes Seq(const std::vector<Bytes> &items);
@@ -288,18 +267,14 @@ std::vector<Bytes> Children(std::span<const uint8_t> in);
 Bytes Content(std::span<const uint8_t> in);
 }  // namespace der
 
-// ---- CMS signatures and timestamp tokens ------------------------------------
-
-// TsApi: OpenSSL's TS_RESP_CTX answers a request as a real authority would
-// (its signing time is the current clock, so two tokens differ). Cms: the
-// TSTInfo is written here and signed through the CMS API, which takes any
-// genTime text, a TSA certificate the TS API refuses, no signed attributes,
-// and is reproducible. Auto: TsApi when the plan fits it, else Cms.
+// TsApi: OpenSSL's TS_RESP_CTX answers as a real authority would (signing
+// time from the clock). Cms: the TSTInfo is written here and signed through
+// the CMS API, reproducibly, with any genTime, TSA or attributes. Auto: TsApi
+// when the plan fits it.
 enum class TokenMaker { Auto, TsApi, Cms };
 
-// The token signer's signed attributes: none, or content type, signing
-// time, message digest and an ESS signing-certificate attribute (v1: SHA-1
-// ESSCertID, v2: ESSCertIDv2), as the TS API writes them.
+// None, or content type, signing time, message digest and an ESS
+// signing-certificate attribute (v1: SHA-1 ESSCertID, v2: ESSCertIDv2).
 enum class TokenAttrs { None, EssCertId, EssCertIdV2 };
 
 struct TimestampSpec {
@@ -319,31 +294,27 @@ struct TimestampSpec {
     bool pss = false;             // Cms maker
 };
 
-// TSTInfo DER as the Cms maker writes it: version 1, policy, imprint over
-// plan.imprintOver or else `stamped`, serial, genTime.
+// The TSTInfo the Cms maker signs; the imprint covers imprintOver or else `stamped`.
 Bytes MakeTstInfo(const TimestampSpec &plan, std::span<const uint8_t> stamped);
 // ContentInfo with a SignedData over a TSTInfo.
 Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> stamped);
 
-// A detached CMS SignedData over the content passed beside it.
 struct SignSpec {
     Credential signer;  // required unless noSigner
     Digest digest = Digest::Sha256;
     bool signedAttrs = true;  // content type, signing time, message digest
     Time signingTime = Utc("260115115900Z");
-    // Embedded in this order, not sorted as a DER SET OF, so a decoder can
-    // be tried on both.
+    // Embedded in this order, not sorted as a DER SET OF.
     std::vector<Cert> certs;
     bool noSigner = false;  // a SignedData without SignerInfo
-    // id-aa-timeStampToken; its imprint covers the signer's signature value
-    // unless the timestamp plan says otherwise.
+    // Its imprint covers the signature value unless the plan says otherwise.
     std::optional<TimestampSpec> timestamp;
-    // Changes the last digit of the signing time after signing: the encoding
-    // still decodes but the signature over the attributes breaks.
+    // The last digit of the signing time changes after signing.
     bool tamperSignedAttr = false;
     bool pss = false;
 };
 
+// A detached SignedData over `content`.
 Bytes MakeSignedData(const SignSpec &plan, std::span<const uint8_t> content);
 // The only signer's signature value; throws when there is no signer.
 Bytes SignatureValueOf(std::span<const uint8_t> signedData);
@@ -353,27 +324,23 @@ Bytes TimestampTokenOf(std::span<const uint8_t> signedData);
 enum class Armour { Der, PemCms, PemPkcs7 };
 Bytes Armoured(std::span<const uint8_t> der, Armour armour);
 
-// ---- the demo hierarchy and packages ----------------------------------------
-
-// The root the tool carries built in: self-signed RSA 4096 from the
-// root-4096 key, 1363 bytes of DER, the same bytes on every run.
+// The root built into the tool, from the root-4096 key: the same 1363 bytes
+// on every run.
 Credential MakeDemoRoot(const std::filesystem::path &keyDir = DefaultKeyDir());
 
-// The demo root -> intermediate CA -> code-signing leaf and time-stamping
-// authority, from the committed keys, with a CRL from the root and the CA.
+// Demo root -> CA -> code-signing leaf and TSA, with a CRL of root and CA.
 struct DemoPki {
     Credential root, ca, leaf, tsa;
     Bytes rootCrl, caCrl;
 };
 DemoPki MakeDemoPki(const std::filesystem::path &keyDir = DefaultKeyDir());
-// Writes every item as NAME.der and NAME.pem, plus crls.der / crls.pem with
-// both CRLs, into outDir (created if missing). Returns the file names.
+// Writes each item as NAME.der and NAME.pem, and both CRLs as crls.der and
+// crls.pem, into outDir. Returns the file names.
 std::vector<std::string> WriteDemoPki(const DemoPki &pki, const std::filesystem::path &outDir);
 
 // A checksum file as a package producer ships it ("HEX  NAME" lines).
 std::string DemoChecksums();
 
-// What a package check is given: the checksum file and its signature.
 struct Package {
     Bytes content;
     Bytes signature;
@@ -393,9 +360,8 @@ enum class Fault {
     Garbage,                   // the signature file is not DER at all
 };
 
-// pki.leaf signs `content` (SHA-256, signed attributes, leaf and CA
-// certificates embedded), pki.tsa stamps the signature (Cms maker,
-// ESSCertIDv2, TSA certificate embedded), then `fault` spoils it.
+// pki.leaf signs `content` (leaf and CA embedded), pki.tsa stamps it (Cms
+// maker), then `fault` spoils it.
 Package MakePackage(const DemoPki &pki, Fault fault, std::span<const uint8_t> content);
 
 }  // namespace testpki
