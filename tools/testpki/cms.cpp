@@ -247,7 +247,7 @@ Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> sta
     return tsApi ? TokenViaTsApi(plan, stamped) : TokenViaCms(plan, stamped);
 }
 
-Bytes MakeSignedData(const SignSpec &plan, std::span<const uint8_t> content) {
+Bytes detail::SignedData(const SignSpec &plan, BIO *content) {
     if (!plan.noSigner && (!plan.signer.cert || !plan.signer.key)) {
         throw Error("SignSpec.signer needs both a certificate and a key");
     }
@@ -274,7 +274,7 @@ Bytes MakeSignedData(const SignSpec &plan, std::span<const uint8_t> content) {
     // Without a signer there is nothing to digest or sign (CMS_final refuses
     // to run): the structure with its certificates is already whole.
     if (si != nullptr) {
-        TP_NEED(CMS_final(cms.get(), MemBio(content).get(), nullptr, detached));
+        TP_NEED(CMS_final(cms.get(), content, nullptr, detached));
     }
     if (plan.timestamp) {
         Bytes token =
@@ -287,6 +287,10 @@ Bytes MakeSignedData(const SignSpec &plan, std::span<const uint8_t> content) {
     }
     Bytes der = ToDer(cms.get(), i2d_CMS_ContentInfo);
     return plan.certs.size() < 2 ? der : RestoreCertOrder(der, plan.certs);
+}
+
+Bytes MakeSignedData(const SignSpec &plan, std::span<const uint8_t> content) {
+    return detail::SignedData(plan, MemBio(content).get());
 }
 
 Bytes SignatureValueOf(std::span<const uint8_t> signedData) {

@@ -179,15 +179,11 @@ Bytes Key::PublicKeyDer() const {
     return detail::ToDer(Need(get(), "empty key"), i2d_PUBKEY);
 }
 
-// RFC 5280 4.2.1.2, method 1.
+// RFC 5280 4.2.1.2, method 1: SHA-1 over the subjectPublicKey BIT STRING's
+// bits, without its unused-bits octet.
 Bytes Key::KeyId() const {
-    X509_PUBKEY *raw = nullptr;
-    TP_NEED(X509_PUBKEY_set(&raw, Need(get(), "empty key")));
-    Owned<X509_PUBKEY_free> pub(raw);
-    const unsigned char *bits = nullptr;
-    int len = 0;
-    TP_NEED(X509_PUBKEY_get0_param(nullptr, &bits, &len, nullptr, pub.get()));
-    return detail::Hash(Digest::Sha1, std::span(bits, static_cast<size_t>(len)));
+    const Bytes bits = der::Content(der::Children(PublicKeyDer()).at(1));
+    return detail::Hash(Digest::Sha1, std::span(bits).subspan(1));
 }
 
 std::filesystem::path DefaultKeyDir() {

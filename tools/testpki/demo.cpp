@@ -2,14 +2,7 @@
 // the root certificate the tool carries built in.
 #include "tools/testpki/internal.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <climits>
-#include <cstring>
+#include <openssl/bio.h>
 
 namespace testpki {
 
@@ -170,49 +163,6 @@ const FaultRow kFaults[] = {
     {Fault::Garbage, "garbage", [](auto &, auto &, auto &) {}},
 };
 
-// Signs a file from a read-only mapping, so that content of a gigabyte is
-// signed straight from the page cache instead of a copy on the heap.
-Bytes SignFile(const SignSpec &plan, const std::filesystem::path &file) {
-    struct Mapping {
-        int fd = -1;
-        void *data = MAP_FAILED;
-        size_t size = 0;
-        ~Mapping() {
-            if (data != MAP_FAILED) {
-                ::munmap(data, size);
-            }
-            if (fd >= 0) {
-                ::close(fd);
-            }
-        }
-    } map;
-    const std::string name = file.string();
-    struct stat st {};
-    map.fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (map.fd < 0 || ::fstat(map.fd, &st) != 0) {
-        throw Error("cannot read " + name + ": " + std::strerror(errno));
-    }
-    if (!S_ISREG(st.st_mode)) {
-        throw Error(name + " is not a regular file");
-    }
-    // OpenSSL is handed the content as one memory BIO, whose length is an int.
-    if (st.st_size > INT_MAX) {
-        throw Error(name + " is larger than " + std::to_string(INT_MAX) + " bytes");
-    }
-    // A memory BIO refuses a null pointer even for no bytes.
-    static constexpr uint8_t kNothing[1] = {};
-    if (st.st_size == 0) {
-        return MakeSignedData(plan, std::span(kNothing, 0));
-    }
-    map.size = static_cast<size_t>(st.st_size);
-    map.data = ::mmap(nullptr, map.size, PROT_READ, MAP_PRIVATE, map.fd, 0);
-    if (map.data == MAP_FAILED) {
-        throw Error("cannot map " + name + ": " + std::strerror(errno));
-    }
-    ::madvise(map.data, map.size, MADV_SEQUENTIAL);
-    return MakeSignedData(plan, std::span(static_cast<const uint8_t *>(map.data), map.size));
-}
-
 }  // namespace
 
 Credential MakeDemoRoot(const std::filesystem::path &keyDir) {
@@ -321,7 +271,12 @@ std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesys
 std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
                                             const std::filesystem::path &content,
                                             const std::filesystem::path &outDir) {
-    const Bytes signature = SignFile(DemoSignSpec(pki), content);
+    // Streamed from the file, so that content of a gigabyte needs no copy.
+    if (!std::filesystem::is_regular_file(content)) {
+        throw Error(content.string() + " is not a readable regular file");
+    }
+    Owned<BIO_free> in(BIO_new_file(content.c_str(), "rb"));
+    const Bytes signature = detail::SignedData(DemoSignSpec(pki), TP_NEED(in.get()));
     Out out(outDir);
     out.Put("content.p7s", signature);
     out.Put("token.der", TimestampTokenOf(signature));

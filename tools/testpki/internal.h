@@ -57,6 +57,8 @@ Bytes AuthorityKeyId(const Key &key);
 // RSASSA-PSS with a salt as long as the digest on a signing context.
 void UsePss(EVP_PKEY_CTX *pctx);
 void CreateDirs(const std::filesystem::path &dir);
+// MakeSignedData over content read from a BIO.
+Bytes SignedData(const SignSpec &plan, BIO *content);
 
 }  // namespace testpki::detail
 
@@ -69,7 +71,7 @@ namespace testpki {
 // "faults/NAME/sha256sums{,.p7s}" for each fault.
 std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesystem::path &outDir);
 
-// Signs a file as MakePackage signs its content: "content.p7s",
+// Signs a file as MakePackage signs its content, streamed: "content.p7s",
 // "crls+ca.pem", and for the openssl command line "root.pem", "ca.pem",
 // "tsa.pem", "token.der" and "sigvalue.bin" (what the token's imprint covers).
 std::vector<std::string> WriteDemoSignature(const DemoPki &pki,

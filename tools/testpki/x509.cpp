@@ -107,13 +107,11 @@ Cert IssueCert(const CertSpec &plan) {
     TP_NEED(X509_set_serialNumber(x, detail::MakeInteger(plan.serial).get()));
     auto subject = detail::MakeName(plan.subject);
     TP_NEED(X509_set_subject_name(x, subject.get()));
-    Owned<X509_NAME_free> issuerName;
-    if (plan.issuerName) {
-        issuerName = detail::MakeName(*plan.issuerName);
-    }
-    TP_NEED(X509_set_issuer_name(x, issuerName    ? issuerName.get()
-                                    : plan.issuer ? X509_get_subject_name(plan.issuer->cert.get())
-                                                  : subject.get()));
+    // The issuer's name as given, else its subject, else self-issued.
+    auto named = plan.issuerName ? detail::MakeName(*plan.issuerName) : nullptr;
+    X509_NAME *issuer =
+        plan.issuer ? X509_get_subject_name(plan.issuer->cert.get()) : subject.get();
+    TP_NEED(X509_set_issuer_name(x, named ? named.get() : issuer));
     TP_NEED(X509_set1_notBefore(x, detail::MakeTime(plan.notBefore).get()));
     TP_NEED(X509_set1_notAfter(x, detail::MakeTime(plan.notAfter).get()));
     TP_NEED(X509_set_pubkey(x, plan.subjectKey.get()));
@@ -176,12 +174,9 @@ Bytes MakeCrl(const CrlSpec &plan) {
     if (plan.version == 2) {
         TP_NEED(X509_CRL_set_version(crl, 1));
     }
-    Owned<X509_NAME_free> issuerName;
-    if (plan.issuerName) {
-        issuerName = detail::MakeName(*plan.issuerName);
-    }
-    TP_NEED(X509_CRL_set_issuer_name(
-        crl, issuerName ? issuerName.get() : X509_get_subject_name(plan.issuer.cert.get())));
+    auto named = plan.issuerName ? detail::MakeName(*plan.issuerName) : nullptr;
+    X509_NAME *issuer = X509_get_subject_name(plan.issuer.cert.get());
+    TP_NEED(X509_CRL_set_issuer_name(crl, named ? named.get() : issuer));
     TP_NEED(X509_CRL_set1_lastUpdate(crl, detail::MakeTime(plan.thisUpdate).get()));
     if (plan.nextUpdate) {
         TP_NEED(X509_CRL_set1_nextUpdate(crl, detail::MakeTime(*plan.nextUpdate).get()));
