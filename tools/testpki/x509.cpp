@@ -18,18 +18,17 @@ uint8_t UnusedBits(uint8_t last) {
     return unused;
 }
 
-// X509_sign / X509_CRL_sign, or their _ctx forms for RSASSA-PSS.
-template <typename T, typename SignFn, typename SignCtxFn>
-void Sign(T *object, SignFn sign, SignCtxFn signCtx, const Key &key, Digest digest, bool pss) {
-    if (!pss) {
-        Need(sign(object, key.get(), detail::DigestMd(digest)), "sign");
-        return;
-    }
+// X509_sign_ctx / X509_CRL_sign_ctx: what X509_sign does, and by RSASSA-PSS
+// when asked.
+template <typename T, typename SignCtxFn>
+void Sign(T *object, SignCtxFn signCtx, const Key &key, Digest digest, bool pss) {
     Owned<EVP_MD_CTX_free> ctx(TP_NEED(EVP_MD_CTX_new()));
     EVP_PKEY_CTX *pctx = nullptr;
     TP_NEED(EVP_DigestSignInit(ctx.get(), &pctx, detail::DigestMd(digest), nullptr, key.get()));
-    detail::UsePss(pctx);
-    Need(signCtx(object, ctx.get()), "sign by RSASSA-PSS");
+    if (pss) {
+        detail::UsePss(pctx);
+    }
+    Need(signCtx(object, ctx.get()), "signing");
 }
 
 // The extensions of `plan` in the order they are written.
@@ -119,7 +118,7 @@ Cert IssueCert(const CertSpec &plan) {
         // Copies, and does not look for an earlier one with this OID.
         TP_NEED(X509_add_ext(x, detail::MakeExtension(ext).get(), -1));
     }
-    Sign(x, X509_sign, X509_sign_ctx, signer, plan.digest, plan.pss);
+    Sign(x, X509_sign_ctx, signer, plan.digest, plan.pss);
     Bytes der = detail::ToDer(x, i2d_X509);
     return Cert(std::move(owned), std::move(der));
 }
@@ -217,7 +216,7 @@ Bytes MakeCrl(const CrlSpec &plan) {
     for (const RawExtension &ext : exts) {
         TP_NEED(X509_CRL_add_ext(crl, detail::MakeExtension(ext).get(), -1));
     }
-    Sign(crl, X509_CRL_sign, X509_CRL_sign_ctx, plan.issuer.key, plan.digest, plan.pss);
+    Sign(crl, X509_CRL_sign_ctx, plan.issuer.key, plan.digest, plan.pss);
     return detail::ToDer(crl, i2d_X509_CRL);
 }
 
