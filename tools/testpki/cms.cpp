@@ -1,6 +1,5 @@
-// Detached CMS signatures and RFC 3161 timestamp tokens: OpenSSL's CMS and TS
-// APIs sign; the TSTInfo is written here only where those APIs cannot say
-// what a test needs.
+// Detached CMS signatures and RFC 3161 timestamp tokens, signed by OpenSSL's
+// CMS and TS APIs.
 #include "tools/testpki/internal.h"
 
 #include <openssl/cms.h>
@@ -65,16 +64,14 @@ CMS_SignerInfo *AddSigner(CMS_ContentInfo *cms, const Credential &signer, Digest
     return si;
 }
 
-// CMS takes the current clock as signing time only when none is there; a
-// fixed one keeps the output reproducible.
+// A fixed signing time keeps the output reproducible (CMS would take the clock).
 void AddSigningTime(CMS_SignerInfo *si, const Time &time) {
     int type = time.type == TimeType::Utc ? V_ASN1_UTCTIME : V_ASN1_GENERALIZEDTIME;
     TP_NEED(CMS_signed_add1_attr_by_NID(si, NID_pkcs9_signingTime, type,
                                         detail::MakeTime(time).get(), -1));
 }
 
-// RFC 2634 5.4 / RFC 5035 3: ties the token to the TSA certificate, as the
-// TS API writes it.
+// RFC 2634 5.4 / RFC 5035 3: ties the token to the TSA certificate.
 void AddEssSigningCert(CMS_SignerInfo *si, const TimestampSpec &plan) {
     X509 *named = plan.essCert ? plan.essCert->get() : plan.tsa.cert.get();
     Bytes der;
@@ -104,8 +101,7 @@ Bytes Imprint(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
 Bytes TokenViaCms(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
     const Bytes tst = MakeTstInfo(plan, stamped);
     if (plan.noSigner) {
-        // RFC 5652 allows a SignedData without SignerInfo but CMS_final
-        // refuses to make one.
+        // RFC 5652 allows a SignedData without SignerInfo; CMS_final refuses one.
         const Bytes content = der::Seq(
             {der::Oid("1.2.840.113549.1.9.16.1.4"), der::Tlv(0xA0, der::OctetString(tst))});
         std::vector<Bytes> fields = {der::Integer(Bytes{0x03}), der::Tlv(0x31, {}), content};
@@ -169,8 +165,7 @@ Bytes TokenViaTsApi(const TimestampSpec &plan, std::span<const uint8_t> stamped)
     TS_RESP_CTX_set_serial_cb(ctx, serial, const_cast<Bytes *>(&plan.serial));
     TS_RESP_CTX_set_time_cb(ctx, clock, &epoch);
 
-    // TimeStampReq ::= SEQUENCE { version INTEGER, messageImprint,
-    //   ..., certReq BOOLEAN DEFAULT FALSE }; certReq asks for the TSA's certificate.
+    // TimeStampReq ::= SEQUENCE { version, messageImprint, ..., certReq BOOLEAN }
     std::vector<Bytes> request = {der::Integer(Bytes{0x01}), Imprint(plan, stamped)};
     if (plan.embedTsaCert) {
         request.push_back(der::Boolean(true));
@@ -184,8 +179,7 @@ Bytes TokenViaTsApi(const TimestampSpec &plan, std::span<const uint8_t> stamped)
     return ToDer(TS_RESP_get_token(resp.get()), i2d_PKCS7);
 }
 
-// OpenSSL writes the certificates as a DER SET OF, sorted by encoding; put
-// them back in the order asked for. They are outside everything signed.
+// OpenSSL sorts the certificates as a DER SET OF; restore the order asked for.
 Bytes RestoreCertOrder(const Bytes &contentInfo, const std::vector<Cert> &certs) {
     std::vector<Bytes> top = der::Children(contentInfo);  // contentType, [0]
     if (top.size() != 2) {
@@ -206,9 +200,8 @@ Bytes RestoreCertOrder(const Bytes &contentInfo, const std::vector<Cert> &certs)
     return der::Seq({top[0], der::Tlv(0xA0, der::Seq(signedData))});
 }
 
-// Changes the last digit of the signing time in place. OpenSSL encodes the
-// signed attributes afresh from these objects, so the change reaches the DER
-// while the signature over the old encoding stays.
+// Changes the last digit of the signing time after signing; OpenSSL encodes
+// the attributes afresh, so the DER changes while the signature stays.
 void TamperSigningTime(CMS_SignerInfo *si) {
     int index = CMS_signed_get_attr_by_NID(si, NID_pkcs9_signingTime, -1);
     if (index < 0) {
@@ -271,8 +264,7 @@ Bytes detail::SignedData(const SignSpec &plan, BIO *content) {
     for (const Cert &cert : plan.certs) {
         TP_NEED(CMS_add1_cert(cms.get(), cert.get()));
     }
-    // Without a signer there is nothing to digest or sign (CMS_final refuses
-    // to run): the structure with its certificates is already whole.
+    // Without a signer CMS_final refuses to run, and there is nothing to sign.
     if (si != nullptr) {
         TP_NEED(CMS_final(cms.get(), content, nullptr, detached));
     }

@@ -17,7 +17,6 @@ using detail::Need;
 namespace {
 
 Owned<ASN1_OBJECT_free> ObjFromText(const std::string &text) {
-    // no_name = 0: short and long names as well as dotted OIDs.
     Owned<ASN1_OBJECT_free> obj(OBJ_txt2obj(text.c_str(), 0));
     if (!obj) {
         detail::Fail("unknown object identifier \"" + text + "\"");
@@ -70,17 +69,14 @@ std::string GenText(int64_t epochSeconds) {
     return text;
 }
 
-// A bare string of the time type keeps the text exactly as given, where
-// ASN1_TIME_set_string would validate and normalise it.
+// A bare string keeps the text as given; ASN1_TIME_set_string would normalise it.
 Owned<ASN1_STRING_free> MakeTime(const Time &time) {
     int type = time.type == TimeType::Utc ? V_ASN1_UTCTIME : V_ASN1_GENERALIZEDTIME;
     return MakeString(type, AsBytes(time.text));
 }
 
-// OpenSSL holds an INTEGER as sign and magnitude and writes the magnitude
-// as it is (positive) or negated at the same width (negative), so redundant
-// leading 0x00 or 0xFF octets survive when the magnitude keeps the
-// content's width. A form this cannot carry fails on the re-encoding check.
+// OpenSSL holds sign and magnitude and writes the magnitude (negated if
+// negative) at its width, so redundant leading octets survive where it can.
 Owned<ASN1_STRING_free> MakeInteger(std::span<const uint8_t> content) {
     if (content.empty()) {
         throw Error("INTEGER content must have at least one octet");
@@ -143,8 +139,6 @@ void CreateDirs(const std::filesystem::path &dir) {
 
 }  // namespace detail
 
-// ---- keys and certificates --------------------------------------------------
-
 Key Key::LoadPem(const std::filesystem::path &file) {
     Owned<BIO_free> bio(BIO_new_file(file.c_str(), "r"));
     // An encrypted key fails instead of prompting on the terminal.
@@ -179,8 +173,7 @@ Bytes Key::PublicKeyDer() const {
     return detail::ToDer(Need(get(), "empty key"), i2d_PUBKEY);
 }
 
-// RFC 5280 4.2.1.2, method 1: SHA-1 over the subjectPublicKey BIT STRING's
-// bits, without its unused-bits octet.
+// RFC 5280 4.2.1.2 method 1: SHA-1 of the subjectPublicKey bits.
 Bytes Key::KeyId() const {
     const Bytes bits = der::Content(der::Children(PublicKeyDer()).at(1));
     return detail::Hash(Digest::Sha1, std::span(bits).subspan(1));
@@ -199,8 +192,6 @@ Cert Cert::FromDer(Bytes der) {
     X509Ptr x509(TP_NEED(d2i_X509(nullptr, &p, static_cast<long>(der.size()))));
     return Cert(std::move(x509), std::move(der));
 }
-
-// ---- names, times, serials --------------------------------------------------
 
 Name SimpleName(std::initializer_list<std::pair<std::string, std::string>> attrs) {
     Name name;
@@ -234,8 +225,6 @@ Bytes SerialFromU64(uint64_t value) {
     }
     return out;
 }
-
-// ---- output -----------------------------------------------------------------
 
 std::string ToPem(std::string_view label, std::span<const uint8_t> der) {
     Owned<BIO_free> bio(TP_NEED(BIO_new(BIO_s_mem())));
@@ -276,8 +265,6 @@ void WriteFile(const std::filesystem::path &file, std::string_view text) {
     WriteFile(file, detail::AsBytes(text));
 }
 
-// ---- DER --------------------------------------------------------------------
-
 namespace der {
 
 Bytes Tlv(uint8_t tag, std::span<const uint8_t> content) {
@@ -316,8 +303,7 @@ Bytes Integer(std::span<const uint8_t> content) {
     return Tlv(0x02, content);
 }
 
-// The content of the element at the front of `in`, as OpenSSL reads its
-// header; a malformed, truncated or indefinite-length element throws.
+// The content of the element at the front of `in`, as OpenSSL reads its header.
 static std::span<const uint8_t> Body(std::span<const uint8_t> in) {
     const unsigned char *p = in.data();
     long len = 0;

@@ -25,32 +25,24 @@ CertSpec CaSpec(const Credential &issuer, Key key, const std::string &cn, Bytes 
     return plan;
 }
 
-// RFC 3161 2.3 wants time stamping as the only, critical purpose; code
-// signing is marked the same way.
-Credential EndEntity(const Credential &issuer, Key key, const std::string &cn, Bytes serial,
-                     std::string purpose) {
-    CertSpec plan = CaSpec(issuer, std::move(key), cn, std::move(serial));
+// The code signer (tsa: the TSA) with serial 10 0N and a purpose that fits
+// unless another is given. RFC 3161 2.3 wants time stamping as the only,
+// critical purpose; code signing is marked the same way.
+Credential EndEntity(const Credential &issuer, Key key, bool tsa, uint8_t n = 0,
+                     std::string purpose = "") {
+    CertSpec plan = CaSpec(issuer, std::move(key), tsa ? "Test Time Stamping" : "Test Code Signing",
+                           {0x10, n != 0 ? n : static_cast<uint8_t>(tsa ? 2 : 1)});
     plan.notAfter = Utc("391231235959Z");
     plan.basicConstraints->ca = false;
     plan.keyUsage = KeyUsage::Of(ku::kDigitalSignature);
+    if (purpose.empty()) {
+        purpose = tsa ? "timeStamping" : "codeSigning";
+    }
     plan.extKeyUsage = ExtKeyUsage{{std::move(purpose)}, true};
     return IssueCredential(plan);
 }
 
-Credential Signer(const Credential &issuer, Key key, Bytes serial = {0x10, 0x01},
-                  std::string purpose = "codeSigning") {
-    return EndEntity(issuer, std::move(key), "Test Code Signing", std::move(serial),
-                     std::move(purpose));
-}
-
-Credential Tsa(const Credential &issuer, Key key, Bytes serial = {0x10, 0x02},
-               std::string purpose = "timeStamping") {
-    return EndEntity(issuer, std::move(key), "Test Time Stamping", std::move(serial),
-                     std::move(purpose));
-}
-
-// Serial octets of the demo root: a prefix of this text, as long as the
-// certificate needs to come out at its fixed size (RFC 5280 allows 20).
+// The demo root's serial is a prefix of this text, as long as its fixed size needs.
 constexpr std::string_view kDemoRootSerial = "Dorvex demo root CA.";
 constexpr size_t kDemoRootSize = 1363;
 
@@ -129,8 +121,7 @@ constexpr std::pair<const char *, std::string_view> kDemoPayload[] = {
     {"upgrade.sh", "#!/bin/sh\necho demo upgrade\n"},
 };
 
-// How each fault spoils the valid package's plan, by folder name in a demo
-// package; ChangedContent and Garbage are finished in MakePackage.
+// How each fault spoils the valid plan (the last two are done in MakePackage).
 struct FaultRow {
     Fault fault;
     const char *name;
@@ -145,12 +136,12 @@ const FaultRow kFaults[] = {
      [](auto &plan, auto &, auto &) { plan.tamperSignedAttr = true; }},
     {Fault::SignerWithoutCodeSigning, "signer-without-code-signing",
      [](auto &plan, auto &pki, auto &) {
-         plan.signer = Signer(pki.ca, pki.leaf.key, {0x10, 0x03}, "emailProtection");
+         plan.signer = EndEntity(pki.ca, pki.leaf.key, false, 3, "emailProtection");
          plan.certs[0] = plan.signer.cert;
      }},
     {Fault::TsaWithoutTimeStamping, "tsa-without-time-stamping",
      [](auto &plan, auto &pki, auto &) {
-         plan.timestamp->tsa = Tsa(pki.ca, pki.tsa.key, {0x10, 0x04}, "codeSigning");
+         plan.timestamp->tsa = EndEntity(pki.ca, pki.tsa.key, true, 4, "codeSigning");
      }},
     {Fault::ThreeCerts, "three-certs",
      [](auto &plan, auto &pki, auto &) { plan.certs.push_back(pki.tsa.cert); }},
@@ -167,9 +158,8 @@ const FaultRow kFaults[] = {
 
 Credential MakeDemoRoot(const std::filesystem::path &keyDir) {
     Key key = LoadTestKey("root-4096", keyDir);
-    // Everything but the serial is fixed, and while every length keeps its
-    // form one serial octet more is one certificate octet more: measure with
-    // a one-octet serial, then take as many octets as are missing.
+    // One serial octet more is one certificate octet more: measure with one,
+    // then take as many as are missing.
     size_t probe = IssueCert(DemoRootSpec(key, 1)).Der().size();
     if (probe > kDemoRootSize || kDemoRootSize - probe + 1 > kDemoRootSerial.size()) {
         throw Error("the demo root's name does not fit its size");
@@ -189,14 +179,13 @@ DemoPki MakeDemoPki(const std::filesystem::path &keyDir) {
     ca.notAfter = Utc("441231235959Z");
     ca.basicConstraints->pathLen = 0;
     pki.ca = IssueCredential(ca);
-    pki.leaf = Signer(pki.ca, LoadTestKey("leaf-2048", keyDir));
-    pki.tsa = Tsa(pki.ca, LoadTestKey("tsa-2048", keyDir));
+    pki.leaf = EndEntity(pki.ca, LoadTestKey("leaf-2048", keyDir), false);
+    pki.tsa = EndEntity(pki.ca, LoadTestKey("tsa-2048", keyDir), true);
 
     CrlSpec crl;
     crl.issuer = pki.root;
     pki.rootCrl = MakeCrl(crl);
-    // One entry for a certificate outside the demo, so the list is not empty
-    // and the demo certificates stay valid.
+    // A certificate outside the demo, so the list is not empty.
     crl.issuer = pki.ca;
     crl.revoked = {{{0x10, 0x7F}, Utc("250301000000Z"), 1 /* keyCompromise */}};
     pki.caCrl = MakeCrl(crl);
@@ -304,16 +293,15 @@ std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::pat
         if (level == depth) {
             break;
         }
-        // The first CA has the demo CA's key; deeper ones get new keys, so
-        // no two certificates of the path share one.
+        // The first CA has the demo CA's key, deeper ones new keys.
         const Key key = level > 1 ? (ecdsa ? Key::GenerateEc("P-384") : Key::GenerateRsa(2048))
                                   : LoadTestKey(ecdsa ? "ec-p384" : "ca-2048", keyDir);
         const Bytes serial = {0x02, static_cast<uint8_t>(level)};
         pki.ca = IssueCredential(CaSpec(pki.ca, key, "Test CA " + std::to_string(level), serial));
         caCerts.push_back({std::string(kPemCertificate), pki.ca.cert.Der()});
     }
-    pki.leaf = Signer(pki.ca, LoadTestKey(ecdsa ? "ec-p256" : "leaf-2048", keyDir));
-    pki.tsa = Tsa(pki.ca, LoadTestKey(ecdsa ? "ec-p384" : "tsa-2048", keyDir));
+    pki.leaf = EndEntity(pki.ca, LoadTestKey(ecdsa ? "ec-p256" : "leaf-2048", keyDir), false);
+    pki.tsa = EndEntity(pki.ca, LoadTestKey(ecdsa ? "ec-p384" : "tsa-2048", keyDir), true);
     SignSpec plan = DemoSignSpec(pki);
     if (depth == 1) {
         plan.certs = {pki.leaf.cert};  // the root is never taken from a signature

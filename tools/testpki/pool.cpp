@@ -1,5 +1,4 @@
-// The pool of the differential path target: one hierarchy with a case for
-// each rule of path validation and revocation.
+// The differential path target's pool: one hierarchy, a case for each rule.
 #include "tools/testpki/internal.h"
 
 #include <functional>
@@ -12,9 +11,8 @@ class PoolWriter {
   public:
     explicit PoolWriter(std::filesystem::path keyDir) : keyDir_(std::move(keyDir)) {}
 
-    // A certificate with key identifiers both ways, so that OpenSSL's path
-    // building picks the same issuer among certificates of one name. key is
-    // a test key's name, or "@BITS" for a new RSA key of that size.
+    // Key identifiers both ways make OpenSSL pick the same issuer among
+    // certificates of one name. key: a test key, or "@BITS" for a new RSA key.
     Credential Cert(const std::string &name, const Credential *issuer, const std::string &key,
                     const std::string &cn, Bytes serial, bool ca,
                     const std::function<void(CertSpec &)> &change = {}) {
@@ -38,8 +36,7 @@ class PoolWriter {
         return made;
     }
 
-    // A CRL with an authority key identifier (RFC 5280 5.2.1), valid from
-    // 2024-06-01 to 2049-12-31 unless changed.
+    // With an authority key identifier (RFC 5280 5.2.1).
     void Crl(const std::string &name, const Credential &issuer,
              const std::function<void(CrlSpec &)> &change = {}) {
         CrlSpec s;

@@ -1,9 +1,7 @@
-// testpki: keys, certificates, CRLs, CMS signatures and timestamp tokens for
-// the tests, fuzz seeds and scripts, made through real OpenSSL; never linked
-// into the product. Specs are plain values with usable defaults; builders
-// return DER and write fields a decoder might trip over (serials, times, key
-// usage octets, extension order) exactly as given, valid or not. Failures
-// throw testpki::Error with the OpenSSL reason attached.
+// testpki: keys, certificates, CRLs, CMS signatures and timestamp tokens made
+// through real OpenSSL for tests, fuzz seeds and scripts. Builders write what a
+// decoder might trip over (serials, times, key usage, extension order) exactly
+// as given, valid or not, and throw Error with the OpenSSL reason.
 #pragma once
 
 #include <openssl/evp.h>
@@ -17,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace testpki {
@@ -31,19 +30,12 @@ class Error : public std::runtime_error {
 // Owned<X509_free> owns an X509.
 template <auto FreeFn>
 struct Deleter {
-    template <typename T>
-    void operator()(T *p) const {
-        FreeFn(p);
-    }
+    void operator()(auto *p) const { FreeFn(p); }
 };
-template <typename Fn>
-struct FreedType;
 template <typename R, typename T>
-struct FreedType<R (*)(T *)> {
-    using type = T;
-};
+T *FreedBy(R (*)(T *));
 template <auto FreeFn>
-using Owned = std::unique_ptr<typename FreedType<decltype(FreeFn)>::type, Deleter<FreeFn>>;
+using Owned = std::unique_ptr<std::remove_pointer_t<decltype(FreedBy(FreeFn))>, Deleter<FreeFn>>;
 using X509Ptr = Owned<X509_free>;
 using X509CrlPtr = Owned<X509_CRL_free>;
 using PkeyPtr = Owned<EVP_PKEY_free>;
@@ -68,14 +60,11 @@ class Key {
     std::shared_ptr<EVP_PKEY> pkey_;
 };
 
-// Folder of the committed test keys (tests/keys), compiled in.
-std::filesystem::path DefaultKeyDir();
+std::filesystem::path DefaultKeyDir();  // tests/keys, compiled in
 // Loads DIR/NAME.pem, e.g. LoadTestKey("root-4096").
 Key LoadTestKey(std::string_view name, const std::filesystem::path &dir = DefaultKeyDir());
 
-// A shared handle to a certificate and its DER. For certificates built here
-// get() is the object that was signed, usable even when OpenSSL would refuse
-// to parse the DER (a padded serial).
+// A shared certificate and its DER; get() works even for DER OpenSSL refuses.
 class Cert {
   public:
     Cert() = default;
@@ -91,7 +80,6 @@ class Cert {
     Bytes der_;
 };
 
-// The signer of certificates, CRLs, signatures and timestamp tokens alike.
 struct Credential {
     Cert cert;
     Key key;
@@ -99,7 +87,7 @@ struct Credential {
 
 enum class StrType { Printable, Utf8, Ia5 };
 
-// Type as short name ("CN", "DC") or dotted OID; value bytes as they are.
+// Type as short name ("CN") or dotted OID; value bytes as they are.
 struct Attr {
     std::string type;
     std::string value;
@@ -123,13 +111,11 @@ inline Time Utc(std::string text) {
 inline Time Gen(std::string text) {
     return {TimeType::Generalized, std::move(text)};
 }
-// UTCTime for 1950..2049, GeneralizedTime otherwise (RFC 5280 4.1.2.5).
-Time TimeAt(int64_t epochSeconds);
+Time TimeAt(int64_t epochSeconds);  // UTCTime for 1950..2049 (RFC 5280)
 // Seconds since 1970 as OpenSSL reads the time; throws if it cannot.
 int64_t EpochOf(const Time &time);
 
 enum class Digest { Sha1, Sha256, Sha384, Sha512 };
-
 // Minimal two's-complement content octets of a non-negative integer.
 Bytes SerialFromU64(uint64_t value);
 
@@ -154,12 +140,11 @@ struct KeyUsage {
     Bytes octets;
     uint8_t unusedBits = 0;
     bool critical = true;
-    // With the unused-bits count of minimal DER.
-    static KeyUsage Of(uint8_t first);
+    static KeyUsage Of(uint8_t first);  // with minimal DER's unused bits
     static KeyUsage Of(uint8_t first, uint8_t second);
 };
 
-// Purposes in order: short names ("codeSigning") or dotted OIDs.
+// Purposes in order, as short names ("codeSigning") or dotted OIDs.
 struct ExtKeyUsage {
     std::vector<std::string> purposes;
     bool critical = false;
@@ -193,22 +178,18 @@ struct CertSpec {
 };
 
 Cert IssueCert(const CertSpec &plan);
-// The certificate together with plan.subjectKey.
 Credential IssueCredential(const CertSpec &plan);
 
 struct RevokedEntry {
     Bytes serial;
     Time date = Utc("250101000000Z");
     std::optional<int> reason;  // CRLReason entry extension
-    // Name DER of an indirect CRL's certificateIssuer, which holds for the
-    // entries after it too.
+    // Name DER of an indirect CRL's certificateIssuer (holds for later entries)
     std::optional<Bytes> certificateIssuer = std::nullopt;
 };
 
-// The DER of a certificate's subject Name.
 Bytes SubjectDer(const Cert &cert);
-// A cRLDistributionPoints value with one point whose cRLIssuer is the Name
-// `crlIssuer` (DER), for a certificate served by an indirect CRL.
+// A cRLDistributionPoints value with one point whose cRLIssuer is this Name.
 Bytes CrlIssuerPoint(const Bytes &crlIssuer);
 
 struct IssuingDistPoint {
@@ -238,8 +219,6 @@ Bytes MakeCrl(const CrlSpec &plan);
 
 inline constexpr std::string_view kPemCertificate = "CERTIFICATE";
 inline constexpr std::string_view kPemCrl = "X509 CRL";
-
-// One PEM block, base64 in 64-character lines.
 std::string ToPem(std::string_view label, std::span<const uint8_t> der);
 
 struct PemBlock {
@@ -260,21 +239,17 @@ Bytes OctetString(std::span<const uint8_t> content);
 Bytes Boolean(bool value);
 Bytes Integer(std::span<const uint8_t> content);  // content octets as given
 
-// The whole children (tag, length, content) of the constructed element at
-// the front of `in`; throws on a malformed or truncated element.
+// The whole children of the constructed element at the front of `in`, and its
+// content octets; both throw on a malformed or truncated element.
 std::vector<Bytes> Children(std::span<const uint8_t> in);
-// The content octets of the element at the front of `in`.
 Bytes Content(std::span<const uint8_t> in);
 }  // namespace der
 
-// TsApi: OpenSSL's TS_RESP_CTX answers as a real authority would (signing
-// time from the clock). Cms: the TSTInfo is written here and signed through
-// the CMS API, reproducibly, with any genTime, TSA or attributes. Auto: TsApi
-// when the plan fits it.
+// TsApi: OpenSSL's TS_RESP_CTX, as a real authority. Cms: TSTInfo written here
+// and signed by the CMS API, reproducible, any genTime. Auto: TsApi if it fits.
 enum class TokenMaker { Auto, TsApi, Cms };
 
-// None, or content type, signing time, message digest and an ESS
-// signing-certificate attribute (v1: SHA-1 ESSCertID, v2: ESSCertIDv2).
+// Signed attributes with an ESS signing-certificate v1 (SHA-1) or v2, or none.
 enum class TokenAttrs { None, EssCertId, EssCertIdV2 };
 
 struct TimestampSpec {
@@ -294,9 +269,8 @@ struct TimestampSpec {
     bool pss = false;             // Cms maker
 };
 
-// The TSTInfo the Cms maker signs; the imprint covers imprintOver or else `stamped`.
+// The imprint covers imprintOver or else `stamped`.
 Bytes MakeTstInfo(const TimestampSpec &plan, std::span<const uint8_t> stamped);
-// ContentInfo with a SignedData over a TSTInfo.
 Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> stamped);
 
 struct SignSpec {
@@ -304,28 +278,23 @@ struct SignSpec {
     Digest digest = Digest::Sha256;
     bool signedAttrs = true;  // content type, signing time, message digest
     Time signingTime = Utc("260115115900Z");
-    // Embedded in this order, not sorted as a DER SET OF.
-    std::vector<Cert> certs;
-    bool noSigner = false;  // a SignedData without SignerInfo
-    // Its imprint covers the signature value unless the plan says otherwise.
-    std::optional<TimestampSpec> timestamp;
-    // The last digit of the signing time changes after signing.
-    bool tamperSignedAttr = false;
+    std::vector<Cert> certs;                 // embedded in this order, not sorted
+    bool noSigner = false;                   // a SignedData without SignerInfo
+    std::optional<TimestampSpec> timestamp;  // imprint over the signature value
+    bool tamperSignedAttr = false;           // signing time changed after signing
     bool pss = false;
 };
 
 // A detached SignedData over `content`.
 Bytes MakeSignedData(const SignSpec &plan, std::span<const uint8_t> content);
-// The only signer's signature value; throws when there is no signer.
+// Of the only signer (throw without one); the token is empty when there is none.
 Bytes SignatureValueOf(std::span<const uint8_t> signedData);
-// The signer's timestamp token (DER); empty when there is none.
 Bytes TimestampTokenOf(std::span<const uint8_t> signedData);
 
 enum class Armour { Der, PemCms, PemPkcs7 };
 Bytes Armoured(std::span<const uint8_t> der, Armour armour);
 
-// The root built into the tool, from the root-4096 key: the same 1363 bytes
-// on every run.
+// The root built into the tool, from root-4096: the same 1363 bytes every run.
 Credential MakeDemoRoot(const std::filesystem::path &keyDir = DefaultKeyDir());
 
 // Demo root -> CA -> code-signing leaf and TSA, with a CRL of root and CA.
@@ -334,8 +303,7 @@ struct DemoPki {
     Bytes rootCrl, caCrl;
 };
 DemoPki MakeDemoPki(const std::filesystem::path &keyDir = DefaultKeyDir());
-// Writes each item as NAME.der and NAME.pem, and both CRLs as crls.der and
-// crls.pem, into outDir. Returns the file names.
+// Each item as NAME.der and NAME.pem, both CRLs as crls.der and crls.pem.
 std::vector<std::string> WriteDemoPki(const DemoPki &pki, const std::filesystem::path &outDir);
 
 // A checksum file as a package producer ships it ("HEX  NAME" lines).
@@ -360,8 +328,7 @@ enum class Fault {
     Garbage,                   // the signature file is not DER at all
 };
 
-// pki.leaf signs `content` (leaf and CA embedded), pki.tsa stamps it (Cms
-// maker), then `fault` spoils it.
+// pki.leaf signs `content` (leaf and CA embedded), pki.tsa stamps it, `fault` spoils it.
 Package MakePackage(const DemoPki &pki, Fault fault, std::span<const uint8_t> content);
 
 }  // namespace testpki

@@ -8,8 +8,7 @@ using detail::Need;
 
 namespace {
 
-// Zero bits below the lowest set bit: the unused bits of a named bit list
-// in DER (X.690 11.2.2).
+// Zero bits below the lowest set bit: a named bit list's unused bits in DER.
 uint8_t UnusedBits(uint8_t last) {
     uint8_t unused = 0;
     while (last != 0 && ((last >> unused) & 1) == 0) {
@@ -18,8 +17,7 @@ uint8_t UnusedBits(uint8_t last) {
     return unused;
 }
 
-// X509_sign_ctx / X509_CRL_sign_ctx: what X509_sign does, and by RSASSA-PSS
-// when asked.
+// What X509_sign does, and by RSASSA-PSS when asked.
 template <typename T, typename SignCtxFn>
 void Sign(T *object, SignCtxFn signCtx, const Key &key, Digest digest, bool pss) {
     Owned<EVP_MD_CTX_free> ctx(TP_NEED(EVP_MD_CTX_new()));
@@ -31,7 +29,6 @@ void Sign(T *object, SignCtxFn signCtx, const Key &key, Digest digest, bool pss)
     Need(signCtx(object, ctx.get()), "signing");
 }
 
-// The extensions of `plan` in the order they are written.
 std::vector<RawExtension> CertExtensions(const CertSpec &plan, const Key &signer) {
     std::vector<RawExtension> exts;
     if (const auto &bc = plan.basicConstraints) {
@@ -136,16 +133,12 @@ Bytes CrlIssuerPoint(const Bytes &crlIssuer) {
     return der::Seq({der::Seq({der::Tlv(0xA2, der::Tlv(0xA4, crlIssuer))})});
 }
 
-// IssuingDistributionPoint ::= SEQUENCE {
-//   distributionPoint [0] DistributionPointName OPTIONAL,
-//   onlyContainsUserCerts [1], onlyContainsCACerts [2] BOOLEAN DEFAULT FALSE,
-//   onlySomeReasons [3] ReasonFlags OPTIONAL,
-//   indirectCRL [4], onlyContainsAttributeCerts [5] BOOLEAN DEFAULT FALSE }
+// IssuingDistributionPoint: [0] distributionPoint, then the BOOLEANs
+// [1] onlyUser, [2] onlyCA, [4] indirectCRL, [5] onlyAttribute.
 static Bytes IssuingDistPointValue(const IssuingDistPoint &idp) {
     std::vector<Bytes> items;
     if (idp.uri) {
-        // fullName [0] GeneralNames { uniformResourceIdentifier [6] }; the
-        // CHOICE under [0] is tagged explicitly, fullName implicitly.
+        // [0] (explicit CHOICE) fullName [0] GeneralNames { URI [6] }
         items.push_back(der::Tlv(0xA0, der::Tlv(0xA0, der::Tlv(0x86, detail::AsBytes(*idp.uri)))));
     }
     const std::pair<bool, uint8_t> flags[] = {{idp.onlyUserCerts, 0x81},
