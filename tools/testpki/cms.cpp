@@ -25,13 +25,11 @@ Owned<BIO_free> MemBio(std::span<const uint8_t> data) {
     return Owned<BIO_free>(TP_NEED(BIO_new_mem_buf(data.data(), static_cast<int>(data.size()))));
 }
 
-CmsPtr CmsFromDer(std::span<const uint8_t> der) {
+// Parses a SignedData into `cms` and returns its only signer.
+CMS_SignerInfo *OnlySigner(std::span<const uint8_t> der, CmsPtr &cms) {
     const unsigned char *p = der.data();
-    return CmsPtr(TP_NEED(d2i_CMS_ContentInfo(nullptr, &p, static_cast<long>(der.size()))));
-}
-
-CMS_SignerInfo *OnlySigner(CMS_ContentInfo *cms) {
-    STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms);
+    cms.reset(TP_NEED(d2i_CMS_ContentInfo(nullptr, &p, static_cast<long>(der.size()))));
+    STACK_OF(CMS_SignerInfo) *signers = CMS_get0_SignerInfos(cms.get());
     if (sk_CMS_SignerInfo_num(signers) != 1) {
         throw Error("the SignedData does not have exactly one signer");
     }
@@ -286,13 +284,13 @@ Bytes MakeSignedData(const SignSpec &plan, std::span<const uint8_t> content) {
 }
 
 Bytes SignatureValueOf(std::span<const uint8_t> signedData) {
-    CmsPtr cms = CmsFromDer(signedData);
-    return BytesOf(CMS_SignerInfo_get0_signature(OnlySigner(cms.get())));
+    CmsPtr cms;
+    return BytesOf(CMS_SignerInfo_get0_signature(OnlySigner(signedData, cms)));
 }
 
 Bytes TimestampTokenOf(std::span<const uint8_t> signedData) {
-    CmsPtr cms = CmsFromDer(signedData);
-    CMS_SignerInfo *si = OnlySigner(cms.get());
+    CmsPtr cms;
+    CMS_SignerInfo *si = OnlySigner(signedData, cms);
     int index = CMS_unsigned_get_attr_by_NID(si, NID_id_smime_aa_timeStampToken, -1);
     if (index < 0) {
         return {};

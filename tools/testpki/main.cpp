@@ -19,10 +19,10 @@ constexpr const char kUsage[] =
     "  path-pool OUTDIR           certificates and CRLs of the path fuzz target\n"
     "--keys DIR: the test keys (default: the source tree's tests/keys), public ones.\n";
 
-int Usage() {
-    std::fputs(kUsage, stderr);
-    return 2;
-}
+// Each command and how many arguments it takes; the last is the output.
+constexpr std::pair<std::string_view, size_t> kCommands[] = {
+    {"demo-pki", 1},      {"demo-package", 1},  {"demo-root", 1}, {"sign-demo", 2},
+    {"chain-package", 2}, {"ecdsa-package", 1}, {"path-pool", 1}};
 
 std::vector<std::string> Run(const std::string &command, const std::filesystem::path &keyDir,
                              const std::vector<std::filesystem::path> &args) {
@@ -68,25 +68,23 @@ int main(int argc, char **argv) {
         return 0;
     }
     const std::string command = argc >= 2 ? argv[1] : "";
-    const std::string_view known[] = {"demo-pki",      "demo-package",  "demo-root", "sign-demo",
-                                      "chain-package", "ecdsa-package", "path-pool"};
-    if (std::find(std::begin(known), std::end(known), command) == std::end(known)) {
-        return Usage();
-    }
-    const size_t wanted = command == "sign-demo" || command == "chain-package" ? 2 : 1;
+    const auto *known = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                     [&](const auto &c) { return c.first == command; });
     std::filesystem::path keyDir = testpki::DefaultKeyDir();
     std::vector<std::filesystem::path> args;
-    for (int i = 2; i < argc; ++i) {
+    for (int i = 2; i < argc && known != std::end(kCommands); ++i) {
         if (std::strcmp(argv[i], "--keys") == 0 && i + 1 < argc) {
             keyDir = argv[++i];
-        } else if (argv[i][0] != '-' && args.size() < wanted) {
+        } else if (argv[i][0] != '-') {
             args.emplace_back(argv[i]);
         } else {
-            return Usage();
+            args.clear();  // an unknown option
+            break;
         }
     }
-    if (args.size() != wanted) {
-        return Usage();
+    if (known == std::end(kCommands) || args.size() != known->second) {
+        std::fputs(kUsage, stderr);
+        return 2;
     }
     try {
         // Every file written, by its path.
