@@ -6,6 +6,8 @@
 
 namespace testpki {
 
+using detail::Out;
+
 namespace {
 
 Name DemoName(const std::string &cn) {
@@ -82,20 +84,6 @@ std::string DemoCrlFile(const DemoPki &pki) {
                       {std::string(kPemCrl), pki.caCrl},
                       {std::string(kPemCertificate), pki.ca.cert.Der()}});
 }
-
-// Writes files below one folder and lists their names.
-struct Out {
-    explicit Out(std::filesystem::path d) : dir(std::move(d)) { detail::CreateDirs(dir); }
-    void Put(const std::string &name, std::span<const uint8_t> data) {
-        detail::CreateDirs((dir / name).parent_path());
-        WriteFile(dir / name, data);
-        names.push_back(name);
-    }
-    void Put(const std::string &name, std::string_view text) { Put(name, detail::AsBytes(text)); }
-
-    std::filesystem::path dir;
-    std::vector<std::string> names;
-};
 
 void PutDemoPki(Out &out, const DemoPki &pki) {
     const std::tuple<const char *, std::string_view, const Bytes &> items[] = {

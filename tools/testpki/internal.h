@@ -49,6 +49,19 @@ Owned<X509_EXTENSION_free> MakeExtension(const RawExtension &ext);
 Bytes AuthorityKeyId(const Key &key);
 void UsePss(EVP_PKEY_CTX *pctx);
 void CreateDirs(const std::filesystem::path &dir);
+// Writes files below one folder and lists their names.
+struct Out {
+    explicit Out(std::filesystem::path d) : dir(std::move(d)) { CreateDirs(dir); }
+    void Put(const std::string &name, std::span<const uint8_t> data) {
+        CreateDirs((dir / name).parent_path());
+        WriteFile(dir / name, data);
+        names.push_back(name);
+    }
+    void Put(const std::string &name, std::string_view text) { Put(name, AsBytes(text)); }
+
+    std::filesystem::path dir;
+    std::vector<std::string> names;
+};
 Bytes SignedData(const SignSpec &plan, BIO *content);
 
 }  // namespace testpki::detail
@@ -71,11 +84,8 @@ std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
                                            const std::filesystem::path &keyDir, bool ecdsa);
 
-// The differential path target's "cert-NN-what" and "crl-SV-what" (S: signer).
-struct PoolItem {
-    std::string name;
-    Bytes der;
-};
-std::vector<PoolItem> MakePathPool(const std::filesystem::path &keyDir);
+// The differential path target's cert-NN-what.der and crl-SV-what.der (S: signer).
+std::vector<std::string> WritePathPool(const std::filesystem::path &keyDir,
+                                       const std::filesystem::path &outDir);
 
 }  // namespace testpki

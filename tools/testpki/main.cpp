@@ -44,13 +44,7 @@ std::vector<std::string> Run(const std::string &command, const std::filesystem::
         return testpki::WriteChainPackage(2, out, keyDir, true);
     }
     if (command == "path-pool") {
-        testpki::detail::CreateDirs(out);
-        std::vector<std::string> files;
-        for (const testpki::PoolItem &item : testpki::MakePathPool(keyDir)) {
-            files.push_back(item.name + ".der");
-            testpki::WriteFile(out / files.back(), item.der);
-        }
-        return files;
+        return testpki::WritePathPool(keyDir, out);
     }
     const testpki::DemoPki pki = testpki::MakeDemoPki(keyDir);
     if (command == "sign-demo") {
