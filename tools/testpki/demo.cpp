@@ -1,18 +1,12 @@
 // The demo hierarchy and packages that scripts and examples start from, and
 // the root certificate the tool carries built in.
-#include "tools/testpki/testpki.h"
+#include "tools/testpki/internal.h"
 
-#include <fcntl.h>
-#include <openssl/evp.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <climits>
-#include <cstring>
+#include <openssl/bio.h>
 
 namespace testpki {
+
+using detail::Out;
 
 namespace {
 
@@ -20,74 +14,56 @@ Name DemoName(const std::string &cn) {
     return SimpleName({{"C", "DE"}, {"O", "Dorvex Test PKI"}, {"CN", cn}});
 }
 
-CertSpec CaSpec(Key key, std::string cn, Bytes serial) {
-    CertSpec plan;
-    plan.subjectKey = std::move(key);
-    plan.subject = DemoName(cn);
-    plan.serial = std::move(serial);
-    plan.basicConstraints = BasicConstraints{};
-    plan.keyUsage = KeyUsage::Of(ku::kKeyCertSign | ku::kCrlSign);
-    plan.subjectKeyId = true;
-    return plan;
-}
-
-CertSpec EndEntitySpec(const Credential &issuer, Key key, std::string cn, Bytes serial,
-                       std::string purpose) {
+CertSpec CaSpec(const Credential &issuer, Key key, const std::string &cn, Bytes serial) {
     CertSpec plan;
     plan.subjectKey = std::move(key);
     plan.issuer = issuer;
     plan.subject = DemoName(cn);
     plan.serial = std::move(serial);
-    plan.notAfter = Utc("391231235959Z");
-    plan.basicConstraints = BasicConstraints{.ca = false, .pathLen = {}, .critical = true};
-    plan.keyUsage = KeyUsage::Of(ku::kDigitalSignature);
-    // RFC 3161 2.3 wants time stamping as the only, critical purpose; code
-    // signing is marked the same way for symmetry.
-    plan.extKeyUsage = ExtKeyUsage{{std::move(purpose)}, true};
+    plan.basicConstraints = BasicConstraints{};
+    plan.keyUsage = KeyUsage::Of(ku::kKeyCertSign | ku::kCrlSign);
     plan.subjectKeyId = true;
     plan.authorityKeyId = true;
     return plan;
 }
 
-// Serial octets of the demo root: a prefix of this text, as long as the
-// certificate needs to come out at its fixed size (RFC 5280 allows 20).
+// The code signer (tsa: the TSA) with serial 10 0N and a purpose that fits
+// unless another is given. RFC 3161 2.3 wants time stamping as the only,
+// critical purpose; code signing is marked the same way.
+Credential EndEntity(const Credential &issuer, Key key, bool tsa, uint8_t n = 0,
+                     std::string purpose = "") {
+    CertSpec plan = CaSpec(issuer, std::move(key), tsa ? "Test Time Stamping" : "Test Code Signing",
+                           {0x10, n != 0 ? n : static_cast<uint8_t>(tsa ? 2 : 1)});
+    plan.notAfter = Utc("391231235959Z");
+    plan.basicConstraints->ca = false;
+    plan.keyUsage = KeyUsage::Of(ku::kDigitalSignature);
+    if (purpose.empty()) {
+        purpose = tsa ? "timeStamping" : "codeSigning";
+    }
+    plan.extKeyUsage = ExtKeyUsage{{std::move(purpose)}, true};
+    return IssueCredential(plan);
+}
+
+// The demo root's serial is a prefix of this text, as long as its fixed size needs.
 constexpr std::string_view kDemoRootSerial = "Dorvex demo root CA.";
+constexpr size_t kDemoRootSize = 1363;
 
 CertSpec DemoRootSpec(const Key &key, size_t serialLen) {
     CertSpec plan;
     plan.subjectKey = key;
     plan.subject = SimpleName({{"C", "DE"}, {"O", "Dorvex"}, {"CN", "Demo Root CA"}});
-    plan.serial.assign(kDemoRootSerial.begin(),
-                       kDemoRootSerial.begin() + static_cast<ptrdiff_t>(serialLen));
+    plan.serial = Bytes(kDemoRootSerial.data(), kDemoRootSerial.data() + serialLen);
     plan.notBefore = Utc("151015000000Z");
     plan.notAfter = Gen("20501015000000Z");
-    // CertSpec's own extension order differs; these four go in as written.
-    const Bytes keyId = key.KeyId();
+    // Not CertSpec's own extension order: these four go in as written.
     const uint8_t usage[] = {0x01 /* unused bits */, ku::kKeyCertSign | ku::kCrlSign};
     plan.extraExtensions = {
-        {"authorityKeyIdentifier", false, der::Seq({der::Tlv(0x80, keyId)})},
+        {"authorityKeyIdentifier", false, detail::AuthorityKeyId(key)},
         {"basicConstraints", true, der::Seq({der::Boolean(true)})},
         {"keyUsage", true, der::Tlv(0x03, usage)},
-        {"subjectKeyIdentifier", false, der::OctetString(keyId)},
+        {"subjectKeyIdentifier", false, der::OctetString(key.KeyId())},
     };
     return plan;
-}
-
-// The spoiled certificates of MakePackage: the demo ones with another purpose.
-Credential WithPurpose(const Credential &issuer, const Credential &like, std::string cn,
-                       Bytes serial, std::string purpose) {
-    return IssueCredential(
-        EndEntitySpec(issuer, like.key, std::move(cn), std::move(serial), std::move(purpose)));
-}
-
-std::string Hex(const Bytes &bytes) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string out;
-    for (uint8_t b : bytes) {
-        out += kDigits[b >> 4];
-        out += kDigits[b & 0x0F];
-    }
-    return out;
 }
 
 // How the demo hierarchy signs a valid package.
@@ -109,72 +85,69 @@ std::string DemoCrlFile(const DemoPki &pki) {
                       {std::string(kPemCertificate), pki.ca.cert.Der()}});
 }
 
-// A read-only mapping of a whole file, so that content of a gigabyte is
-// signed straight from the page cache instead of a copy on the heap.
-class MappedFile {
-  public:
-    explicit MappedFile(const std::filesystem::path &file) {
-        fd_ = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-        struct stat st;
-        if (fd_ < 0 || ::fstat(fd_, &st) != 0) {
-            Close();
-            throw Error("cannot read " + file.string() + ": " + std::strerror(errno));
-        }
-        if (!S_ISREG(st.st_mode)) {
-            Close();
-            throw Error(file.string() + " is not a regular file");
-        }
-        // The signing path hands the content to OpenSSL as one memory BIO,
-        // whose length is an int.
-        if (st.st_size > INT_MAX) {
-            Close();
-            throw Error(file.string() + " is larger than " + std::to_string(INT_MAX) + " bytes");
-        }
-        size_ = static_cast<size_t>(st.st_size);
-        if (size_ == 0) {
-            return;
-        }
-        void *map = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd_, 0);
-        if (map == MAP_FAILED) {
-            Close();
-            throw Error("cannot map " + file.string() + ": " + std::strerror(errno));
-        }
-        data_ = static_cast<const uint8_t *>(map);
-        ::madvise(map, size_, MADV_SEQUENTIAL);
+void PutDemoPki(Out &out, const DemoPki &pki) {
+    const std::tuple<const char *, std::string_view, const Bytes &> items[] = {
+        {"root", kPemCertificate, pki.root.cert.Der()},
+        {"ca", kPemCertificate, pki.ca.cert.Der()},
+        {"leaf", kPemCertificate, pki.leaf.cert.Der()},
+        {"tsa", kPemCertificate, pki.tsa.cert.Der()},
+        {"root-crl", kPemCrl, pki.rootCrl},
+        {"ca-crl", kPemCrl, pki.caCrl}};
+    for (const auto &[name, label, der] : items) {
+        out.Put(name + std::string(".der"), der);
+        out.Put(name + std::string(".pem"), ToPem(label, der));
     }
-    ~MappedFile() { Close(); }
-    MappedFile(const MappedFile &) = delete;
-    MappedFile &operator=(const MappedFile &) = delete;
+    out.Put("crls.der", ConcatDer({pki.rootCrl, pki.caCrl}));
+    out.Put("crls.pem",
+            PemBundle({{std::string(kPemCrl), pki.rootCrl}, {std::string(kPemCrl), pki.caCrl}}));
+}
 
-    std::span<const uint8_t> Content() const {
-        // A memory BIO refuses a null pointer even for no bytes.
-        static constexpr uint8_t kNothing[1] = {};
-        return data_ != nullptr ? std::span(data_, size_) : std::span(kNothing, 0);
-    }
+// Stand-ins for a package's payload, listed by the demo checksum file.
+constexpr std::pair<const char *, std::string_view> kDemoPayload[] = {
+    {"kernel.img", "demo kernel image\n"},
+    {"rootfs.img", "demo root file system\n"},
+    {"upgrade.sh", "#!/bin/sh\necho demo upgrade\n"},
+};
 
-  private:
-    void Close() {
-        if (data_ != nullptr) {
-            ::munmap(const_cast<uint8_t *>(data_), size_);
-            data_ = nullptr;
-        }
-        if (fd_ >= 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
-    }
-    int fd_ = -1;
-    const uint8_t *data_ = nullptr;
-    size_t size_ = 0;
+// How each fault spoils the valid plan (the last two are done in MakePackage).
+struct FaultRow {
+    Fault fault;
+    const char *name;
+    void (*spoil)(SignSpec &plan, const DemoPki &pki, const Bytes &content);
+};
+const FaultRow kFaults[] = {
+    {Fault::NoTimestamp, "no-timestamp",
+     [](auto &plan, auto &, auto &) { plan.timestamp.reset(); }},
+    {Fault::ImprintOverContent, "imprint-over-content",
+     [](auto &plan, auto &, auto &content) { plan.timestamp->imprintOver = content; }},
+    {Fault::TamperedSignedAttr, "tampered-signed-attr",
+     [](auto &plan, auto &, auto &) { plan.tamperSignedAttr = true; }},
+    {Fault::SignerWithoutCodeSigning, "signer-without-code-signing",
+     [](auto &plan, auto &pki, auto &) {
+         plan.signer = EndEntity(pki.ca, pki.leaf.key, false, 3, "emailProtection");
+         plan.certs[0] = plan.signer.cert;
+     }},
+    {Fault::TsaWithoutTimeStamping, "tsa-without-time-stamping",
+     [](auto &plan, auto &pki, auto &) {
+         plan.timestamp->tsa = EndEntity(pki.ca, pki.tsa.key, true, 4, "codeSigning");
+     }},
+    {Fault::ThreeCerts, "three-certs",
+     [](auto &plan, auto &pki, auto &) { plan.certs.push_back(pki.tsa.cert); }},
+    {Fault::NoSigner, "no-signer",
+     [](auto &plan, auto &, auto &) {
+         plan.noSigner = true;
+         plan.timestamp.reset();
+     }},
+    {Fault::ChangedContent, "changed-content", [](auto &, auto &, auto &) {}},
+    {Fault::Garbage, "garbage", [](auto &, auto &, auto &) {}},
 };
 
 }  // namespace
 
 Credential MakeDemoRoot(const std::filesystem::path &keyDir) {
     Key key = LoadTestKey("root-4096", keyDir);
-    // Everything but the serial is fixed, and while every length keeps its
-    // form one serial octet more is one certificate octet more: measure once
-    // with a one-octet serial, then take as many octets as are missing.
+    // One serial octet more is one certificate octet more: measure with one,
+    // then take as many as are missing.
     size_t probe = IssueCert(DemoRootSpec(key, 1)).Der().size();
     if (probe > kDemoRootSize || kDemoRootSize - probe + 1 > kDemoRootSerial.size()) {
         throw Error("the demo root's name does not fit its size");
@@ -190,152 +163,55 @@ Credential MakeDemoRoot(const std::filesystem::path &keyDir) {
 DemoPki MakeDemoPki(const std::filesystem::path &keyDir) {
     DemoPki pki;
     pki.root = MakeDemoRoot(keyDir);
-
-    CertSpec ca = CaSpec(LoadTestKey("ca-2048", keyDir), "Test Intermediate CA", {0x02});
-    ca.issuer = pki.root;
+    CertSpec ca = CaSpec(pki.root, LoadTestKey("ca-2048", keyDir), "Test Intermediate CA", {0x02});
     ca.notAfter = Utc("441231235959Z");
     ca.basicConstraints->pathLen = 0;
-    ca.authorityKeyId = true;
     pki.ca = IssueCredential(ca);
+    pki.leaf = EndEntity(pki.ca, LoadTestKey("leaf-2048", keyDir), false);
+    pki.tsa = EndEntity(pki.ca, LoadTestKey("tsa-2048", keyDir), true);
 
-    pki.leaf = IssueCredential(EndEntitySpec(pki.ca, LoadTestKey("leaf-2048", keyDir),
-                                             "Test Code Signing", {0x10, 0x01}, "codeSigning"));
-    pki.tsa = IssueCredential(EndEntitySpec(pki.ca, LoadTestKey("tsa-2048", keyDir),
-                                            "Test Time Stamping", {0x10, 0x02}, "timeStamping"));
-
-    CrlSpec rootCrl;
-    rootCrl.issuer = pki.root;
-    pki.rootCrl = MakeCrl(rootCrl);
-
-    // One revoked entry for a certificate that is not part of the demo, so the
-    // list is not empty and the demo certificates stay valid.
-    CrlSpec caCrl;
-    caCrl.issuer = pki.ca;
-    caCrl.revoked = {{{0x10, 0x7F}, Utc("250301000000Z"), 1 /* keyCompromise */, std::nullopt}};
-    pki.caCrl = MakeCrl(caCrl);
+    CrlSpec crl;
+    crl.issuer = pki.root;
+    pki.rootCrl = MakeCrl(crl);
+    // A certificate outside the demo, so the list is not empty.
+    crl.issuer = pki.ca;
+    crl.revoked = {{{0x10, 0x7F}, Utc("250301000000Z"), 1 /* keyCompromise */}};
+    pki.caCrl = MakeCrl(crl);
     return pki;
 }
 
 std::vector<std::string> WriteDemoPki(const DemoPki &pki, const std::filesystem::path &outDir) {
-    std::error_code ec;
-    std::filesystem::create_directories(outDir, ec);
-    if (ec) {
-        throw Error("cannot create " + outDir.string() + ": " + ec.message());
-    }
-    const std::pair<std::string, const Bytes *> certs[] = {{"root", &pki.root.cert.Der()},
-                                                           {"ca", &pki.ca.cert.Der()},
-                                                           {"leaf", &pki.leaf.cert.Der()},
-                                                           {"tsa", &pki.tsa.cert.Der()}};
-    const std::pair<std::string, const Bytes *> crls[] = {{"root-crl", &pki.rootCrl},
-                                                          {"ca-crl", &pki.caCrl}};
-    std::vector<std::string> written;
-    auto write = [&](const std::string &name, std::string_view label, const Bytes &der) {
-        WriteFile(outDir / (name + ".der"), der);
-        WriteFile(outDir / (name + ".pem"), ToPem(label, der));
-        written.push_back(name + ".der");
-        written.push_back(name + ".pem");
-    };
-    for (const auto &[name, der] : certs) {
-        write(name, kPemCertificate, *der);
-    }
-    for (const auto &[name, der] : crls) {
-        write(name, kPemCrl, *der);
-    }
-    WriteFile(outDir / "crls.der", ConcatDer({pki.rootCrl, pki.caCrl}));
-    WriteFile(outDir / "crls.pem",
-              PemBundle({{std::string(kPemCrl), pki.rootCrl}, {std::string(kPemCrl), pki.caCrl}}));
-    written.push_back("crls.der");
-    written.push_back("crls.pem");
-    return written;
+    Out out(outDir);
+    PutDemoPki(out, pki);
+    return out.names;
 }
 
-// Stand-ins for a package's payload, listed by the demo checksum file.
-constexpr std::pair<std::string_view, std::string_view> kDemoPayload[] = {
-    {"kernel.img", "demo kernel image\n"},
-    {"rootfs.img", "demo root file system\n"},
-    {"upgrade.sh", "#!/bin/sh\necho demo upgrade\n"},
-};
-
 std::string DemoChecksums() {
+    static constexpr char kHex[] = "0123456789abcdef";
     std::string out;
     for (const auto &[name, body] : kDemoPayload) {
-        Bytes digest(EVP_MAX_MD_SIZE);
-        unsigned int len = 0;
-        if (EVP_Digest(body.data(), body.size(), digest.data(), &len, EVP_sha256(), nullptr) != 1) {
-            throw Error("EVP_Digest");
+        for (uint8_t b : detail::Hash(Digest::Sha256, detail::AsBytes(body))) {
+            out += {kHex[b >> 4], kHex[b & 0x0F]};
         }
-        digest.resize(len);
-        out += Hex(digest) + "  " + std::string(name) + "\n";
+        out += "  " + std::string(name) + "\n";
     }
     return out;
 }
 
-std::string_view FaultName(Fault fault) {
-    switch (fault) {
-        case Fault::None:
-            return "none";
-        case Fault::NoTimestamp:
-            return "no-timestamp";
-        case Fault::ImprintOverContent:
-            return "imprint-over-content";
-        case Fault::TamperedSignedAttr:
-            return "tampered-signed-attr";
-        case Fault::SignerWithoutCodeSigning:
-            return "signer-without-code-signing";
-        case Fault::TsaWithoutTimeStamping:
-            return "tsa-without-time-stamping";
-        case Fault::ThreeCerts:
-            return "three-certs";
-        case Fault::NoSigner:
-            return "no-signer";
-        case Fault::ChangedContent:
-            return "changed-content";
-        case Fault::Garbage:
-            return "garbage";
-    }
-    throw Error("unknown fault");
-}
-
 Package MakePackage(const DemoPki &pki, Fault fault, std::span<const uint8_t> content) {
-    SignSpec plan = DemoSignSpec(pki);
     Package out{Bytes(content.begin(), content.end()), {}};
-
-    switch (fault) {
-        case Fault::None:
-        case Fault::ChangedContent:
-            break;
-        case Fault::NoTimestamp:
-            plan.timestamp.reset();
-            break;
-        case Fault::ImprintOverContent:
-            plan.timestamp->imprintOver = out.content;
-            break;
-        case Fault::TamperedSignedAttr:
-            plan.tamperSignedAttr = true;
-            break;
-        case Fault::SignerWithoutCodeSigning:
-            plan.signer =
-                WithPurpose(pki.ca, pki.leaf, "Test Code Signing", {0x10, 0x03}, "emailProtection");
-            plan.certs[0] = plan.signer.cert;
-            break;
-        case Fault::TsaWithoutTimeStamping:
-            plan.timestamp->tsa =
-                WithPurpose(pki.ca, pki.tsa, "Test Time Stamping", {0x10, 0x04}, "codeSigning");
-            break;
-        case Fault::ThreeCerts:
-            plan.certs.push_back(pki.tsa.cert);
-            break;
-        case Fault::NoSigner:
-            plan.noSigner = true;
-            plan.timestamp.reset();
-            break;
-        case Fault::Garbage:
-            // Not DER and not PEM, and long enough to get past a size check.
-            out.signature.resize(512);
-            for (size_t i = 0; i < out.signature.size(); ++i) {
-                out.signature[i] = static_cast<uint8_t>(i * 151 + 7);
-            }
-            return out;
+    if (fault == Fault::Garbage) {
+        // Neither DER nor PEM, and long enough to get past a size check.
+        for (size_t i = 0; i < 512; ++i) {
+            out.signature.push_back(static_cast<uint8_t>(i * 151 + 7));
+        }
+        return out;
+    }
+    SignSpec plan = DemoSignSpec(pki);
+    for (const FaultRow &row : kFaults) {
+        if (row.fault == fault) {
+            row.spoil(plan, pki, out.content);
+        }
     }
     out.signature = MakeSignedData(plan, out.content);
     if (fault == Fault::ChangedContent) {
@@ -348,130 +224,83 @@ Package MakePackage(const DemoPki &pki, Fault fault, std::span<const uint8_t> co
 }
 
 std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesystem::path &outDir) {
-    std::vector<std::string> written = WriteDemoPki(pki, outDir);
-    auto write = [&](const std::string &name, std::span<const uint8_t> data) {
-        std::filesystem::path file = outDir / name;
-        std::error_code ec;
-        std::filesystem::create_directories(file.parent_path(), ec);
-        WriteFile(file, data);
-        written.push_back(name);
-    };
+    Out out(outDir);
+    PutDemoPki(out, pki);
     const std::string checksums = DemoChecksums();
     const Bytes content(checksums.begin(), checksums.end());
     const Package valid = MakePackage(pki, Fault::None, content);
     for (const auto &[name, body] : kDemoPayload) {
-        write(std::string(name),
-              std::span(reinterpret_cast<const uint8_t *>(body.data()), body.size()));
+        out.Put(name, body);
     }
-    write("sha256sums", content);
-    write("sha256sums.p7s", valid.signature);
-    write("sha256sums.p7s.pem", Armoured(valid.signature, Armour::PemCms));
-    write("sha256sums.tampered", MakePackage(pki, Fault::ChangedContent, content).content);
-    const std::string crls = DemoCrlFile(pki);
-    write("crls+ca.pem", std::span(reinterpret_cast<const uint8_t *>(crls.data()), crls.size()));
-    for (Fault fault : kAllFaults) {
-        if (fault == Fault::None) {
-            continue;
-        }
+    out.Put("sha256sums", content);
+    out.Put("sha256sums.p7s", valid.signature);
+    out.Put("sha256sums.p7s.pem", Armoured(valid.signature, Armour::PemCms));
+    out.Put("sha256sums.tampered", MakePackage(pki, Fault::ChangedContent, content).content);
+    out.Put("crls+ca.pem", DemoCrlFile(pki));
+    for (const auto &[fault, name, spoil] : kFaults) {
         const Package bad = MakePackage(pki, fault, content);
-        const std::string dir = "faults/" + std::string(FaultName(fault)) + "/";
-        write(dir + "sha256sums", bad.content);
-        write(dir + "sha256sums.p7s", bad.signature);
+        out.Put("faults/" + std::string(name) + "/sha256sums", bad.content);
+        out.Put("faults/" + std::string(name) + "/sha256sums.p7s", bad.signature);
     }
-    return written;
+    return out.names;
 }
 
 std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
                                             const std::filesystem::path &content,
                                             const std::filesystem::path &outDir) {
-    Bytes signature;
-    {
-        const MappedFile file(content);
-        signature = MakeSignedData(DemoSignSpec(pki), file.Content());
+    // Streamed from the file, so that content of a gigabyte needs no copy.
+    if (!std::filesystem::is_regular_file(content)) {
+        throw Error(content.string() + " is not a readable regular file");
     }
-    std::error_code ec;
-    std::filesystem::create_directories(outDir, ec);
-    if (ec) {
-        throw Error("cannot create " + outDir.string() + ": " + ec.message());
-    }
-    const std::pair<std::string, Bytes> files[] = {
-        {"content.p7s", signature},
-        {"token.der", TimestampTokenOf(signature)},
-        {"sigvalue.bin", SignatureValueOf(signature)},
-    };
-    const std::pair<std::string, std::string> texts[] = {
-        {"crls+ca.pem", DemoCrlFile(pki)},
-        {"root.pem", ToPem(kPemCertificate, pki.root.cert.Der())},
-        {"ca.pem", ToPem(kPemCertificate, pki.ca.cert.Der())},
-        {"tsa.pem", ToPem(kPemCertificate, pki.tsa.cert.Der())},
-    };
-    std::vector<std::string> written;
-    for (const auto &[name, der] : files) {
-        WriteFile(outDir / name, der);
-        written.push_back(name);
-    }
-    for (const auto &[name, text] : texts) {
-        WriteFile(outDir / name, text);
-        written.push_back(name);
-    }
-    return written;
+    Owned<BIO_free> in(BIO_new_file(content.c_str(), "rb"));
+    const Bytes signature = detail::SignedData(DemoSignSpec(pki), TP_NEED(in.get()));
+    Out out(outDir);
+    out.Put("content.p7s", signature);
+    out.Put("token.der", TimestampTokenOf(signature));
+    out.Put("sigvalue.bin", SignatureValueOf(signature));
+    out.Put("crls+ca.pem", DemoCrlFile(pki));
+    out.Put("root.pem", ToPem(kPemCertificate, pki.root.cert.Der()));
+    out.Put("ca.pem", ToPem(kPemCertificate, pki.ca.cert.Der()));
+    out.Put("tsa.pem", ToPem(kPemCertificate, pki.tsa.cert.Der()));
+    return out.names;
 }
 
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
                                            const std::filesystem::path &keyDir, bool ecdsa) {
-    if (depth < 1 || depth > kMaxChainDepth) {
-        throw Error("chain depth " + std::to_string(depth) + " is not within 1.." +
-                    std::to_string(kMaxChainDepth));
+    if (depth < 1 || depth > 12) {  // a CRL file takes at most 11 CA certificates
+        throw Error("chain depth " + std::to_string(depth) + " is not within 1..12");
     }
-    const Credential root = MakeDemoRoot(keyDir);
-    Credential issuer = root;
-    std::vector<PemBlock> crlFile;
-    std::vector<PemBlock> caCerts;
+    DemoPki pki;
+    pki.root = MakeDemoRoot(keyDir);
+    pki.ca = pki.root;
+    std::vector<PemBlock> crlFile, caCerts;
     for (int level = 1;; ++level) {
         CrlSpec crl;
-        crl.issuer = issuer;
+        crl.issuer = pki.ca;
         crlFile.push_back({std::string(kPemCrl), MakeCrl(crl)});
         if (level == depth) {
             break;
         }
-        // The first CA has the demo CA's key; keys of deeper ones are made
-        // on the spot, so no two certificates of the path share one.
-        const Key caKey =
-            ecdsa ? (level == 1 ? LoadTestKey("ec-p384", keyDir) : Key::GenerateEc("P-384"))
-                  : (level == 1 ? LoadTestKey("ca-2048", keyDir) : Key::GenerateRsa(2048));
-        CertSpec ca =
-            CaSpec(caKey, "Test CA " + std::to_string(level), {0x02, static_cast<uint8_t>(level)});
-        ca.issuer = issuer;
-        ca.authorityKeyId = true;
-        issuer = IssueCredential(ca);
-        caCerts.push_back({std::string(kPemCertificate), issuer.cert.Der()});
+        // The first CA has the demo CA's key, deeper ones new keys.
+        const Key key = level > 1 ? (ecdsa ? Key::GenerateEc("P-384") : Key::GenerateRsa(2048))
+                                  : LoadTestKey(ecdsa ? "ec-p384" : "ca-2048", keyDir);
+        const Bytes serial = {0x02, static_cast<uint8_t>(level)};
+        pki.ca = IssueCredential(CaSpec(pki.ca, key, "Test CA " + std::to_string(level), serial));
+        caCerts.push_back({std::string(kPemCertificate), pki.ca.cert.Der()});
     }
-    DemoPki pki;
-    pki.root = root;
-    pki.ca = issuer;
-    pki.leaf =
-        IssueCredential(EndEntitySpec(issuer, LoadTestKey(ecdsa ? "ec-p256" : "leaf-2048", keyDir),
-                                      "Test Code Signing", {0x10, 0x01}, "codeSigning"));
-    pki.tsa =
-        IssueCredential(EndEntitySpec(issuer, LoadTestKey(ecdsa ? "ec-p384" : "tsa-2048", keyDir),
-                                      "Test Time Stamping", {0x10, 0x02}, "timeStamping"));
+    pki.leaf = EndEntity(pki.ca, LoadTestKey(ecdsa ? "ec-p256" : "leaf-2048", keyDir), false);
+    pki.tsa = EndEntity(pki.ca, LoadTestKey(ecdsa ? "ec-p384" : "tsa-2048", keyDir), true);
     SignSpec plan = DemoSignSpec(pki);
     if (depth == 1) {
         plan.certs = {pki.leaf.cert};  // the root is never taken from a signature
     }
     const std::string checksums = DemoChecksums();
-    const Bytes content(checksums.begin(), checksums.end());
     crlFile.insert(crlFile.end(), caCerts.begin(), caCerts.end());
-
-    std::error_code ec;
-    std::filesystem::create_directories(outDir, ec);
-    if (ec) {
-        throw Error("cannot create " + outDir.string() + ": " + ec.message());
-    }
-    WriteFile(outDir / "sha256sums", content);
-    WriteFile(outDir / "sha256sums.p7s", MakeSignedData(plan, content));
-    WriteFile(outDir / "crls+ca.pem", PemBundle(crlFile));
-    return {"sha256sums", "sha256sums.p7s", "crls+ca.pem"};
+    Out out(outDir);
+    out.Put("sha256sums", checksums);
+    out.Put("sha256sums.p7s", MakeSignedData(plan, detail::AsBytes(checksums)));
+    out.Put("crls+ca.pem", PemBundle(crlFile));
+    return out.names;
 }
 
 }  // namespace testpki

@@ -1,4 +1,4 @@
-// What the testpki sources share with each other.
+// What the testpki sources and its command line share.
 #pragma once
 
 #include "tools/testpki/testpki.h"
@@ -7,31 +7,85 @@
 
 namespace testpki::detail {
 
-using Asn1StringPtr = std::unique_ptr<ASN1_STRING, Deleter<ASN1_STRING_free>>;
-using X509NamePtr = std::unique_ptr<X509_NAME, Deleter<X509_NAME_free>>;
-
 // Throws Error with `what` and the oldest queued OpenSSL reason.
 [[noreturn]] void Fail(std::string_view what);
-inline void Check(bool ok, std::string_view what) {
-    if (!ok) {
+
+// A pointer must not be null, a status must be positive.
+template <typename T>
+T Need(T v, const char *what) {
+    if constexpr (std::is_pointer_v<T>) {
+        if (v == nullptr) {
+            Fail(what);
+        }
+    } else if (v <= 0) {
         Fail(what);
     }
+    return v;
+}
+#define TP_NEED(call) ::testpki::detail::Need((call), #call)
+
+template <typename T, typename Fn>
+Bytes ToDer(T *object, Fn i2d) {
+    unsigned char *out = nullptr;
+    int len = Need(i2d(object, &out), "i2d");
+    Bytes der(out, out + len);
+    OPENSSL_free(out);
+    return der;
 }
 
-// ASN1_TIME holding exactly time.text under the chosen tag.
-Asn1StringPtr MakeTime(const Time &time);
-// ASN1_INTEGER that encodes to exactly these content octets.
-Asn1StringPtr MakeInteger(std::span<const uint8_t> content);
-X509NamePtr MakeName(const Name &name);
-// Extension from raw extnValue content.
-using ExtensionPtr = std::unique_ptr<X509_EXTENSION, Deleter<X509_EXTENSION_free>>;
-ExtensionPtr MakeExtension(const std::string &oid, bool critical, std::span<const uint8_t> value);
+inline std::span<const uint8_t> AsBytes(std::string_view text) {
+    return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
+}
 
-// Sets RSASSA-PSS with a salt as long as the digest (MGF1 follows the
-// digest) on a signing context.
+const EVP_MD *DigestMd(Digest digest);
+Bytes Hash(Digest digest, std::span<const uint8_t> data);
+std::string GenText(int64_t epochSeconds);
+
+// Objects that encode to exactly the text or content octets given.
+Owned<ASN1_STRING_free> MakeTime(const Time &time);
+Owned<ASN1_STRING_free> MakeInteger(std::span<const uint8_t> content);
+Owned<X509_NAME_free> MakeName(const Name &name);
+Owned<X509_EXTENSION_free> MakeExtension(const RawExtension &ext);
+Bytes AuthorityKeyId(const Key &key);
 void UsePss(EVP_PKEY_CTX *pctx);
-// X509_sign / X509_CRL_sign, by PSS when asked.
-void SignX509(X509 *x509, const Key &key, Digest digest, bool pss);
-void SignCrl(X509_CRL *crl, const Key &key, Digest digest, bool pss);
+void CreateDirs(const std::filesystem::path &dir);
+// Writes files below one folder and lists their names.
+struct Out {
+    explicit Out(std::filesystem::path d) : dir(std::move(d)) { CreateDirs(dir); }
+    void Put(const std::string &name, std::span<const uint8_t> data) {
+        CreateDirs((dir / name).parent_path());
+        WriteFile(dir / name, data);
+        names.push_back(name);
+    }
+    void Put(const std::string &name, std::string_view text) { Put(name, AsBytes(text)); }
+
+    std::filesystem::path dir;
+    std::vector<std::string> names;
+};
+Bytes SignedData(const SignSpec &plan, BIO *content);
 
 }  // namespace testpki::detail
+
+// The command line's writers; each returns the names of the files it wrote.
+namespace testpki {
+
+// WriteDemoPki's files, the payload, sha256sums{,.p7s,.p7s.pem,.tampered},
+// crls+ca.pem and faults/NAME/sha256sums{,.p7s}.
+std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesystem::path &outDir);
+
+// Signs a file as MakePackage does, streamed: content.p7s, crls+ca.pem, and for
+// the openssl command line root.pem, ca.pem, tsa.pem, token.der, sigvalue.bin.
+std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
+                                            const std::filesystem::path &content,
+                                            const std::filesystem::path &outDir);
+
+// A package whose signer and TSA sit `depth` (1..12) certificates below the
+// demo root (EC keys below it if `ecdsa`), with CRLs of root and CAs.
+std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
+                                           const std::filesystem::path &keyDir, bool ecdsa);
+
+// The differential path target's cert-NN-what.der and crl-SV-what.der (S: signer).
+std::vector<std::string> WritePathPool(const std::filesystem::path &keyDir,
+                                       const std::filesystem::path &outDir);
+
+}  // namespace testpki

@@ -1,67 +1,35 @@
 // testpki: command-line front of the test-PKI generator for scripts.
-#include "tools/testpki/testpki.h"
+#include "tools/testpki/internal.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <string>
-#include <vector>
 
 namespace {
 
 constexpr const char kUsage[] =
-    "usage: testpki demo-pki [--keys DIR] OUTDIR\n"
-    "       testpki demo-package [--keys DIR] OUTDIR\n"
-    "       testpki demo-root [--keys DIR] OUT.der\n"
-    "       testpki sign-demo [--keys DIR] CONTENT OUTDIR\n"
-    "       testpki chain-package [--keys DIR] DEPTH OUTDIR\n"
-    "       testpki ecdsa-package [--keys DIR] OUTDIR\n"
-    "       testpki path-pool [--keys DIR] OUTDIR\n"
-    "       testpki --help\n"
-    "\n"
-    "demo-pki      writes a small valid hierarchy made from the committed test keys:\n"
-    "              root (the demo root) -> ca (intermediate) -> leaf (code signing)\n"
-    "              and tsa (time stamping), a CRL from root and one from ca.\n"
-    "              Each as NAME.der and NAME.pem (root, ca, leaf, tsa, root-crl,\n"
-    "              ca-crl), plus crls.der and crls.pem holding both CRLs.\n"
-    "demo-package  the same, plus a signed package: the payload kernel.img,\n"
-    "              rootfs.img and upgrade.sh, sha256sums listing them, its detached\n"
-    "              signature with a timestamp token sha256sums.p7s (DER) and\n"
-    "              sha256sums.p7s.pem, sha256sums.tampered, crls+ca.pem (both\n"
-    "              CRLs and the CA certificate), and faults/NAME/ with a spoiled\n"
-    "              sha256sums and sha256sums.p7s for each kind of fault.\n"
-    "demo-root     writes the tool's built-in root certificate (1363 bytes of\n"
-    "              DER, the same bytes on every run).\n"
-    "sign-demo     signs the file CONTENT (at most 2 GiB - 1 bytes) as demo-package\n"
-    "              signs sha256sums: content.p7s (DER), crls+ca.pem, and for the\n"
-    "              same checks with the openssl command line root.pem, ca.pem,\n"
-    "              tsa.pem, the bare timestamp token token.der and the signer's\n"
-    "              signature value sigvalue.bin, which the token's imprint covers.\n"
-    "chain-package a valid package whose signer and TSA sit DEPTH (1..12)\n"
-    "              certificates below the demo root: root -> DEPTH-1 CAs ->\n"
-    "              leaf and tsa; sha256sums, sha256sums.p7s and crls+ca.pem\n"
-    "              (a CRL of the root and of every CA, and every CA certificate).\n"
-    "              DEPTH 2 has the shape of demo-package.\n"
-    "ecdsa-package chain-package 2 with EC keys below the demo root (CA and\n"
-    "              tsa on P-384, leaf on P-256): all ECDSA but the root's own.\n"
-    "path-pool     writes the certificates and CRLs of the differential path\n"
-    "              target as NAME.der (cert-NN-*, crl-SV-*; S the CRL's signer).\n"
-    "--keys        folder of the test keys (default: the source tree's tests/keys).\n"
-    "\n"
-    "Test material only: the keys are public.\n";
+    "usage: testpki COMMAND [--keys DIR] ARGUMENTS\n"
+    "  demo-pki OUTDIR            the demo root -> CA -> leaf and TSA, and two CRLs\n"
+    "  demo-package OUTDIR        the same with a signed package and its faults\n"
+    "  demo-root OUT.der          the tool's built-in root certificate\n"
+    "  sign-demo CONTENT OUTDIR   signs CONTENT as demo-package signs sha256sums\n"
+    "  chain-package DEPTH OUTDIR a package DEPTH (1..12) certificates below the root\n"
+    "  ecdsa-package OUTDIR       chain-package 2 with EC keys below the root\n"
+    "  path-pool OUTDIR           certificates and CRLs of the path fuzz target\n"
+    "--keys DIR: the test keys (default: the source tree's tests/keys), public ones.\n";
 
-int Usage() {
-    std::fputs(kUsage, stderr);
-    return 2;
-}
+// Each command and how many arguments it takes; the last is the output.
+constexpr std::pair<std::string_view, size_t> kCommands[] = {
+    {"demo-pki", 1},      {"demo-package", 1},  {"demo-root", 1}, {"sign-demo", 2},
+    {"chain-package", 2}, {"ecdsa-package", 1}, {"path-pool", 1}};
 
-int Run(const std::string &command, const std::filesystem::path &keyDir,
-        const std::vector<std::filesystem::path> &args) {
+std::vector<std::string> Run(const std::string &command, const std::filesystem::path &keyDir,
+                             const std::vector<std::filesystem::path> &args) {
     const std::filesystem::path &out = args.back();
     if (command == "demo-root") {
         testpki::WriteFile(out, testpki::MakeDemoRoot(keyDir).cert.Der());
-        std::printf("%s\n", out.c_str());
-        return 0;
+        return {""};  // OUT itself
     }
     if (command == "chain-package") {
         const std::string text = args.front().string();
@@ -70,38 +38,20 @@ int Run(const std::string &command, const std::filesystem::path &keyDir,
         if (error != std::errc() || end != text.data() + text.size()) {
             throw testpki::Error("DEPTH must be a number, not " + text);
         }
-        for (const std::string &file : testpki::WriteChainPackage(depth, out, keyDir)) {
-            std::printf("%s\n", (out / file).c_str());
-        }
-        return 0;
+        return testpki::WriteChainPackage(depth, out, keyDir, false);
     }
     if (command == "ecdsa-package") {
-        for (const std::string &file : testpki::WriteChainPackage(2, out, keyDir, true)) {
-            std::printf("%s\n", (out / file).c_str());
-        }
-        return 0;
+        return testpki::WriteChainPackage(2, out, keyDir, true);
     }
     if (command == "path-pool") {
-        std::filesystem::create_directories(out);
-        for (const testpki::PoolItem &item : testpki::MakePathPool(keyDir)) {
-            testpki::WriteFile(out / (item.name + ".der"), item.der);
-            std::printf("%s\n", (out / (item.name + ".der")).c_str());
-        }
-        return 0;
+        return testpki::WritePathPool(keyDir, out);
     }
-    testpki::DemoPki pki = testpki::MakeDemoPki(keyDir);
-    std::vector<std::string> files;
+    const testpki::DemoPki pki = testpki::MakeDemoPki(keyDir);
     if (command == "sign-demo") {
-        files = testpki::WriteDemoSignature(pki, args.front(), out);
-    } else if (command == "demo-pki") {
-        files = testpki::WriteDemoPki(pki, out);
-    } else {
-        files = testpki::WriteDemoPackage(pki, out);
+        return testpki::WriteDemoSignature(pki, args.front(), out);
     }
-    for (const std::string &file : files) {
-        std::printf("%s\n", (out / file).c_str());
-    }
-    return 0;
+    return command == "demo-pki" ? testpki::WriteDemoPki(pki, out)
+                                 : testpki::WriteDemoPackage(pki, out);
 }
 
 }  // namespace
@@ -111,33 +61,31 @@ int main(int argc, char **argv) {
         std::fputs(kUsage, stdout);
         return 0;
     }
-    if (argc < 2) {
-        return Usage();
-    }
-    const std::string command = argv[1];
-    size_t wanted = 1;
-    if (command == "sign-demo" || command == "chain-package") {
-        wanted = 2;
-    } else if (command != "demo-pki" && command != "demo-package" && command != "demo-root" &&
-               command != "path-pool" && command != "ecdsa-package") {
-        return Usage();
-    }
+    const std::string command = argc >= 2 ? argv[1] : "";
+    const auto *known = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                     [&](const auto &c) { return c.first == command; });
     std::filesystem::path keyDir = testpki::DefaultKeyDir();
     std::vector<std::filesystem::path> args;
-    for (int i = 2; i < argc; ++i) {
+    for (int i = 2; i < argc && known != std::end(kCommands); ++i) {
         if (std::strcmp(argv[i], "--keys") == 0 && i + 1 < argc) {
             keyDir = argv[++i];
-        } else if (argv[i][0] != '-' && args.size() < wanted) {
+        } else if (argv[i][0] != '-') {
             args.emplace_back(argv[i]);
         } else {
-            return Usage();
+            args.clear();  // an unknown option
+            break;
         }
     }
-    if (args.size() != wanted) {
-        return Usage();
+    if (known == std::end(kCommands) || args.size() != known->second) {
+        std::fputs(kUsage, stderr);
+        return 2;
     }
     try {
-        return Run(command, keyDir, args);
+        // Every file written, by its path.
+        for (const std::string &file : Run(command, keyDir, args)) {
+            std::printf("%s\n", (file.empty() ? args.back() : args.back() / file).c_str());
+        }
+        return 0;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "testpki: %s\n", e.what());
         return 1;

@@ -1,26 +1,21 @@
-// The pool of the differential path target: one hierarchy with a case for
-// each rule of path validation and revocation.
-#include <functional>
+// The differential path target's pool: one hierarchy, a case for each rule.
+#include "tools/testpki/internal.h"
 
-#include "tools/testpki/testpki.h"
+#include <functional>
 
 namespace testpki {
 
 namespace {
 
-class PoolWriter {
-  public:
-    explicit PoolWriter(std::filesystem::path keyDir) : keyDir_(std::move(keyDir)) {}
-
-    // A certificate with key identifiers both ways, so that OpenSSL's path
-    // building picks the same issuer among certificates of one name. key is
-    // a test key's name, or "@BITS" for a new RSA key of that size.
+struct PoolWriter {
+    // Key identifiers both ways make OpenSSL pick the same issuer among
+    // certificates of one name. key: a test key, or "@BITS" for a new RSA key.
     Credential Cert(const std::string &name, const Credential *issuer, const std::string &key,
                     const std::string &cn, Bytes serial, bool ca,
                     const std::function<void(CertSpec &)> &change = {}) {
         CertSpec s;
         s.subjectKey =
-            key[0] == '@' ? Key::GenerateRsa(std::stoi(key.substr(1))) : LoadTestKey(key, keyDir_);
+            key[0] == '@' ? Key::GenerateRsa(std::stoi(key.substr(1))) : LoadTestKey(key, keyDir);
         s.subject = SimpleName({{"CN", cn}});
         if (issuer != nullptr) {
             s.issuer = *issuer;
@@ -34,29 +29,24 @@ class PoolWriter {
             change(s);
         }
         Credential made = IssueCredential(s);
-        items_.push_back({"cert-" + name, made.cert.Der()});
+        out.Put("cert-" + name + ".der", made.cert.Der());
         return made;
     }
 
-    // A CRL with an authority key identifier (RFC 5280 5.2.1), valid from
-    // 2024-06-01 to 2049-12-31 unless changed.
+    // With an authority key identifier (RFC 5280 5.2.1).
     void Crl(const std::string &name, const Credential &issuer,
              const std::function<void(CrlSpec &)> &change = {}) {
         CrlSpec s;
         s.issuer = issuer;
-        s.extraExtensions = {
-            {"authorityKeyIdentifier", false, der::Seq({der::Tlv(0x80, issuer.key.KeyId())})}};
+        s.extraExtensions = {{"authorityKeyIdentifier", false, detail::AuthorityKeyId(issuer.key)}};
         if (change) {
             change(s);
         }
-        items_.push_back({"crl-" + name, MakeCrl(s)});
+        out.Put("crl-" + name + ".der", MakeCrl(s));
     }
 
-    std::vector<PoolItem> Items() { return std::move(items_); }
-
-  private:
-    std::filesystem::path keyDir_;
-    std::vector<PoolItem> items_;
+    std::filesystem::path keyDir;
+    detail::Out out;
 };
 
 // One revoked entry; reason 1 is keyCompromise.
@@ -67,8 +57,9 @@ std::function<void(CrlSpec &)> Revokes(Bytes serial, const char *date,
 
 }  // namespace
 
-std::vector<PoolItem> MakePathPool(const std::filesystem::path &keyDir) {
-    PoolWriter w(keyDir);
+std::vector<std::string> WritePathPool(const std::filesystem::path &keyDir,
+                                       const std::filesystem::path &outDir) {
+    PoolWriter w{keyDir, detail::Out(outDir)};
     const Credential root = w.Cert("00-root", nullptr, "root-4096", "Root", {0x01}, true,
                                    [](CertSpec &s) { s.notBefore = Utc("150101000000Z"); });
     const Credential ca = w.Cert("01-ca", &root, "ca-2048", "CA", {0x20}, true);
@@ -175,7 +166,7 @@ std::vector<PoolItem> MakePathPool(const std::filesystem::path &keyDir) {
     w.Crl("h0-p384", ecCa);
     w.Crl("h1-p384-leaf-revoked", ecCa, Revokes({0x61}, before));
     w.Crl("b10-ca-pss", ca, [](CrlSpec &s) { s.pss = true; });
-    return w.Items();
+    return w.out.names;
 }
 
 }  // namespace testpki
