@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,7 +13,6 @@
 
 #include "cms/dorvex.h"
 #include "cms/pki/pki.h"
-#include "tests/support/syslog_capture.h"
 #include "tests/support/cms_fixture.h"
 #include "tools/testpki/testpki.h"
 
@@ -61,61 +59,35 @@ TEST(VrfCtx, CreateAndEntryChecks) {
             CtxPtr owned(ctx);
             EXPECT_EQ(ctx->size, 384u);
             EXPECT_EQ(Counts(ctx) + ctx->rawBuffers.count + ctx->processes.count, 0);
-            EXPECT_EQ(ctx->verifyTime + ctx->pathDepth, 0);
         }
     }
     EXPECT_EQ(DorvexVrfCtxFree(nullptr), DORVEX_ERR_PARAM);
-    EXPECT_EQ(strlen(DorvexGetVersion()), DORVEX_VERSION_LEN);
 
-    // Every intake function: null context, size field, null or empty input;
-    // argument errors are logged under "InternalCheckParam..." names.
-    enum Call { kCert, kCrl, kCertFile, kCrlFile };
-    const Bytes der = Pki().root.cert.Der();
-    auto invoke = [&der](Call call, DorvexVrfCtx *ctx, bool noInput) {
-        const uint8_t *data = noInput && call == kCert ? nullptr : der.data();
-        const uint32_t len = noInput && call == kCrl ? 0 : 40;
-        const char *path = noInput ? nullptr : "x";
-        switch (call) {
-            case kCert:
-                return DorvexVerifyAddCert(ctx, data, len);
-            case kCrl:
-                return DorvexVerifyAddCrl(ctx, data, len);
-            case kCertFile:
-                return DorvexVerifyAddCertFile(ctx, path);
-            default:
-                return DorvexVerifyAddCrlFile(ctx, path);
-        }
-    };
-    const struct {
-        Call call;
-        bool nullCtx, badSize, noInput;
-        uint32_t expect;
-        const char *reportedBy;  // null: not logged
-    } calls[] = {
-        {kCert, true, false, false, DORVEX_ERR_NULL_CTX, nullptr},
-        {kCert, false, true, false, DORVEX_ERR_CTX_SIZE, nullptr},
-        {kCert, false, false, true, DORVEX_ERR_PARAM, "InternalCheckParamVerifyAddCert"},
-        {kCrl, true, false, false, DORVEX_ERR_NULL_CTX, nullptr},
-        {kCrl, false, true, false, DORVEX_ERR_CTX_SIZE, nullptr},
-        {kCrl, false, false, true, DORVEX_ERR_PARAM, "InternalCheckParamVerifyAddCrl"},
-        {kCertFile, true, false, false, DORVEX_ERR_NULL_CTX, nullptr},
-        {kCertFile, false, true, false, DORVEX_ERR_CTX_SIZE, nullptr},
-        {kCertFile, false, false, true, DORVEX_ERR_PARAM, "InternalCheckParamVerifyAddCertFile"},
-        // The CRL file refuses a null context like a null path, before the size check.
-        {kCrlFile, true, false, false, DORVEX_ERR_PARAM, nullptr},
-        {kCrlFile, false, true, false, DORVEX_ERR_CTX_SIZE, nullptr},
-        {kCrlFile, false, false, true, DORVEX_ERR_PARAM, nullptr},
-    };
-    for (const auto &r : calls) {
-        const int row = static_cast<int>(&r - calls);
+    // Every intake function refuses a null context, a wrong size field and
+    // missing input, and stores nothing. (The CRL file refuses a null
+    // context like a null path.)
+    const Bytes &der = Pki().root.cert.Der();
+    for (int call = 0; call < 4; ++call) {
+        const auto invoke = [&](DorvexVrfCtx *ctx, bool noInput) {
+            const char *path = noInput ? nullptr : "x";
+            switch (call) {
+                case 0:
+                    return DorvexVerifyAddCert(ctx, noInput ? nullptr : der.data(), 40);
+                case 1:
+                    return DorvexVerifyAddCrl(ctx, der.data(), noInput ? 0 : 40);
+                case 2:
+                    return DorvexVerifyAddCertFile(ctx, path);
+                default:
+                    return DorvexVerifyAddCrlFile(ctx, path);
+            }
+        };
         CtxPtr ctx = NewCtx();
-        ctx->size = r.badSize ? 383 : 384;
-        vt_test::ClearSyslog();
-        EXPECT_EQ(invoke(r.call, r.nullCtx ? nullptr : ctx.get(), r.noInput), r.expect) << row;
-        EXPECT_EQ(vt_test::CapturedSyslog().empty(), r.reportedBy == nullptr) << row;
-        EXPECT_TRUE(r.reportedBy == nullptr || Logged(r.reportedBy, "")) << row;
+        EXPECT_EQ(invoke(nullptr, false), call == 3 ? DORVEX_ERR_PARAM : DORVEX_ERR_NULL_CTX);
+        EXPECT_EQ(invoke(ctx.get(), true), DORVEX_ERR_PARAM) << call;
+        ctx->size = 383;
+        EXPECT_EQ(invoke(ctx.get(), false), DORVEX_ERR_CTX_SIZE) << call;
         ctx->size = 384;
-        EXPECT_EQ(Counts(ctx.get()) + ctx->rawBuffers.count, 0) << row;
+        EXPECT_EQ(Counts(ctx.get()) + ctx->rawBuffers.count, 0) << call;
     }
 }
 
@@ -135,13 +107,9 @@ TEST(Intake, CertificatesAndCrls) {
     std::string damaged = CertPem(p.ca), unterminated = CertPem(p.ca);
     damaged[40] = '*';  // inside the base64 body
     unterminated.resize(unterminated.find("-----END"));
-    std::string mislabelled = CertPem(p.ca);
-    mislabelled.replace(mislabelled.find("END CERTIFICATE"), 15, "END X509 CRL");
     const Bytes mixedPem = Text(tp::PemBundle({{"CERTIFICATE", p.ca.cert.Der()},
                                                {"PUBLIC KEY", p.ca.key.PublicKeyDer()},
                                                {"X509 CRL", p.caCrl}}));
-    const char *addCrl = "DorvexVerifyAddCrl";
-    const char *kPemWalk = "InternalDecodePemCertCrl", *kInvalid = "Invalid PEM block";
     std::string tenDamaged;
     for (int i = 0; i < 10; ++i) {
         tenDamaged += damaged;
@@ -151,9 +119,8 @@ TEST(Intake, CertificatesAndCrls) {
         bool crlIntake;  // DorvexVerifyAddCrl, else DorvexVerifyAddCert
         Bytes input;
         uint32_t expect;
-        int32_t counts;                     // certificates * 10 + CRLs
-        const char *logFunction = nullptr;  // a record expected from this function...
-        const char *logText = "";           // ...holding this text
+        int32_t counts;             // certificates * 10 + CRLs
+        const char *log = nullptr;  // a record of InternalDecodePemCertCrl holding this
     } rows[] = {
         {"root DER", false, root, DORVEX_OK, 10},
         {"37 bytes", false, Bytes(root.begin(), root.begin() + 37), DORVEX_ERR_INPUT_FORMAT, 0},
@@ -161,36 +128,22 @@ TEST(Intake, CertificatesAndCrls) {
         {"DER + 33 bytes garbage", false, rootAnd33, CrlDecoderCode(garbage33), 0},
         {"DER: CRL, cert, cert", false, tp::ConcatDer({p.rootCrl, root, p.ca.cert.Der()}),
          DORVEX_OK, 20},
-        {"DER: CRL only", false, p.rootCrl, DORVEX_FAIL, 0, "DorvexVerifyAddCert",
-         "No certificate"},
+        {"DER: CRL only", false, p.rootCrl, DORVEX_FAIL, 0},
         {"PEM: cert, public key, CRL", false, mixedPem, DORVEX_OK, 10},
-        {"PEM: damaged only cert", false, Text(damaged), DORVEX_FAIL, 0, kPemWalk, kInvalid},
-        {"PEM: damaged then good", false, Text(damaged + CertPem(p.root)), DORVEX_OK, 10, kPemWalk,
-         kInvalid},
+        {"PEM: damaged only cert", false, Text(damaged), DORVEX_FAIL, 0, "Invalid PEM block"},
         {"PEM: ten damaged, four reported", false, Text(tenDamaged + CertPem(p.root)), DORVEX_OK,
-         10, kPemWalk, "6 more invalid PEM blocks skipped."},
-        {"PEM: end label of a CRL", false, Text(mislabelled), DORVEX_FAIL, 0, kPemWalk, kInvalid},
+         10, "6 more invalid PEM blocks skipped."},
         {"PEM: no end marker", false, Text(CertPem(p.root) + unterminated), DORVEX_ERR_INPUT_FORMAT,
-         0, "InternalDecodePemCertCrl"},
-        {"PEM: request label skipped", false,
-         Text(tp::PemBundle({{"CERTIFICATE REQUEST", p.ca.cert.Der()}, {"CERTIFICATE", root}})),
-         DORVEX_OK, 10},
-        {"PEM: empty body", false, Text("-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n"),
-         DORVEX_FAIL, 0, kPemWalk, kInvalid},
+         0},
         {"text before the header is DER", false, Text("\n" + CertPem(p.root)),
          CrlDecoderCode(Text("\n" + CertPem(p.root))), 0},
-        {"CRL alone: certificate warning", true, p.caCrl, DORVEX_OK, 1, addCrl,
-         "Failed to add certificate into store."},
+        {"CRL alone", true, p.caCrl, DORVEX_OK, 1},
         {"CRL with CA", true, tp::ConcatDer({p.ca.cert.Der(), p.caCrl}), DORVEX_OK, 11},
-        {"CRL with self-signed root", true, tp::ConcatDer({p.rootCrl, root}), DORVEX_OK, 1,
-         "InternalAddCertToStore", "There is a root certificate"},
-        {"CRL: PEM cert, public key, CRL", true, mixedPem, DORVEX_OK, 11},
+        {"CRL with self-signed root: not stored", true, tp::ConcatDer({p.rootCrl, root}), DORVEX_OK,
+         1},
         {"two CRLs, same twice", true, tp::ConcatDer({p.rootCrl, p.caCrl, p.rootCrl}), DORVEX_OK,
          2},
-        {"CRL: certificate only", true, p.ca.cert.Der(), DORVEX_ERR_CRL_DECODE, 0, addCrl,
-         "Failed to decode CRL"},
-        {"CRL: 37 bytes", true, Bytes(p.caCrl.begin(), p.caCrl.begin() + 37), DORVEX_ERR_CRL_DECODE,
-         0},
+        {"CRL: certificate only", true, p.ca.cert.Der(), DORVEX_ERR_CRL_DECODE, 0},
     };
     for (const auto &r : rows) {
         CtxPtr ctx = NewCtx();
@@ -200,7 +153,7 @@ TEST(Intake, CertificatesAndCrls) {
                   r.expect)
             << r.name;
         EXPECT_EQ(Counts(ctx.get()), r.counts) << r.name;
-        EXPECT_TRUE(r.logFunction == nullptr || Logged(r.logFunction, r.logText)) << r.name;
+        EXPECT_TRUE(r.log == nullptr || Logged("InternalDecodePemCertCrl", r.log)) << r.name;
     }
 }
 
@@ -220,22 +173,10 @@ TEST(Intake, RecordsOutliveTheCallersBytesAndHoldOneStoreReference) {
         free(copy);
     }
     ASSERT_EQ(Counts(ctx.get()), 21);  // the root again changes nothing
-    const tp::Credential *expected[] = {&p.root, &p.ca};
-    for (int i = 0; i < 2; ++i) {
-        auto *cert = static_cast<DorvexX509Cert *>(ctx->pki->certs.items[i]);
-        EXPECT_EQ(cert->refCount, 1);
-        // The tbsCertificate bytes sit at the start of the DER, behind its 4-byte header.
-        const Bytes &der = expected[i]->cert.Der();
-        ASSERT_LT(cert->tbsRaw.len + 4, der.size());
-        EXPECT_EQ(Bytes(cert->tbsRaw.data, cert->tbsRaw.data + cert->tbsRaw.len),
-                  Bytes(der.begin() + 4, der.begin() + 4 + cert->tbsRaw.len));
-    }
+    auto *ca = static_cast<DorvexX509Cert *>(ctx->pki->certs.items[1]);
     auto *crl = static_cast<DorvexX509Crl *>(ctx->pki->crls.items[0]);
-    EXPECT_EQ(crl->refCount, 1);
-    EXPECT_EQ(DorvexCompareX509Name(
-                  &crl->crlInfo.issuer,
-                  &static_cast<DorvexX509Cert *>(ctx->pki->certs.items[1])->certInfo.subject),
-              0);
+    EXPECT_EQ(ca->refCount + crl->refCount, 2);
+    EXPECT_EQ(DorvexCompareX509Name(&crl->crlInfo.issuer, &ca->certInfo.subject), 0);
     // Sixteen buffers per context.
     CtxPtr full = NewCtx();
     const Bytes &root = p.root.cert.Der();
@@ -243,7 +184,6 @@ TEST(Intake, RecordsOutliveTheCallersBytesAndHoldOneStoreReference) {
         ASSERT_EQ(DorvexVerifyAddCert(full.get(), root.data(), root.size()), DORVEX_OK) << i;
     }
     EXPECT_EQ(DorvexVerifyAddCert(full.get(), root.data(), root.size()), DORVEX_ERR_LIST_FULL);
-    EXPECT_EQ(Counts(full.get()), 10);
 }
 
 TEST(Intake, Files) {
@@ -270,23 +210,19 @@ TEST(Intake, Files) {
         {"over", false, DORVEX_ERR_FILE_TOO_LARGE, 0},
         {"empty", false, DORVEX_ERR_FILE_EMPTY, 0},
         {"missing", false, DORVEX_ERR_FILE_OPEN, 0},
-        {"", false, DORVEX_ERR_PARAM, 0},
         {"crls.der", true, DORVEX_OK, 12},
         {"over", true, DORVEX_ERR_CRL_DECODE, 0},  // within the CRL file limit
         {"crl-over", true, DORVEX_ERR_FILE_TOO_LARGE, 0},
-        {"", true, DORVEX_ERR_PARAM, 0},
-        {"max", true, DORVEX_ERR_CRL_DECODE, 0},  // certificates only
     };
     for (const auto &r : rows) {
         CtxPtr ctx = NewCtx();
-        const std::string path = *r.file == '\0' ? "" : (dir / r.file).string();
+        const std::string path = (dir / r.file).string();
         EXPECT_EQ(r.crl ? DorvexVerifyAddCrlFile(ctx.get(), path.c_str())
                         : DorvexVerifyAddCertFile(ctx.get(), path.c_str()),
                   r.expect)
             << r.file << r.crl;
         EXPECT_EQ(Counts(ctx.get()), r.counts) << r.file << r.crl;
     }
-
     std::filesystem::remove_all(dir);
 }
 
