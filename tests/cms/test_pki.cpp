@@ -1,0 +1,686 @@
+// The PKI store and path verification over generated hierarchies: dates,
+// issuers, key usage, path length, CRL choice and the revocation rules, with
+// each plain verdict cross-checked against OpenSSL's own path validation.
+#include <openssl/x509_vfy.h>
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "cms/dorvex.h"
+#include "cms/pki/internal.h"
+#include "cms/pki/pki.h"
+#include "tools/testpki/testpki.h"
+
+namespace {
+
+using testpki::Bytes;
+using testpki::CertSpec;
+using testpki::Credential;
+using Entries = std::vector<testpki::RevokedEntry>;
+
+constexpr int64_t kT = 1748736000;  // 2025-06-01 00:00:00 UTC, the usual verifyTime
+constexpr int64_t kDay = 86400;
+constexpr int kKeyCompromise = 1, kAffiliationChanged = 3, kSuperseded = 4, kCessation = 5;
+
+testpki::Time At(int64_t seconds) {
+    return testpki::TimeAt(seconds);
+}
+
+// One entry revoking `serial` (Leaf 0x10, CA 0x20) `days` after kT.
+Entries Revokes(uint8_t serial, int64_t days, std::optional<int> reason = kKeyCompromise) {
+    return {{{serial}, At(kT + days * kDay), reason}};
+}
+
+CertSpec RootSpec(const std::string &cn, const char *key = "root-4096") {
+    CertSpec s;
+    s.subjectKey = testpki::LoadTestKey(key);
+    s.subject = testpki::SimpleName({{"CN", cn}});
+    s.basicConstraints = testpki::BasicConstraints{};
+    s.keyUsage = testpki::KeyUsage::Of(testpki::ku::kKeyCertSign | testpki::ku::kCrlSign);
+    return s;
+}
+
+CertSpec CaSpec(const std::string &cn, const Credential &issuer, const char *key = "ca-2048") {
+    CertSpec s = RootSpec(cn, key);
+    s.issuer = issuer;
+    s.serial = {0x20};
+    return s;
+}
+
+CertSpec LeafSpec(const std::string &cn, const Credential &issuer) {
+    CertSpec s;
+    s.subjectKey = testpki::LoadTestKey("leaf-2048");
+    s.subject = testpki::SimpleName({{"CN", cn}});
+    s.issuer = issuer;
+    s.serial = {0x10};
+    s.keyUsage = testpki::KeyUsage::Of(testpki::ku::kDigitalSignature);
+    return s;
+}
+
+Bytes Crl(const Credential &issuer, Entries revoked = {},
+          testpki::Time nextUpdate = testpki::Utc("491231235959Z"), bool indirect = false) {
+    testpki::CrlSpec s;
+    s.issuer = issuer;
+    s.nextUpdate = nextUpdate;
+    s.revoked = std::move(revoked);
+    if (indirect) {
+        s.issuingDistPoint.emplace().indirectCrl = true;
+    }
+    return testpki::MakeCrl(s);
+}
+
+// A zeroed verify context with a store. Decoded records keep one reference
+// of the test's own, so the tests can watch the store's reference counts;
+// the DER they point into lives as long as the object.
+class Store {
+  public:
+    Store() {
+        ctx.size = DORVEX_VRF_CTX_SIZE;
+        ctx.verifyTime = kT;
+        EXPECT_EQ(DorvexPkiInit(&ctx), 0u);
+    }
+    ~Store() {
+        DorvexPkiUninit(&ctx);
+        for (auto *c : certs_) {
+            EXPECT_EQ(c->refCount, 1);
+            DorvexX509FreeCert(c);
+        }
+        for (auto *c : crls_) {
+            EXPECT_EQ(c->refCount, 1);
+            DorvexX509FreeCrl(c);
+        }
+    }
+    Store(const Store &) = delete;
+
+    DorvexX509Cert *Decode(const Bytes &der) { return Keep(der, DorvexX509DecodeCert, certs_); }
+    DorvexX509Crl *DecodeCrl(const Bytes &der) { return Keep(der, DorvexX509DecodeCrl, crls_); }
+    DorvexX509Cert *Add(const Credential &cred) { return Add(cred.cert.Der()); }
+    DorvexX509Cert *Add(const Bytes &der) {
+        DorvexX509Cert *cert = Decode(der);
+        EXPECT_EQ(DorvexPkiStoreAddCert(&ctx, cert), 0u);
+        return cert;
+    }
+    DorvexX509Crl *AddCrl(const Bytes &der) {
+        DorvexX509Crl *crl = DecodeCrl(der);
+        EXPECT_EQ(DorvexPkiStoreAddCrl(&ctx, crl), 0u);
+        return crl;
+    }
+
+    // An outermost verification; checks that *valid agrees with the code
+    // and that the nesting counter is back at rest.
+    uint32_t Verify(DorvexX509Cert *cert, uint32_t strict = 0) {
+        uint32_t valid = 7;
+        const uint32_t ret = DorvexPkiVerifyCert(&ctx, cert, 1, strict, &valid);
+        EXPECT_EQ(valid, ret == 0 ? 1u : 0u);
+        EXPECT_EQ(ctx.pathDepth, 0);
+        return ret;
+    }
+
+    DorvexVrfCtx ctx{};
+
+  private:
+    template <typename T>
+    T *Keep(const Bytes &der, uint32_t (*decode)(const uint8_t *, uint32_t, T **, uint32_t *),
+            std::vector<T *> &kept) {
+        const Bytes &bytes = der_.emplace_back(der);
+        T *record = nullptr;
+        uint32_t used = 0;
+        EXPECT_EQ(decode(bytes.data(), bytes.size(), &record, &used), 0u);
+        if (record != nullptr) {
+            kept.push_back(record);
+        }
+        return record;
+    }
+    std::deque<Bytes> der_;
+    std::vector<DorvexX509Cert *> certs_;
+    std::vector<DorvexX509Crl *> crls_;
+};
+
+// The root is signed once per test process: its RSA-4096 signature is the
+// slow part, and no plan changes it.
+const Credential &StandardRoot() {
+    static const Credential root = testpki::IssueCredential(RootSpec("Root"));
+    return root;
+}
+
+// The standard hierarchy: Root -> CA (serial 0x20) -> Leaf (serial 0x10),
+// a CRL from Root and one from CA; a plan changes them before they are signed.
+struct ChainPlan {
+    void (*ca)(CertSpec &) = nullptr;
+    void (*leaf)(CertSpec &) = nullptr;
+    bool rootCrl = true, caCrl = true;
+    Entries rootRevoked = {}, caRevoked = {};
+    void (*caCrlPlan)(testpki::CrlSpec &) = nullptr;
+};
+
+struct Chain {
+    Credential root, ca, leaf;
+    Bytes rootCrl, caCrl;  // empty when the plan leaves them out
+    DorvexX509Cert *leafCert = nullptr;
+};
+
+Chain BuildChain(Store &store, const ChainPlan &plan = {}) {
+    Chain c;
+    c.root = StandardRoot();
+    CertSpec ca = CaSpec("CA", c.root);
+    if (plan.ca != nullptr) {
+        plan.ca(ca);
+    }
+    c.ca = testpki::IssueCredential(ca);
+    CertSpec leaf = LeafSpec("Leaf", c.ca);
+    if (plan.leaf != nullptr) {
+        plan.leaf(leaf);
+    }
+    c.leaf = testpki::IssueCredential(leaf);
+    store.Add(c.root);
+    store.Add(c.ca);
+    c.leafCert = store.Add(c.leaf);
+    if (plan.rootCrl) {
+        store.AddCrl(c.rootCrl = Crl(c.root, plan.rootRevoked));
+    }
+    if (plan.caCrl) {
+        testpki::CrlSpec s;
+        s.issuer = c.ca;
+        s.revoked = plan.caRevoked;
+        if (plan.caCrlPlan != nullptr) {
+            plan.caCrlPlan(s);
+        }
+        store.AddCrl(c.caCrl = testpki::MakeCrl(s));
+    }
+    return c;
+}
+
+// Certificates and CRLs beside the standard chain.
+struct Extra {
+    std::vector<Credential> certs;
+    std::vector<Bytes> crls;
+};
+
+// X509_verify_cert with Root as the only trust anchor, the other
+// certificates as untrusted and every CRL, at kT, as the differential
+// target runs it (fuzz/fuzz_diff_path.cpp): CRLs handed to the context,
+// where OpenSSL also finds indirect ones, with extended CRL support.
+bool OpensslAccepts(const Chain &c, const Extra &extra) {
+    std::unique_ptr<X509_STORE, testpki::Deleter<X509_STORE_free>> store(X509_STORE_new());
+    EXPECT_EQ(X509_STORE_add_cert(store.get(), c.root.cert.get()), 1);
+    // The stacks borrow their items; freeing them leaves the items alone.
+    auto freeCerts = [](STACK_OF(X509) * stack) { sk_X509_free(stack); };
+    std::unique_ptr<STACK_OF(X509), decltype(freeCerts)> chain(sk_X509_new_null(), freeCerts);
+    sk_X509_push(chain.get(), c.ca.cert.get());
+    for (const Credential &cert : extra.certs) {
+        sk_X509_push(chain.get(), cert.cert.get());
+    }
+    auto freeCrls = [](STACK_OF(X509_CRL) * stack) { sk_X509_CRL_pop_free(stack, X509_CRL_free); };
+    std::unique_ptr<STACK_OF(X509_CRL), decltype(freeCrls)> crls(sk_X509_CRL_new_null(), freeCrls);
+    std::vector<const Bytes *> ders = {&c.rootCrl, &c.caCrl};
+    for (const Bytes &der : extra.crls) {
+        ders.push_back(&der);
+    }
+    for (const Bytes *der : ders) {
+        const uint8_t *p = der->data();
+        X509_CRL *crl =
+            der->empty() ? nullptr : d2i_X509_CRL(nullptr, &p, static_cast<long>(der->size()));
+        EXPECT_TRUE(der->empty() || (crl != nullptr && sk_X509_CRL_push(crls.get(), crl) > 0));
+    }
+    std::unique_ptr<X509_STORE_CTX, testpki::Deleter<X509_STORE_CTX_free>> ctx(
+        X509_STORE_CTX_new());
+    EXPECT_EQ(X509_STORE_CTX_init(ctx.get(), store.get(), c.leaf.cert.get(), chain.get()), 1);
+    X509_STORE_CTX_set0_crls(ctx.get(), crls.get());
+    X509_VERIFY_PARAM *param = X509_STORE_CTX_get0_param(ctx.get());
+    X509_VERIFY_PARAM_set_flags(param, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL |
+                                           X509_V_FLAG_EXTENDED_CRL_SUPPORT);
+    X509_VERIFY_PARAM_set_time(param, static_cast<time_t>(kT));
+    return X509_verify_cert(ctx.get()) == 1;
+}
+
+// CA re-keyed under its name (serial 0x21), with a CRL of the new key only;
+// key identifiers, by which OpenSSL tells the two keys apart.
+Extra NewKeyCrl(const Chain &) {
+    CertSpec s = CaSpec("CA", StandardRoot(), "other-2048");
+    s.serial = {0x21};
+    s.subjectKeyId = true;
+    testpki::CrlSpec crl;
+    crl.issuer = testpki::IssueCredential(s);
+    const Bytes keyId = testpki::der::Seq({testpki::der::Tlv(0x80, crl.issuer.key.KeyId())});
+    crl.extraExtensions = {{"authorityKeyIdentifier", false, keyId}};
+    return {{crl.issuer}, {testpki::MakeCrl(crl)}};
+}
+
+// A CRL signer named "CA" with a key of its own, not a CA: a CRL it signs
+// is not signed with the key that issued the leaf.
+Extra OtherKeyCrl(const Chain &c) {
+    CertSpec s = CaSpec("CA", c.root, "other-2048");
+    s.serial = {0x40};
+    s.basicConstraints.reset();
+    s.keyUsage = testpki::KeyUsage::Of(testpki::ku::kCrlSign);
+    const Credential signer = testpki::IssueCredential(s);
+    return {{signer}, {Crl(signer)}};
+}
+
+// A CA named "CA" under another root, both beside the chain, and its CRL.
+Extra ForeignCaCrl(const Chain &) {
+    const Credential root2 = testpki::IssueCredential(RootSpec("Root2", "root2-4096"));
+    const Credential ca = testpki::IssueCredential(CaSpec("CA", root2, "other-2048"));
+    return {{root2, ca}, {Crl(ca)}};
+}
+
+// The CRL authority "CRLA" under Root, and the leaf that names it.
+const Credential &Crla() {
+    static const Credential crla = [] {
+        CertSpec s = CaSpec("CRLA", StandardRoot(), "tsa-2048");
+        s.serial = {0x30};
+        s.basicConstraints.reset();
+        s.keyUsage = testpki::KeyUsage::Of(testpki::ku::kCrlSign);
+        return testpki::IssueCredential(s);
+    }();
+    return crla;
+}
+void NamesCrla(CertSpec &s) {
+    s.extraExtensions = {{"crlDistributionPoints", false,
+                          testpki::CrlIssuerPoint(testpki::SubjectDer(Crla().cert))}};
+}
+Extra CrlaCrl(Entries entries) {
+    return {{Crla()}, {Crl(Crla(), std::move(entries), testpki::Utc("491231235959Z"), true)}};
+}
+
+// CRLA's indirect CRL listing another certificate of CA, then the leaf,
+// whose entry takes CA as issuer from the one before; beside CA's own CRL.
+Extra IndirectListing(const Chain &c) {
+    Entries entries = Revokes(0x77, -1);
+    entries[0].certificateIssuer = testpki::SubjectDer(c.ca.cert);
+    entries.push_back(Revokes(0x10, -1)[0]);
+    return CrlaCrl(entries);
+}
+
+enum Openssl { kDiffers, kAgrees, kNotAsked };
+
+// The leaf of the standard chain, changed one way per row. Where this
+// system departs from OpenSSL on purpose, the row asserts its own rule and
+// that OpenSSL answers otherwise; each such row is one of the intended
+// differences of the differential target, which found most of them.
+TEST(PkiVerify, LeafPathTable) {
+    static const Credential otherRoot = testpki::IssueCredential(RootSpec("Root2", "root2-4096"));
+    const uint32_t kRevoked = DORVEX_ERR_CERT_REVOKED;
+    const struct {
+        const char *name;
+        ChainPlan plan;
+        uint32_t expected;
+        Openssl openssl;
+        Extra (*extra)(const Chain &) = nullptr;
+        uint32_t strict = 0;
+    } rows[] = {
+        {"valid chain", {}, 0, kAgrees},
+        {"leaf at notBefore", {.leaf = [](CertSpec &s) { s.notBefore = At(kT); }}, 0, kAgrees},
+        {"one second before notBefore",
+         {.leaf = [](CertSpec &s) { s.notBefore = At(kT + 1); }},
+         DORVEX_ERR_CERT_NOT_YET_VALID,
+         kAgrees},
+        {"one second past notAfter",
+         {.leaf = [](CertSpec &s) { s.notAfter = At(kT - 1); }},
+         DORVEX_ERR_CERT_EXPIRED,
+         kAgrees},
+        {"differs: leaf's notAfter at the time",
+         {.leaf = [](CertSpec &s) { s.notAfter = At(kT); }},
+         0,
+         kDiffers},
+        {"notAfter with fractional seconds",
+         {.leaf = [](CertSpec &s) { s.notAfter = testpki::Gen("20491231235959.5Z"); }},
+         DORVEX_ERR_TIME_FORMAT,
+         kNotAsked},
+        {"issuer without keyCertSign",
+         {.ca = [](CertSpec &s) { s.keyUsage = testpki::KeyUsage::Of(testpki::ku::kCrlSign); }},
+         DORVEX_ERR_NO_ROOT,
+         kNotAsked},
+        {"issuer without basic constraints",
+         {.ca = [](CertSpec &s) { s.basicConstraints.reset(); }},
+         DORVEX_ERR_NO_ROOT,
+         kNotAsked},
+        {"wrong root",
+         {.ca = [](CertSpec &s) { s.issuer = otherRoot; }},
+         DORVEX_ERR_NO_ROOT,
+         kAgrees},
+        {"differs: CA key of 1024 bits",
+         {.ca = [](CertSpec &s) { s.subjectKey = testpki::Key::GenerateRsa(1024); }},
+         DORVEX_ERR_NO_ROOT,
+         kDiffers},
+        {"expired CA fails as the CRL signer",
+         {.ca = [](CertSpec &s) { s.notAfter = At(kT - 1); }},
+         DORVEX_ERR_CERT_EXPIRED,
+         kNotAsked},
+        {"differs: critical certificate policies",
+         {.leaf =
+              [](CertSpec &s) {
+                  const Bytes anyPolicy =
+                      testpki::der::Seq({testpki::der::Seq({testpki::der::Oid("2.5.29.32.0")})});
+                  s.extraExtensions = {{"certificatePolicies", true, anyPolicy}};
+              }},
+         DORVEX_ERR_CERT_CRITICAL_EXT,
+         kDiffers},
+        {"P-384 CA: leaf and CRL signed by ECDSA",
+         {.ca = [](CertSpec &s) { s.subjectKey = testpki::LoadTestKey("ec-p384"); },
+          .caCrlPlan = [](testpki::CrlSpec &c) { c.digest = testpki::Digest::Sha384; }},
+         0,
+         kAgrees},
+        {"RSASSA-PSS: CA (SHA-512), leaf and CA's CRL",
+         {.ca = [](CertSpec &s) { s.pss = true, s.digest = testpki::Digest::Sha512; },
+          .leaf = [](CertSpec &s) { s.pss = true; },
+          .caCrlPlan = [](testpki::CrlSpec &c) { c.pss = true; }},
+         0,
+         kNotAsked},
+        // Revocation: end entities by date unless strict, CAs by date only
+        // when superseded; the leaf's CA is judged the same way on the path.
+        {"leaf revoked before the time", {.caRevoked = Revokes(0x10, -1)}, kRevoked, kAgrees},
+        {"leaf revoked at the very second", {.caRevoked = Revokes(0x10, 0)}, kRevoked, kNotAsked},
+        {"differs: leaf revoked after the time", {.caRevoked = Revokes(0x10, 1)}, 0, kDiffers},
+        {"leaf revoked after the time, strict",
+         {.caRevoked = Revokes(0x10, 1)},
+         kRevoked,
+         kNotAsked,
+         nullptr,
+         1},
+        {"strict, superseded a day later",
+         {.caRevoked = Revokes(0x10, 1, kSuperseded)},
+         0,
+         kNotAsked,
+         nullptr,
+         1},
+        {"strict, affiliationChanged a day earlier",
+         {.caRevoked = Revokes(0x10, -1, kAffiliationChanged)},
+         kRevoked,
+         kNotAsked,
+         nullptr,
+         1},
+        {"leaf listed twice, later date first",
+         {.caRevoked = {Revokes(0x10, 1)[0], Revokes(0x10, -1)[0]}},
+         kRevoked,
+         kNotAsked},
+        {"differs: leaf entry with reason removeFromCRL",
+         {.caRevoked = Revokes(0x10, -1, 8)},
+         kRevoked,
+         kDiffers},
+        {"other serial only", {.caRevoked = Revokes(0x11, -1, {})}, 0, kAgrees},
+        {"CA revoked before the time", {.rootRevoked = Revokes(0x20, -1)}, kRevoked, kAgrees},
+        {"differs: CA superseded after the time",
+         {.rootRevoked = Revokes(0x20, 1, kSuperseded)},
+         0,
+         kDiffers},
+        {"CA superseded a day earlier",
+         {.rootRevoked = Revokes(0x20, -1, kSuperseded)},
+         kRevoked,
+         kAgrees},
+        {"CA, cessationOfOperation at the time",
+         {.rootRevoked = Revokes(0x20, 0, kCessation)},
+         kRevoked,
+         kNotAsked},
+        {"CA, no reason, a day later", {.rootRevoked = Revokes(0x20, 1, {})}, kRevoked, kNotAsked},
+        {"differs: root listed in its own CRL", {.rootRevoked = Revokes(0x01, -1)}, 0, kDiffers},
+        // CRL choice: every CRL in scope is read, one revocation is enough,
+        // and a current CRL of the right signer must be among them.
+        {"missing CRL", {.caCrl = false}, DORVEX_ERR_NO_CRL, kAgrees},
+        {"no CRL of the root", {.rootCrl = false}, DORVEX_ERR_NO_CRL, kNotAsked},
+        {"differs: CA's CRL issued after the time",
+         {.caCrlPlan = [](testpki::CrlSpec &s) { s.thisUpdate = At(kT + kDay); }},
+         0,
+         kDiffers},
+        {"differs: CRL's nextUpdate at the time",
+         {.caCrlPlan = [](testpki::CrlSpec &s) { s.nextUpdate = At(kT); }},
+         0,
+         kDiffers},
+        {"only CRL expired",
+         {.caCrlPlan = [](testpki::CrlSpec &s) { s.nextUpdate = At(kT - 1); }},
+         DORVEX_ERR_NO_CRL,
+         kNotAsked},
+        {"expired CRL listing the leaf beats a current one",
+         {},
+         kRevoked,
+         kNotAsked,
+         [](const Chain &c) -> Extra {
+             return {{}, {Crl(c.ca, Revokes(0x10, -1), At(kT - 1))}};
+         }},
+        {"nextUpdate unreadable: not current, but its revocation counts",
+         {.caCrl = false},
+         kRevoked,
+         kNotAsked,
+         [](const Chain &c) -> Extra {
+             return {{}, {Crl(c.ca, Revokes(0x10, -1), testpki::Gen("20491231235959.5Z"))}};
+         }},
+        {"signer under another root only",
+         {.caCrl = false},
+         DORVEX_ERR_NO_CRL,
+         kNotAsked,
+         ForeignCaCrl},
+        {"another key of the CA's name only",
+         {.caCrl = false},
+         DORVEX_ERR_NO_CRL,
+         kNotAsked,
+         OtherKeyCrl},
+        {"differs: only a CRL of the re-keyed CA's new key",
+         {.ca = [](CertSpec &s) { s.subjectKeyId = true; }, .caCrl = false},
+         DORVEX_ERR_NO_CRL,
+         kDiffers,
+         NewKeyCrl},
+        {"indirect CRL of CRLA speaks for the leaf that names it",
+         {.leaf = NamesCrla, .caCrl = false},
+         0,
+         kAgrees,
+         [](const Chain &) { return CrlaCrl({}); }},
+        {"indirect CRL of CRLA, not named by the leaf",
+         {.caCrl = false},
+         DORVEX_ERR_NO_CRL,
+         kNotAsked,
+         [](const Chain &) { return CrlaCrl({}); }},
+        {"indirect CRL listing serial 0x10 of CRLA's own",
+         {.leaf = NamesCrla, .caCrl = false},
+         0,
+         kNotAsked,
+         [](const Chain &) { return CrlaCrl(Revokes(0x10, -1)); }},
+        {"differs: indirect CRL lists the leaf, CA's own does not",
+         {.leaf = NamesCrla},
+         kRevoked,
+         kDiffers,
+         IndirectListing},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        Store store;
+        Chain c = BuildChain(store, row.plan);
+        const Extra extra = row.extra != nullptr ? row.extra(c) : Extra{};
+        for (const Credential &cert : extra.certs) {
+            store.Add(cert);
+        }
+        for (const Bytes &crl : extra.crls) {
+            store.AddCrl(crl);
+        }
+        const uint32_t ours = store.Verify(c.leafCert, row.strict);
+        EXPECT_EQ(ours, row.expected);
+        if (row.openssl != kNotAsked) {
+            EXPECT_EQ(OpensslAccepts(c, extra), (ours == 0) == (row.openssl == kAgrees));
+        }
+    }
+    Store store;
+    DorvexX509Cert *root = store.Add(StandardRoot());
+    EXPECT_EQ(store.Verify(root), 0u);  // a root alone needs no CRL
+    EXPECT_EQ(root->issuerCert, root);
+}
+
+// Root, then length - 1 certificates each issued by the one before, each CA
+// with a CRL; and a loop: A issued by B and B by A. Each certificate is
+// judged once, so the work grows with the length, not with its powers.
+TEST(PkiVerify, PathLengthAndLoops) {
+    for (int length : {11, 12}) {
+        Store store;
+        Credential issuer = StandardRoot();
+        DorvexX509Cert *last = store.Add(issuer);
+        for (int i = 1; i < length; ++i) {
+            store.AddCrl(Crl(issuer));
+            issuer = testpki::IssueCredential(i == length - 1 ? LeafSpec("Leaf", issuer)
+                                                              : CaSpec(std::to_string(i), issuer));
+            last = store.Add(issuer);
+        }
+        EXPECT_EQ(store.Verify(last), length <= 11 ? 0u : DORVEX_ERR_PATH_TOO_DEEP) << length;
+        EXPECT_LE(store.ctx.pki->work, static_cast<uint32_t>(4 * length)) << length;
+        // Asked again, the verdict is remembered: one look-up.
+        EXPECT_EQ(store.Verify(last), length <= 11 ? 0u : DORVEX_ERR_PATH_TOO_DEEP) << length;
+        EXPECT_EQ(store.ctx.pki->work, 1u) << length;
+    }
+    Store store;
+    const Credential &seed = StandardRoot();  // any certificate to carry a key
+    CertSpec a = CaSpec("A", seed, "ca-2048"), b = CaSpec("B", seed, "other-2048");
+    a.issuerName = testpki::SimpleName({{"CN", "B"}});
+    a.issuer = Credential{seed.cert, testpki::LoadTestKey("other-2048")};
+    b.issuerName = testpki::SimpleName({{"CN", "A"}});
+    b.issuer = Credential{seed.cert, testpki::LoadTestKey("ca-2048")};
+    const Credential credA = testpki::IssueCredential(a);
+    store.Add(credA);
+    store.Add(testpki::IssueCredential(b));
+    DorvexX509Cert *leaf = store.Add(testpki::IssueCredential(LeafSpec("Leaf", credA)));
+    EXPECT_EQ(store.Verify(leaf), DORVEX_ERR_NO_ROOT);
+}
+
+// A chain of depth 8 whose certificates all name CRLA, which signs one
+// indirect CRL for every CA: CRLA's own path is judged once, so the work
+// stays linear in the depth (it used to grow exponentially).
+TEST(PkiVerify, DeepChainOfIndirectCrls) {
+    Store store;
+    const Credential &root = StandardRoot();
+    store.Add(root);
+    store.Add(Crla());
+    store.AddCrl(Crl(root));
+    Credential issuer = root;
+    DorvexX509Cert *last = nullptr;
+    for (int i = 1; i <= 8; ++i) {
+        CertSpec plan =
+            i == 8 ? LeafSpec("Leaf", issuer) : CaSpec("CA" + std::to_string(i), issuer);
+        plan.serial = {static_cast<uint8_t>(0x40 + i)};
+        if (i > 1) {
+            NamesCrla(plan);
+        }
+        issuer = testpki::IssueCredential(plan);
+        last = store.Add(issuer);
+    }
+    store.AddCrl(CrlaCrl({}).crls[0]);
+    EXPECT_EQ(store.Verify(last), 0u);
+    EXPECT_LE(store.ctx.pki->work, 40u);
+}
+
+// Two CA certificates of one name and key: the first added that is trusted
+// issues; when it is revoked, the other one still does.
+TEST(PkiVerify, EveryIssuerIsTried) {
+    for (bool firstRevoked : {false, true}) {
+        Store store;
+        CertSpec plan = CaSpec("CA", StandardRoot());
+        const Credential ca = testpki::IssueCredential(plan);
+        plan.serial = {0x21};  // same name and key, another record
+        store.Add(StandardRoot());
+        DorvexX509Cert *caCert = store.Add(ca);
+        DorvexX509Cert *twinCert = store.Add(testpki::IssueCredential(plan));
+        DorvexX509Cert *leaf = store.Add(testpki::IssueCredential(LeafSpec("Leaf", ca)));
+        store.AddCrl(Crl(StandardRoot(), firstRevoked ? Revokes(0x20, -1) : Entries{}));
+        store.AddCrl(Crl(ca));
+        EXPECT_EQ(store.Verify(leaf), 0u);
+        EXPECT_EQ(leaf->issuerCert, firstRevoked ? twinCert : caCert) << firstRevoked;
+    }
+}
+
+TEST(PkiList, CapacityAndStableSort) {
+    DorvexList list{};
+    int items[DORVEX_LIST_CAPACITY + 1] = {};
+    for (int i = 0; i < DORVEX_LIST_CAPACITY; ++i) {
+        ASSERT_EQ(DorvexListAdd(&list, &items[i]), 0u);
+    }
+    EXPECT_EQ(DorvexListAdd(&list, &items[DORVEX_LIST_CAPACITY]), DORVEX_ERR_LIST_FULL);
+    DorvexListFree(&list, [](void *item) { *static_cast<int *>(item) = 1; });
+    EXPECT_EQ(list.count + items[0] + items[DORVEX_LIST_CAPACITY - 1], 2);
+
+    // Highest first, in order of addition among equals.
+    uint32_t scores[] = {0x60, 0xA0, 0x30, 0x60, 0xE0};
+    const int order[] = {4, 1, 0, 3, 2};
+    for (uint32_t &score : scores) {
+        ASSERT_EQ(DorvexListAdd(&list, &score), 0u);
+    }
+    ASSERT_EQ(DorvexListSort(&list,
+                             [](const void *a, const void *b) {
+                                 const uint32_t x = *static_cast<const uint32_t *>(a);
+                                 const uint32_t y = *static_cast<const uint32_t *>(b);
+                                 return x > y ? -1 : (x == y ? 0 : 1);
+                             }),
+              0u);
+    for (size_t i = 0; i < 5; ++i) {
+        EXPECT_EQ(list.items[i], &scores[order[i]]) << i;
+    }
+}
+
+TEST(PkiStore, SixteenItemsDuplicatesAndReferences) {
+    Store store;
+    const auto selfSigned = [](uint8_t serial) {
+        CertSpec s = RootSpec("Root " + std::to_string(serial), "ca-2048");
+        s.serial = {serial};
+        return testpki::IssueCert(s).Der();
+    };
+    const auto crlNumbered = [](uint8_t number) {
+        testpki::CrlSpec crl;
+        crl.issuer = StandardRoot();
+        crl.crlNumber = Bytes{number};
+        return testpki::MakeCrl(crl);
+    };
+    const Bytes first = selfSigned(1), firstCrl = crlNumbered(1);
+    for (uint8_t i = 1; i <= DORVEX_LIST_CAPACITY; ++i) {
+        EXPECT_EQ(store.Add(i == 1 ? first : selfSigned(i))->refCount, 2);
+        EXPECT_EQ(store.AddCrl(i == 1 ? firstCrl : crlNumbered(i))->refCount, 2);
+    }
+    // Another record with a stored signature value is a duplicate, even when full.
+    DorvexX509Cert *twin = store.Decode(first);
+    EXPECT_EQ(DorvexPkiStoreAddCert(&store.ctx, twin), DORVEX_ERR_CERT_EXISTS);
+    DorvexX509Crl *crlTwin = store.DecodeCrl(firstCrl);
+    EXPECT_EQ(DorvexPkiStoreAddCrl(&store.ctx, crlTwin), DORVEX_ERR_CRL_EXISTS);
+    DorvexX509Cert *extra = store.Decode(selfSigned(17));
+    EXPECT_EQ(DorvexPkiStoreAddCert(&store.ctx, extra), DORVEX_ERR_LIST_FULL);
+    DorvexX509Crl *extraCrl = store.DecodeCrl(crlNumbered(17));
+    EXPECT_EQ(DorvexPkiStoreAddCrl(&store.ctx, extraCrl), DORVEX_ERR_LIST_FULL);
+    // ~Store checks that every count is back at 1 once the store lets go.
+}
+
+// The signer is found by issuer and serial as numbers; the first added wins.
+TEST(PkiStore, FindCertByIssuerSn) {
+    Store store;
+    CertSpec leaf = LeafSpec("Leaf", StandardRoot());
+    leaf.serial = {0x7F, 0x01};
+    DorvexX509Cert *first = store.Add(testpki::IssueCert(leaf).Der());
+    leaf.subject = testpki::SimpleName({{"CN", "Leaf again"}});
+    store.Add(testpki::IssueCert(leaf).Der());
+    const DorvexX509Name &issuer = first->certInfo.issuer;
+    DorvexAsnBigint serial = first->certInfo.serialNumber;
+    EXPECT_EQ(DorvexPkiFindCertByIssuerSn(&store.ctx, &issuer, &serial), first);
+    EXPECT_EQ(DorvexPkiFindCertByIssuerSn(&store.ctx, &first->certInfo.subject, &serial), nullptr);
+    const uint8_t padded[] = {0x00, 0x7F, 0x01};
+    serial.data = padded;
+    serial.len = sizeof(padded);
+    EXPECT_EQ(DorvexPkiFindCertByIssuerSn(&store.ctx, &issuer, &serial), nullptr);
+}
+
+// Of the certificates named like the CRL's issuer, only one with the
+// signing key and cRLSign in its key usage signs it.
+TEST(PkiStore, FindCrlIssuerSkipsUnfitCandidates) {
+    Store store;
+    const Credential &root = StandardRoot();
+    CertSpec noCrlSign = CaSpec("CA", root), otherKey = CaSpec("CA", root, "other-2048");
+    CertSpec noKeyUsage = CaSpec("CA", root);
+    noCrlSign.keyUsage = testpki::KeyUsage::Of(testpki::ku::kKeyCertSign);
+    noKeyUsage.keyUsage.reset();
+    const Credential signer = testpki::IssueCredential(CaSpec("CA", root));
+    DorvexX509Crl *crl = store.AddCrl(Crl(signer));
+    for (const CertSpec *plan : {&noCrlSign, &otherKey, &noKeyUsage}) {
+        store.Add(testpki::IssueCert(*plan).Der());
+    }
+    store.Add(root);
+    EXPECT_EQ(DorvexPkiFindCrlIssuer(&store.ctx, crl), nullptr);
+    DorvexX509Cert *expected = store.Add(signer);
+    EXPECT_EQ(DorvexPkiFindCrlIssuer(&store.ctx, crl), expected);
+}
+
+}  // namespace
