@@ -237,98 +237,77 @@ struct Row {
 };
 
 TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
+    const uint32_t kUsage = DORVEX_ERR_CERT_USAGE, kRevoked = DORVEX_ERR_CERT_REVOKED;
+    const uint32_t kNoCrl = DORVEX_ERR_NO_CRL, kPkcs7 = DORVEX_ERR_PKCS7_DECODE;
+    const uint32_t kCms = DORVEX_ERR_CMS_DECODE, kAlg = DORVEX_ERR_SIGN_ALG;
     const Row rows[] = {
+        // clang-format off
         {"valid DER", {}, DORVEX_OK},
         {"content of several read pieces",
          [] { return tp::MakePackage(Pki(), tp::Fault::None, Pieces()); }, DORVEX_OK},
         {"PEM CMS armour", [] { return Armoured(tp::Armour::PemCms); }, DORVEX_OK},
         {"PEM PKCS7 armour", [] { return Armoured(tp::Armour::PemPkcs7); }, DORVEX_OK},
-        {"SHA-512, imprint SHA-384",
-         [] {
-             return Signed([](auto &p) {
-                 p.digest = tp::Digest::Sha512;
-                 p.timestamp->imprintDigest = tp::Digest::Sha384;
-                 p.timestamp->digest = tp::Digest::Sha512;
-             });
-         },
-         DORVEX_OK},
+        {"SHA-512, imprint SHA-384", [] { return Signed([](auto &p) {
+             p.digest = tp::Digest::Sha512, p.timestamp->digest = tp::Digest::Sha512;
+             p.timestamp->imprintDigest = tp::Digest::Sha384; }); }, DORVEX_OK},
         {"signature over empty content", [] { return Signed({}, Empty()); }, DORVEX_OK},
         {"changed content byte", [] { return Fault(tp::Fault::ChangedContent); }, DORVEX_OK, 0},
         // A signature of 1024 bytes, the largest that fits.
         {"no signed attributes, signer key of 8192 bits",
          [] { return SignedBy(EndEntity("rsa-8192", "codeSigning"), false); }, DORVEX_OK},
         {"no signed attributes, changed content",
-         [] { return ContentChanged(Signed([](auto &s) { s.signedAttrs = false; })); }, DORVEX_OK,
-         0},
+         [] { return ContentChanged(Signed([](auto &s) { s.signedAttrs = false; })); }, DORVEX_OK, 0},
         {"signer key of 1024 bits", [] { return SignedBy(EndEntity("rsa-1024", "codeSigning")); },
          DORVEX_ERR_PUBKEY_TOO_SHORT, 0},
         {"ECDSA P-256 signer under the RSA CA",
          [] { return SignedBy(EndEntity("ec-p256", "codeSigning")); }, DORVEX_OK},
         {"ECDSA P-256 signer, changed content",
-         [] { return ContentChanged(SignedBy(EndEntity("ec-p256", "codeSigning"))); }, DORVEX_OK,
-         0},
+         [] { return ContentChanged(SignedBy(EndEntity("ec-p256", "codeSigning"))); }, DORVEX_OK, 0},
         {"RSASSA-PSS signer and token",
          [] { return Signed([](auto &p) { p.pss = true, p.timestamp->pss = true; }); }, DORVEX_OK},
         {"RSASSA-PSS signer, changed content",
          [] { return ContentChanged(Signed([](auto &s) { s.pss = true; })); }, DORVEX_OK, 0},
-        {"signature label ECDSA on an RSA key", [] { return Labelled("1.2.840.10045.4.3.2"); },
-         DORVEX_ERR_SIGN_ALG, 0},
+        {"signature label ECDSA on an RSA key", [] { return Labelled("1.2.840.10045.4.3.2"); }, kAlg, 0},
         {"signature label SHA-384 beside a SHA-256 digest",
-         [] { return Labelled("1.2.840.113549.1.1.12"); }, DORVEX_ERR_SIGN_ALG, 0},
+         [] { return Labelled("1.2.840.113549.1.1.12"); }, kAlg, 0},
         {"signature label RSA with the digest's SHA-256",
          [] { return Labelled("1.2.840.113549.1.1.11"); }, DORVEX_OK},
         {"tampered signed attribute", [] { return Fault(tp::Fault::TamperedSignedAttr); },
          DORVEX_ERR_SIGNATURE, 0},
-        {"two message digests",
-         [] { return AttrEdited(kMessageDigest, [](Fields &a, Bytes &md) { a.push_back(md); }); },
-         DORVEX_ERR_PKCS7_DECODE, 0},
-        {"content type attribute names other content",
-         [] {
+        {"two message digests", [] {
+             return AttrEdited(kMessageDigest, [](Fields &a, Bytes &md) { a.push_back(md); }); },
+         kPkcs7, 0},
+        {"content type attribute names other content", [] {
              return AttrEdited(kContentType, [](Fields &, Bytes &type) {
-                 type =
-                     tp::der::Seq({tp::der::Oid(kContentType),
-                                   tp::der::Tlv(0x31, tp::der::Oid("1.2.840.113549.1.9.16.1.4"))});
-             });
-         },
-         DORVEX_ERR_PKCS7_DECODE, 0},
-        {"detached signature carrying content",
-         [] {
+                 type = tp::der::Seq({tp::der::Oid(kContentType),
+                     tp::der::Tlv(0x31, tp::der::Oid("1.2.840.113549.1.9.16.1.4"))}); }); },
+         kPkcs7, 0},
+        {"detached signature carrying content", [] {
              return Edited([](Fields &sd, Fields &) {
                  sd[2] = tp::der::Seq({tp::der::Oid("1.2.840.113549.1.7.1"),
-                                       tp::der::Tlv(0xA0, tp::der::OctetString(Checksums()))});
-             });
-         },
-         DORVEX_ERR_PKCS7_DECODE, 0},
+                                       tp::der::Tlv(0xA0, tp::der::OctetString(Checksums()))}); }); },
+         kPkcs7, 0},
         {"no timestamp", [] { return Fault(tp::Fault::NoTimestamp); }, DORVEX_ERR_PARAM, 0},
         {"imprint over content", [] { return Fault(tp::Fault::ImprintOverContent); },
          DORVEX_ERR_TS_MISMATCH, 0},
         {"token without signer: its time would be anyone's",
          [] { return Signed([](auto &p) { p.timestamp->noSigner = true; }); },
          DORVEX_ERR_TS_SIGNATURE, 0},
-        {"token's signature value changed",
-         [] {
+        {"token's signature value changed", [] {
              tp::Package p = Fault(tp::Fault::None);
              const Bytes value = tp::SignatureValueOf(tp::TimestampTokenOf(p.signature));
-             auto at =
-                 std::search(p.signature.begin(), p.signature.end(), value.begin(), value.end());
+             auto at = std::search(p.signature.begin(), p.signature.end(), value.begin(), value.end());
              at[static_cast<std::ptrdiff_t>(value.size()) - 1] ^= 0x01;
-             return p;
-         },
-         DORVEX_ERR_SIGNATURE, 0},
+             return p; }, DORVEX_ERR_SIGNATURE, 0},
         {"token with ESS v1 (SHA-1 certificate hash)",
          [] { return Signed([](auto &p) { p.timestamp->attrs = tp::TokenAttrs::EssCertId; }); },
          DORVEX_OK},
         {"token with ESS v2 naming its SHA-512 hash",
          [] { return Signed([](auto &p) { p.timestamp->essDigest = tp::Digest::Sha512; }); },
          DORVEX_OK},
-        {"token's ESS v1 names another certificate",
-         [] {
-             return Signed([](auto &p) {
-                 p.timestamp->attrs = tp::TokenAttrs::EssCertId;
-                 p.timestamp->essCert = Pki().ca.cert;
-             });
-         },
-         DORVEX_ERR_TS_CERT_NOT_FOUND, 0},
+        {"token's ESS v1 names another certificate", [] { return Signed([](auto &p) {
+             p.timestamp->attrs = tp::TokenAttrs::EssCertId, p.timestamp->essCert = Pki().ca.cert;
+         }); }, DORVEX_ERR_TS_CERT_NOT_FOUND, 0},
         {"token without its authority's certificate",
          [] { return Signed([](auto &p) { p.timestamp->embedTsaCert = false; }); },
          DORVEX_ERR_TS_CERT_NOT_FOUND, 0},
@@ -336,147 +315,77 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
          [] { return Signed([](auto &p) { p.certs = {Pki().ca.cert}; }); },
          DORVEX_ERR_SIGNER_CERT_NOT_FOUND, 0},
         {"signer without code signing", [] { return Fault(tp::Fault::SignerWithoutCodeSigning); },
-         DORVEX_ERR_CERT_USAGE, 0},
-        {"signer: code signing listed second",
-         [] {
+         kUsage, 0},
+        {"signer: code signing listed second", [] {
              return SignedBy(EndEntity("leaf-2048", "codeSigning", [](auto &s) {
-                 s.extKeyUsage->purposes = {"serverAuth", "codeSigning"};
-             }));
-         },
-         DORVEX_OK},
-        {"signer: keyAgreement and decipherOnly is no digitalSignature",
-         [] {
+                 s.extKeyUsage->purposes = {"serverAuth", "codeSigning"}; })); }, DORVEX_OK},
+        {"signer: keyAgreement and decipherOnly is no digitalSignature", [] {
              return SignedBy(EndEntity("leaf-2048", "codeSigning", [](auto &s) {
-                 s.keyUsage =
-                     tp::KeyUsage::Of(tp::ku::kKeyAgreement, tp::ku::kDecipherOnlySecondOctet);
-             }));
-         },
-         DORVEX_ERR_CERT_USAGE, 0},
+                 s.keyUsage = tp::KeyUsage::Of(tp::ku::kKeyAgreement, tp::ku::kDecipherOnlySecondOctet);
+             })); }, kUsage, 0},
         {"TSA without time stamping", [] { return Fault(tp::Fault::TsaWithoutTimeStamping); },
-         DORVEX_ERR_CERT_USAGE, 0},
+         kUsage, 0},
         {"TSA usage not critical",
-         [] { return StampedBy([](auto &s) { s.extKeyUsage->critical = false; }); },
-         DORVEX_ERR_CERT_USAGE, 0},
-        {"TSA usage not alone",
-         [] {
-             return StampedBy([](auto &s) {
-                 s.extKeyUsage->purposes = {"timeStamping", "codeSigning"};
-             });
-         },
-         DORVEX_ERR_CERT_USAGE, 0},
-        {"signer with an unknown critical extension",
-         [] {
+         [] { return StampedBy([](auto &s) { s.extKeyUsage->critical = false; }); }, kUsage, 0},
+        {"TSA usage not alone", [] { return StampedBy([](auto &s) {
+             s.extKeyUsage->purposes = {"timeStamping", "codeSigning"}; }); }, kUsage, 0},
+        {"signer with an unknown critical extension", [] {
              return SignedBy(EndEntity("leaf-2048", "codeSigning", [](auto &s) {
-                 s.extraExtensions = {{"1.3.6.1.4.1.99999.7", true, tp::der::Boolean(true)}};
-             }));
-         },
-         DORVEX_ERR_CERT_CRITICAL_EXT, 0},
-        {"CA of path length 0 above a sub-CA",
-         [] {
+                 s.extraExtensions = {{"1.3.6.1.4.1.99999.7", true, tp::der::Boolean(true)}}; }));
+         }, DORVEX_ERR_CERT_CRITICAL_EXT, 0},
+        {"CA of path length 0 above a sub-CA", [] {
              tp::CertSpec sub;
              sub.subjectKey = Pki().tsa.key;
              sub.issuer = Pki().ca;
              sub.subject = tp::SimpleName({{"CN", "Sub CA"}});
-             sub.serial = {0x20};
              sub.basicConstraints = tp::BasicConstraints{};
              sub.keyUsage = tp::KeyUsage::Of(tp::ku::kKeyCertSign | tp::ku::kCrlSign);
              const tp::Credential subCa = tp::IssueCredential(sub);
              const tp::Credential leaf = EndEntity("leaf-2048", "codeSigning", {}, subCa);
-             return Signed([&](tp::SignSpec &p) {
-                 p.signer = leaf, p.certs = {leaf.cert, subCa.cert};
-             });
-         },
-         DORVEX_ERR_PATH_TOO_DEEP, 0},
-        {"signer expired now, valid at genTime", [] { return LeafAt("20250601120000Z"); },
-         DORVEX_OK},
+             return Signed([&](tp::SignSpec &p) { p.signer = leaf, p.certs = {leaf.cert, subCa.cert}; });
+         }, DORVEX_ERR_PATH_TOO_DEEP, 0},
+        {"signer expired now, valid at genTime", [] { return LeafAt("20250601120000Z"); }, DORVEX_OK},
         {"genTime before the signer's notBefore", [] { return LeafAt("20241201120000Z"); },
          DORVEX_ERR_CERT_NOT_YET_VALID, 0},
-        {"leaf revoked before genTime",
-         {},
-         DORVEX_ERR_CERT_REVOKED,
-         0,
+        {"leaf revoked before genTime", {}, kRevoked, 0,
          Trust{Revoking(kLeafSerial, "250101000000Z", kKeyCompromise)}},
-        {"leaf revoked after genTime: judged by date",
-         {},
-         DORVEX_OK,
-         1,
+        {"leaf revoked after genTime: judged by date", {}, DORVEX_OK, 1,
          Trust{Revoking(kLeafSerial, "260201000000Z", kKeyCompromise)}},
-        {"TSA revoked after genTime, key compromise: strict",
-         {},
-         DORVEX_ERR_CERT_REVOKED,
-         0,
+        {"TSA revoked after genTime, key compromise: strict", {}, kRevoked, 0,
          Trust{Revoking(kTsaSerial, "260201000000Z", kKeyCompromise)}},
-        {"TSA superseded after genTime",
-         {},
-         DORVEX_OK,
-         1,
+        {"TSA superseded after genTime", {}, DORVEX_OK, 1,
          Trust{Revoking(kTsaSerial, "260201000000Z", kSuperseded)}},
-        {"TSA superseded before genTime",
-         {},
-         DORVEX_ERR_CERT_REVOKED,
-         0,
+        {"TSA superseded before genTime", {}, kRevoked, 0,
          Trust{Revoking(kTsaSerial, "250101000000Z", kSuperseded)}},
-        {"CA's CRL missing", {}, DORVEX_ERR_NO_CRL, 0, Trust{std::nullopt}},
-        {"CA's CRL expired at genTime",
-         {},
-         DORVEX_ERR_NO_CRL,
-         0,
-         Trust{CaCrl({},
-                     [](auto &c) {
-                         c.thisUpdate = tp::Utc("250101000000Z"),
-                         c.nextUpdate = tp::Utc("250601000000Z");
-                     })}},
-        {"CA's only CRL is a delta CRL",
-         {},
-         DORVEX_ERR_NO_CRL,
-         0,
-         Trust{CaCrl({},
-                     [](auto &c) {
-                         c.extraExtensions = {{"deltaCRL", true, tp::der::Integer(Bytes{0x01})}};
-                     })}},
+        {"CA's CRL missing", {}, kNoCrl, 0, Trust{std::nullopt}},
+        {"CA's CRL expired at genTime", {}, kNoCrl, 0, Trust{CaCrl({}, [](auto &c) {
+             c.thisUpdate = tp::Utc("250101000000Z"), c.nextUpdate = tp::Utc("250601000000Z"); })}},
+        {"CA's only CRL is a delta CRL", {}, kNoCrl, 0, Trust{CaCrl({}, [](auto &c) {
+             c.extraExtensions = {{"deltaCRL", true, tp::der::Integer(Bytes{0x01})}}; })}},
         {"CRL file carries the root too", {}, DORVEX_OK, 1, Trust{Pki().caCrl, true}},
-        {"CA's CRL only for CAs: says nothing of the leaf",
-         {},
-         DORVEX_ERR_NO_CRL,
-         0,
-         Trust{ScopedCrl(true, false)}},
-        {"root's CRL only for users: says nothing of the CA",
-         {},
-         DORVEX_ERR_NO_CRL,
-         0,
+        {"CA's CRL only for CAs: says nothing of the leaf", {}, kNoCrl, 0, Trust{ScopedCrl(true, false)}},
+        {"root's CRL only for users: says nothing of the CA", {}, kNoCrl, 0,
          Trust{.rootCrl = ScopedCrl(false, true)}},
         {"CA's CRL only for users", {}, DORVEX_OK, 1, Trust{ScopedCrl(false, false)}},
-        {"CA's CRL of 100,000 entries, the leaf's among them",
-         {},
-         DORVEX_ERR_CERT_REVOKED,
-         0,
-         Trust{CaCrl({},
-                     [](tp::CrlSpec &c) {
-                         for (uint32_t i = 0; i < 100000; ++i) {
-                             c.revoked.push_back(
-                                 {tp::SerialFromU64(0x100000 + i), tp::Utc("250101000000Z"), {}});
-                         }
-                         c.revoked.insert(c.revoked.begin() + 50000,
-                                          {kLeafSerial, tp::Utc("250101000000Z"), kKeyCompromise});
-                     })}},
-        {"garbage", [] { return Fault(tp::Fault::Garbage); }, DORVEX_ERR_CMS_DECODE, 0},
-        {"text before the PEM header",
-         [] {
+        {"CA's CRL of 100,000 entries, the leaf's among them", {}, kRevoked, 0,
+         Trust{CaCrl({}, [](tp::CrlSpec &c) {
+             for (uint32_t i = 0; i < 100000; ++i) {
+                 c.revoked.push_back({tp::SerialFromU64(0x100000 + i), tp::Utc("250101000000Z"), {}});
+             }
+             c.revoked.insert(c.revoked.begin() + 50000,
+                              {kLeafSerial, tp::Utc("250101000000Z"), kKeyCompromise}); })}},
+        {"garbage", [] { return Fault(tp::Fault::Garbage); }, kCms, 0},
+        {"text before the PEM header", [] {
              tp::Package p = Armoured(tp::Armour::PemCms);
              p.signature.insert(p.signature.begin(), ' ');
-             return p;
-         },
-         DORVEX_ERR_CMS_DECODE, 0},
-        {"unknown PEM label",
-         [] {
+             return p; }, kCms, 0},
+        {"unknown PEM label", [] {
              tp::Package p = Fault(tp::Fault::None);
              p.signature = Text(tp::ToPem("PKCS #7 SIGNED DATA", p.signature));
-             return p;
-         },
-         DORVEX_ERR_CMS_DECODE, 0},
-        {"three certificates", [] { return Fault(tp::Fault::ThreeCerts); }, DORVEX_ERR_CMS_DECODE,
-         0},
-        {"no signer", [] { return Fault(tp::Fault::NoSigner); }, DORVEX_ERR_PKCS7_DECODE, 0},
+             return p; }, kCms, 0},
+        {"three certificates", [] { return Fault(tp::Fault::ThreeCerts); }, kCms, 0},
+        {"no signer", [] { return Fault(tp::Fault::NoSigner); }, kPkcs7, 0},
+        // clang-format on
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.name);
