@@ -565,24 +565,6 @@ TEST(PkiStore, SixteenItemsDuplicatesAndReferences) {
     // ~Store checks that every count is back at 1 once the store lets go.
 }
 
-// The signer is found by issuer and serial as numbers; the first added wins.
-TEST(PkiStore, FindCertByIssuerSn) {
-    Store store;
-    CertSpec leaf = LeafSpec("Leaf", StandardRoot());
-    leaf.serial = {0x7F, 0x01};
-    DorvexX509Cert *first = store.Add(testpki::IssueCert(leaf).Der());
-    leaf.subject = testpki::SimpleName({{"CN", "Leaf again"}});
-    store.Add(testpki::IssueCert(leaf).Der());
-    const DorvexX509Name &issuer = first->certInfo.issuer;
-    DorvexAsnBigint serial = first->certInfo.serialNumber;
-    EXPECT_EQ(DorvexPkiFindCertByIssuerSn(&store.ctx, &issuer, &serial), first);
-    EXPECT_EQ(DorvexPkiFindCertByIssuerSn(&store.ctx, &first->certInfo.subject, &serial), nullptr);
-    const uint8_t padded[] = {0x00, 0x7F, 0x01};
-    serial.data = padded;
-    serial.len = sizeof(padded);
-    EXPECT_EQ(DorvexPkiFindCertByIssuerSn(&store.ctx, &issuer, &serial), nullptr);
-}
-
 // Of the certificates named like the CRL's issuer, only one with the
 // signing key and cRLSign in its key usage signs it.
 TEST(PkiStore, FindCrlIssuerSkipsUnfitCandidates) {
