@@ -535,36 +535,6 @@ TEST(PkiList, CapacityAndStableSort) {
     }
 }
 
-TEST(PkiStore, SixteenItemsDuplicatesAndReferences) {
-    Store store;
-    const auto selfSigned = [](uint8_t serial) {
-        CertSpec s = RootSpec("Root " + std::to_string(serial), "ca-2048");
-        s.serial = {serial};
-        return testpki::IssueCert(s).Der();
-    };
-    const auto crlNumbered = [](uint8_t number) {
-        testpki::CrlSpec crl;
-        crl.issuer = StandardRoot();
-        crl.crlNumber = Bytes{number};
-        return testpki::MakeCrl(crl);
-    };
-    const Bytes first = selfSigned(1), firstCrl = crlNumbered(1);
-    for (uint8_t i = 1; i <= DORVEX_LIST_CAPACITY; ++i) {
-        EXPECT_EQ(store.Add(i == 1 ? first : selfSigned(i))->refCount, 2);
-        EXPECT_EQ(store.AddCrl(i == 1 ? firstCrl : crlNumbered(i))->refCount, 2);
-    }
-    // Another record with a stored signature value is a duplicate, even when full.
-    DorvexX509Cert *twin = store.Decode(first);
-    EXPECT_EQ(DorvexPkiStoreAddCert(&store.ctx, twin), DORVEX_ERR_CERT_EXISTS);
-    DorvexX509Crl *crlTwin = store.DecodeCrl(firstCrl);
-    EXPECT_EQ(DorvexPkiStoreAddCrl(&store.ctx, crlTwin), DORVEX_ERR_CRL_EXISTS);
-    DorvexX509Cert *extra = store.Decode(selfSigned(17));
-    EXPECT_EQ(DorvexPkiStoreAddCert(&store.ctx, extra), DORVEX_ERR_LIST_FULL);
-    DorvexX509Crl *extraCrl = store.DecodeCrl(crlNumbered(17));
-    EXPECT_EQ(DorvexPkiStoreAddCrl(&store.ctx, extraCrl), DORVEX_ERR_LIST_FULL);
-    // ~Store checks that every count is back at 1 once the store lets go.
-}
-
 // Of the certificates named like the CRL's issuer, only one with the
 // signing key and cRLSign in its key usage signs it.
 TEST(PkiStore, FindCrlIssuerSkipsUnfitCandidates) {
