@@ -1,10 +1,6 @@
 // The PKI store and path verification over generated hierarchies: dates,
-// issuers, key usage, path length, CRL choice and the revocation rules, with
-// each plain verdict cross-checked against OpenSSL's own path validation.
-#include <openssl/x509_vfy.h>
-
+// issuers, key usage, path length, CRL choice and the revocation rules.
 #include <deque>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,7 +21,7 @@ using Entries = std::vector<testpki::RevokedEntry>;
 
 constexpr int64_t kT = 1748736000;  // 2025-06-01 00:00:00 UTC, the usual verifyTime
 constexpr int64_t kDay = 86400;
-constexpr int kKeyCompromise = 1, kAffiliationChanged = 3, kSuperseded = 4, kCessation = 5;
+constexpr int kKeyCompromise = 1, kSuperseded = 4;
 
 testpki::Time At(int64_t seconds) {
     return testpki::TimeAt(seconds);
@@ -160,7 +156,6 @@ struct ChainPlan {
 
 struct Chain {
     Credential root, ca, leaf;
-    Bytes rootCrl, caCrl;  // empty when the plan leaves them out
     DorvexX509Cert *leafCert = nullptr;
 };
 
@@ -181,7 +176,7 @@ Chain BuildChain(Store &store, const ChainPlan &plan = {}) {
     store.Add(c.ca);
     c.leafCert = store.Add(c.leaf);
     if (plan.rootCrl) {
-        store.AddCrl(c.rootCrl = Crl(c.root, plan.rootRevoked));
+        store.AddCrl(Crl(c.root, plan.rootRevoked));
     }
     if (plan.caCrl) {
         testpki::CrlSpec s;
@@ -190,7 +185,7 @@ Chain BuildChain(Store &store, const ChainPlan &plan = {}) {
         if (plan.caCrlPlan != nullptr) {
             plan.caCrlPlan(s);
         }
-        store.AddCrl(c.caCrl = testpki::MakeCrl(s));
+        store.AddCrl(testpki::MakeCrl(s));
     }
     return c;
 }
@@ -200,56 +195,6 @@ struct Extra {
     std::vector<Credential> certs;
     std::vector<Bytes> crls;
 };
-
-// X509_verify_cert with Root as the only trust anchor, the other
-// certificates as untrusted and every CRL, at kT, as the differential
-// target runs it (fuzz/fuzz_diff_path.cpp): CRLs handed to the context,
-// where OpenSSL also finds indirect ones, with extended CRL support.
-bool OpensslAccepts(const Chain &c, const Extra &extra) {
-    std::unique_ptr<X509_STORE, testpki::Deleter<X509_STORE_free>> store(X509_STORE_new());
-    EXPECT_EQ(X509_STORE_add_cert(store.get(), c.root.cert.get()), 1);
-    // The stacks borrow their items; freeing them leaves the items alone.
-    auto freeCerts = [](STACK_OF(X509) * stack) { sk_X509_free(stack); };
-    std::unique_ptr<STACK_OF(X509), decltype(freeCerts)> chain(sk_X509_new_null(), freeCerts);
-    sk_X509_push(chain.get(), c.ca.cert.get());
-    for (const Credential &cert : extra.certs) {
-        sk_X509_push(chain.get(), cert.cert.get());
-    }
-    auto freeCrls = [](STACK_OF(X509_CRL) * stack) { sk_X509_CRL_pop_free(stack, X509_CRL_free); };
-    std::unique_ptr<STACK_OF(X509_CRL), decltype(freeCrls)> crls(sk_X509_CRL_new_null(), freeCrls);
-    std::vector<const Bytes *> ders = {&c.rootCrl, &c.caCrl};
-    for (const Bytes &der : extra.crls) {
-        ders.push_back(&der);
-    }
-    for (const Bytes *der : ders) {
-        const uint8_t *p = der->data();
-        X509_CRL *crl =
-            der->empty() ? nullptr : d2i_X509_CRL(nullptr, &p, static_cast<long>(der->size()));
-        EXPECT_TRUE(der->empty() || (crl != nullptr && sk_X509_CRL_push(crls.get(), crl) > 0));
-    }
-    std::unique_ptr<X509_STORE_CTX, testpki::Deleter<X509_STORE_CTX_free>> ctx(
-        X509_STORE_CTX_new());
-    EXPECT_EQ(X509_STORE_CTX_init(ctx.get(), store.get(), c.leaf.cert.get(), chain.get()), 1);
-    X509_STORE_CTX_set0_crls(ctx.get(), crls.get());
-    X509_VERIFY_PARAM *param = X509_STORE_CTX_get0_param(ctx.get());
-    X509_VERIFY_PARAM_set_flags(param, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL |
-                                           X509_V_FLAG_EXTENDED_CRL_SUPPORT);
-    X509_VERIFY_PARAM_set_time(param, static_cast<time_t>(kT));
-    return X509_verify_cert(ctx.get()) == 1;
-}
-
-// CA re-keyed under its name (serial 0x21), with a CRL of the new key only;
-// key identifiers, by which OpenSSL tells the two keys apart.
-Extra NewKeyCrl(const Chain &) {
-    CertSpec s = CaSpec("CA", StandardRoot(), "other-2048");
-    s.serial = {0x21};
-    s.subjectKeyId = true;
-    testpki::CrlSpec crl;
-    crl.issuer = testpki::IssueCredential(s);
-    const Bytes keyId = testpki::der::Seq({testpki::der::Tlv(0x80, crl.issuer.key.KeyId())});
-    crl.extraExtensions = {{"authorityKeyIdentifier", false, keyId}};
-    return {{crl.issuer}, {testpki::MakeCrl(crl)}};
-}
 
 // A CRL signer named "CA" with a key of its own, not a CA: a CRL it signs
 // is not signed with the key that issued the leaf.
@@ -297,12 +242,9 @@ Extra IndirectListing(const Chain &c) {
     return CrlaCrl(entries);
 }
 
-enum Openssl { kDiffers, kAgrees, kNotAsked };
-
-// The leaf of the standard chain, changed one way per row. Where this
-// system departs from OpenSSL on purpose, the row asserts its own rule and
-// that OpenSSL answers otherwise; each such row is one of the intended
-// differences of the differential target, which found most of them.
+// The leaf of the standard chain, changed one way per row. Rows marked
+// "differs" depart from OpenSSL on purpose (fuzz/fuzz_diff_path.cpp allows
+// exactly these differences).
 TEST(PkiVerify, LeafPathTable) {
     static const Credential otherRoot = testpki::IssueCredential(RootSpec("Root2", "root2-4096"));
     const uint32_t kRevoked = DORVEX_ERR_CERT_REVOKED;
@@ -310,99 +252,84 @@ TEST(PkiVerify, LeafPathTable) {
         const char *name;
         ChainPlan plan;
         uint32_t expected;
-        Openssl openssl;
         Extra (*extra)(const Chain &) = nullptr;
         uint32_t strict = 0;
     } rows[] = {
         // clang-format off
-        {"valid chain", {}, 0, kAgrees},
-        {"leaf at notBefore", {.leaf = [](auto &s) { s.notBefore = At(kT); }}, 0, kAgrees},
+        {"valid chain", {}, 0},
+        {"leaf at notBefore", {.leaf = [](auto &s) { s.notBefore = At(kT); }}, 0},
         {"one second before notBefore", {.leaf = [](auto &s) { s.notBefore = At(kT + 1); }},
-         DORVEX_ERR_CERT_NOT_YET_VALID, kAgrees},
+         DORVEX_ERR_CERT_NOT_YET_VALID},
         {"one second past notAfter", {.leaf = [](auto &s) { s.notAfter = At(kT - 1); }},
-         DORVEX_ERR_CERT_EXPIRED, kAgrees},
-        {"differs: leaf's notAfter at the time", {.leaf = [](auto &s) { s.notAfter = At(kT); }},
-         0, kDiffers},
-        {"notAfter with fractional seconds",
-         {.leaf = [](auto &s) { s.notAfter = testpki::Gen("20491231235959.5Z"); }},
-         DORVEX_ERR_TIME_FORMAT, kNotAsked},
+         DORVEX_ERR_CERT_EXPIRED},
+        {"differs: leaf's notAfter at the time", {.leaf = [](auto &s) { s.notAfter = At(kT); }}, 0},
         {"issuer without keyCertSign",
          {.ca = [](auto &s) { s.keyUsage = testpki::KeyUsage::Of(testpki::ku::kCrlSign); }},
-         DORVEX_ERR_NO_ROOT, kNotAsked},
+         DORVEX_ERR_NO_ROOT},
         {"issuer without basic constraints", {.ca = [](auto &s) { s.basicConstraints.reset(); }},
-         DORVEX_ERR_NO_ROOT, kNotAsked},
-        {"wrong root", {.ca = [](auto &s) { s.issuer = otherRoot; }}, DORVEX_ERR_NO_ROOT, kAgrees},
+         DORVEX_ERR_NO_ROOT},
+        {"wrong root", {.ca = [](auto &s) { s.issuer = otherRoot; }}, DORVEX_ERR_NO_ROOT},
         {"differs: CA key of 1024 bits",
          {.ca = [](auto &s) { s.subjectKey = testpki::Key::GenerateRsa(1024); }},
-         DORVEX_ERR_NO_ROOT, kDiffers},
-        {"expired CA fails as the CRL signer", {.ca = [](auto &s) { s.notAfter = At(kT - 1); }},
-         DORVEX_ERR_CERT_EXPIRED, kNotAsked},
+         DORVEX_ERR_NO_ROOT},
         {"differs: critical certificate policies", {.leaf = [](auto &s) {
              const Bytes anyPolicy = testpki::der::Seq({testpki::der::Seq({testpki::der::Oid("2.5.29.32.0")})});
              s.extraExtensions = {{"certificatePolicies", true, anyPolicy}}; }},
-         DORVEX_ERR_CERT_CRITICAL_EXT, kDiffers},
+         DORVEX_ERR_CERT_CRITICAL_EXT},
         {"P-384 CA: leaf and CRL signed by ECDSA",
          {.ca = [](auto &s) { s.subjectKey = testpki::LoadTestKey("ec-p384"); },
-          .caCrlPlan = [](auto &c) { c.digest = testpki::Digest::Sha384; }}, 0, kAgrees},
+          .caCrlPlan = [](auto &c) { c.digest = testpki::Digest::Sha384; }}, 0},
         {"RSASSA-PSS: CA (SHA-512), leaf and CA's CRL",
          {.ca = [](auto &s) { s.pss = true, s.digest = testpki::Digest::Sha512; },
           .leaf = [](auto &s) { s.pss = true; }, .caCrlPlan = [](auto &c) { c.pss = true; }},
-         0, kNotAsked},
+         0},
         // Revocation: end entities by date unless strict, CAs by date only
         // when superseded; the leaf's CA is judged the same way on the path.
-        {"leaf revoked before the time", {.caRevoked = Revokes(0x10, -1)}, kRevoked, kAgrees},
-        {"leaf revoked at the very second", {.caRevoked = Revokes(0x10, 0)}, kRevoked, kNotAsked},
-        {"differs: leaf revoked after the time", {.caRevoked = Revokes(0x10, 1)}, 0, kDiffers},
+        {"leaf revoked before the time", {.caRevoked = Revokes(0x10, -1)}, kRevoked},
+        {"leaf revoked at the very second", {.caRevoked = Revokes(0x10, 0)}, kRevoked},
+        {"differs: leaf revoked after the time", {.caRevoked = Revokes(0x10, 1)}, 0},
         {"leaf revoked after the time, strict", {.caRevoked = Revokes(0x10, 1)}, kRevoked,
-         kNotAsked, nullptr, 1},
+         nullptr, 1},
         {"strict, superseded a day later", {.caRevoked = Revokes(0x10, 1, kSuperseded)}, 0,
-         kNotAsked, nullptr, 1},
-        {"strict, affiliationChanged a day earlier",
-         {.caRevoked = Revokes(0x10, -1, kAffiliationChanged)}, kRevoked, kNotAsked, nullptr, 1},
+         nullptr, 1},
         {"leaf listed twice, later date first",
-         {.caRevoked = {Revokes(0x10, 1)[0], Revokes(0x10, -1)[0]}}, kRevoked, kNotAsked},
+         {.caRevoked = {Revokes(0x10, 1)[0], Revokes(0x10, -1)[0]}}, kRevoked},
         {"differs: leaf entry with reason removeFromCRL", {.caRevoked = Revokes(0x10, -1, 8)},
-         kRevoked, kDiffers},
-        {"other serial only", {.caRevoked = Revokes(0x11, -1, {})}, 0, kAgrees},
-        {"CA revoked before the time", {.rootRevoked = Revokes(0x20, -1)}, kRevoked, kAgrees},
+         kRevoked},
+        {"CA revoked before the time", {.rootRevoked = Revokes(0x20, -1)}, kRevoked},
         {"differs: CA superseded after the time", {.rootRevoked = Revokes(0x20, 1, kSuperseded)},
-         0, kDiffers},
+         0},
         {"CA superseded a day earlier", {.rootRevoked = Revokes(0x20, -1, kSuperseded)},
-         kRevoked, kAgrees},
-        {"CA, cessationOfOperation at the time", {.rootRevoked = Revokes(0x20, 0, kCessation)},
-         kRevoked, kNotAsked},
-        {"CA, no reason, a day later", {.rootRevoked = Revokes(0x20, 1, {})}, kRevoked, kNotAsked},
-        {"differs: root listed in its own CRL", {.rootRevoked = Revokes(0x01, -1)}, 0, kDiffers},
+         kRevoked},
+        {"CA, no reason, a day later", {.rootRevoked = Revokes(0x20, 1, {})}, kRevoked},
+        {"differs: root listed in its own CRL", {.rootRevoked = Revokes(0x01, -1)}, 0},
         // CRL choice: every CRL in scope is read, one revocation is enough,
         // and a current CRL of the right signer must be among them.
-        {"missing CRL", {.caCrl = false}, DORVEX_ERR_NO_CRL, kAgrees},
-        {"no CRL of the root", {.rootCrl = false}, DORVEX_ERR_NO_CRL, kNotAsked},
+        {"missing CRL", {.caCrl = false}, DORVEX_ERR_NO_CRL},
+        {"no CRL of the root", {.rootCrl = false}, DORVEX_ERR_NO_CRL},
         {"differs: CA's CRL issued after the time",
-         {.caCrlPlan = [](auto &c) { c.thisUpdate = At(kT + kDay); }}, 0, kDiffers},
+         {.caCrlPlan = [](auto &c) { c.thisUpdate = At(kT + kDay); }}, 0},
         {"differs: CRL's nextUpdate at the time",
-         {.caCrlPlan = [](auto &c) { c.nextUpdate = At(kT); }}, 0, kDiffers},
+         {.caCrlPlan = [](auto &c) { c.nextUpdate = At(kT); }}, 0},
         {"only CRL expired", {.caCrlPlan = [](auto &c) { c.nextUpdate = At(kT - 1); }},
-         DORVEX_ERR_NO_CRL, kNotAsked},
-        {"expired CRL listing the leaf beats a current one", {}, kRevoked, kNotAsked,
+         DORVEX_ERR_NO_CRL},
+        {"expired CRL listing the leaf beats a current one", {}, kRevoked,
          [](const Chain &c) -> Extra { return {{}, {Crl(c.ca, Revokes(0x10, -1), At(kT - 1))}}; }},
         {"nextUpdate unreadable: not current, but its revocation counts", {.caCrl = false},
-         kRevoked, kNotAsked, [](const Chain &c) -> Extra {
+         kRevoked, [](const Chain &c) -> Extra {
              return {{}, {Crl(c.ca, Revokes(0x10, -1), testpki::Gen("20491231235959.5Z"))}}; }},
-        {"signer under another root only", {.caCrl = false}, DORVEX_ERR_NO_CRL, kNotAsked,
+        {"signer under another root only", {.caCrl = false}, DORVEX_ERR_NO_CRL,
          ForeignCaCrl},
-        {"another key of the CA's name only", {.caCrl = false}, DORVEX_ERR_NO_CRL, kNotAsked,
+        {"another key of the CA's name only", {.caCrl = false}, DORVEX_ERR_NO_CRL,
          OtherKeyCrl},
-        {"differs: only a CRL of the re-keyed CA's new key",
-         {.ca = [](auto &s) { s.subjectKeyId = true; }, .caCrl = false}, DORVEX_ERR_NO_CRL,
-         kDiffers, NewKeyCrl},
         {"indirect CRL of CRLA speaks for the leaf that names it",
-         {.leaf = NamesCrla, .caCrl = false}, 0, kAgrees, [](const Chain &) { return CrlaCrl({}); }},
+         {.leaf = NamesCrla, .caCrl = false}, 0, [](const Chain &) { return CrlaCrl({}); }},
         {"indirect CRL of CRLA, not named by the leaf", {.caCrl = false}, DORVEX_ERR_NO_CRL,
-         kNotAsked, [](const Chain &) { return CrlaCrl({}); }},
+         [](const Chain &) { return CrlaCrl({}); }},
         {"indirect CRL listing serial 0x10 of CRLA's own", {.leaf = NamesCrla, .caCrl = false}, 0,
-         kNotAsked, [](const Chain &) { return CrlaCrl(Revokes(0x10, -1)); }},
+         [](const Chain &) { return CrlaCrl(Revokes(0x10, -1)); }},
         {"differs: indirect CRL lists the leaf, CA's own does not", {.leaf = NamesCrla},
-         kRevoked, kDiffers, IndirectListing},
+         kRevoked, IndirectListing},
         // clang-format on
     };
     for (const auto &row : rows) {
@@ -416,11 +343,7 @@ TEST(PkiVerify, LeafPathTable) {
         for (const Bytes &crl : extra.crls) {
             store.AddCrl(crl);
         }
-        const uint32_t ours = store.Verify(c.leafCert, row.strict);
-        EXPECT_EQ(ours, row.expected);
-        if (row.openssl != kNotAsked) {
-            EXPECT_EQ(OpensslAccepts(c, extra), (ours == 0) == (row.openssl == kAgrees));
-        }
+        EXPECT_EQ(store.Verify(c.leafCert, row.strict), row.expected);
     }
     Store store;
     DorvexX509Cert *root = store.Add(StandardRoot());
@@ -460,51 +383,6 @@ TEST(PkiVerify, PathLengthAndLoops) {
     store.Add(testpki::IssueCredential(b));
     DorvexX509Cert *leaf = store.Add(testpki::IssueCredential(LeafSpec("Leaf", credA)));
     EXPECT_EQ(store.Verify(leaf), DORVEX_ERR_NO_ROOT);
-}
-
-// A chain of depth 8 whose certificates all name CRLA, which signs one
-// indirect CRL for every CA: CRLA's own path is judged once, so the work
-// stays linear in the depth (it used to grow exponentially).
-TEST(PkiVerify, DeepChainOfIndirectCrls) {
-    Store store;
-    const Credential &root = StandardRoot();
-    store.Add(root);
-    store.Add(Crla());
-    store.AddCrl(Crl(root));
-    Credential issuer = root;
-    DorvexX509Cert *last = nullptr;
-    for (int i = 1; i <= 8; ++i) {
-        CertSpec plan =
-            i == 8 ? LeafSpec("Leaf", issuer) : CaSpec("CA" + std::to_string(i), issuer);
-        plan.serial = {static_cast<uint8_t>(0x40 + i)};
-        if (i > 1) {
-            NamesCrla(plan);
-        }
-        issuer = testpki::IssueCredential(plan);
-        last = store.Add(issuer);
-    }
-    store.AddCrl(CrlaCrl({}).crls[0]);
-    EXPECT_EQ(store.Verify(last), 0u);
-    EXPECT_LE(store.ctx.pki->work, 40u);
-}
-
-// Two CA certificates of one name and key: the first added that is trusted
-// issues; when it is revoked, the other one still does.
-TEST(PkiVerify, EveryIssuerIsTried) {
-    for (bool firstRevoked : {false, true}) {
-        Store store;
-        CertSpec plan = CaSpec("CA", StandardRoot());
-        const Credential ca = testpki::IssueCredential(plan);
-        plan.serial = {0x21};  // same name and key, another record
-        store.Add(StandardRoot());
-        DorvexX509Cert *caCert = store.Add(ca);
-        DorvexX509Cert *twinCert = store.Add(testpki::IssueCredential(plan));
-        DorvexX509Cert *leaf = store.Add(testpki::IssueCredential(LeafSpec("Leaf", ca)));
-        store.AddCrl(Crl(StandardRoot(), firstRevoked ? Revokes(0x20, -1) : Entries{}));
-        store.AddCrl(Crl(ca));
-        EXPECT_EQ(store.Verify(leaf), 0u);
-        EXPECT_EQ(leaf->issuerCert, firstRevoked ? twinCert : caCert) << firstRevoked;
-    }
 }
 
 TEST(PkiList, CapacityAndStableSort) {
