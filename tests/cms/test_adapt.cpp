@@ -1,7 +1,5 @@
 #include "cms/adapt/adapt.h"
 
-#include <time.h>
-
 #include <string>
 #include <vector>
 
@@ -36,7 +34,6 @@ TEST(AdaptBase64, Decode) {
         {"blank after a line break", "QUJD\n RA==", nullptr},
         {"three pads", "Q===", nullptr},
         {"data after padding", "QQ==QQ==", nullptr},
-        {"tab", "QU\tJD", nullptr},
         {"lone CR", "QUJD\rRA==", nullptr},
         {"CR as last byte", "QUJD\r", nullptr},
         {"high byte", "QUJ\xc4", nullptr},
@@ -58,29 +55,6 @@ TEST(AdaptBase64, Decode) {
     uint32_t len = 4;
     ASSERT_EQ(DorvexBase64Decode(six, 6, dst, &len), DORVEX_OK);
     EXPECT_EQ(len * 10 + dst[0], 50u);
-}
-
-// Every day of 1601 to 2099 at the first and last days of each month and
-// the leap day, against timegm; years before 1901 are taken as written too.
-TEST(AdaptMktime, MatchesTimegm) {
-    for (int year = 1601; year <= 2099; ++year) {
-        for (int month = 1; month <= 12; ++month) {
-            for (int day : {1, 28, 29, 30, 31}) {
-                struct tm tm = {58, 59, 23, day, month - 1, year - 1900, 0, 0, 0, 0, nullptr};
-                const time_t expect = timegm(&tm);
-                if (tm.tm_mday != day) {  // no such date
-                    continue;
-                }
-                DorvexDatetime d{static_cast<uint16_t>(year),
-                                 static_cast<uint8_t>(month),
-                                 static_cast<uint8_t>(day),
-                                 23,
-                                 59,
-                                 58};
-                ASSERT_EQ(DorvexMktime(&d), expect) << year << "-" << month << "-" << day;
-            }
-        }
-    }
 }
 
 }  // namespace

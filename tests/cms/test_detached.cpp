@@ -50,12 +50,10 @@ struct TempDir {
     ~TempDir() { std::filesystem::remove_all(path); }
 };
 
-// Trust material beside the signature: the demo root as trusted
-// certificate, then a CRL file with the root's CRL, the CA's CRL (unless
-// none) and the CA certificate, optionally also the root certificate.
+// The demo root trusted; a CRL file with the root's CRL, the CA's CRL
+// (unless none) and the CA certificate.
 struct Trust {
     std::optional<Bytes> caCrl = Pki().caCrl;
-    bool rootInCrlFile = false;
     Bytes rootCrl = Pki().rootCrl;
 };
 
@@ -66,9 +64,6 @@ CtxPtr NewCtx(const Trust &trust = {}) {
                                         {"CERTIFICATE", Pki().ca.cert.Der()}};
     if (trust.caCrl) {
         blocks.push_back({"X509 CRL", *trust.caCrl});
-    }
-    if (trust.rootInCrlFile) {
-        blocks.push_back({"CERTIFICATE", root});
     }
     const Bytes crls = Text(tp::PemBundle(blocks));
     EXPECT_EQ(DorvexVerifyAddCrl(ctx.get(), crls.data(), static_cast<uint32_t>(crls.size())),
@@ -246,7 +241,6 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
         {"content of several read pieces",
          [] { return tp::MakePackage(Pki(), tp::Fault::None, Pieces()); }, DORVEX_OK},
         {"PEM CMS armour", [] { return Armoured(tp::Armour::PemCms); }, DORVEX_OK},
-        {"PEM PKCS7 armour", [] { return Armoured(tp::Armour::PemPkcs7); }, DORVEX_OK},
         {"SHA-512, imprint SHA-384", [] { return Signed([](auto &p) {
              p.digest = tp::Digest::Sha512, p.timestamp->digest = tp::Digest::Sha512;
              p.timestamp->imprintDigest = tp::Digest::Sha384; }); }, DORVEX_OK},
@@ -266,8 +260,6 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
         {"signature label ECDSA on an RSA key", [] { return Labelled("1.2.840.10045.4.3.2"); }, kAlg, 0},
         {"signature label SHA-384 beside a SHA-256 digest",
          [] { return Labelled("1.2.840.113549.1.1.12"); }, kAlg, 0},
-        {"signature label RSA with the digest's SHA-256",
-         [] { return Labelled("1.2.840.113549.1.1.11"); }, DORVEX_OK},
         {"tampered signed attribute", [] { return Fault(tp::Fault::TamperedSignedAttr); },
          DORVEX_ERR_SIGNATURE, 0},
         {"two message digests", [] {
@@ -298,9 +290,6 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
         {"token with ESS v1 (SHA-1 certificate hash)",
          [] { return Signed([](auto &p) { p.timestamp->attrs = tp::TokenAttrs::EssCertId; }); },
          DORVEX_OK},
-        {"token with ESS v2 naming its SHA-512 hash",
-         [] { return Signed([](auto &p) { p.timestamp->essDigest = tp::Digest::Sha512; }); },
-         DORVEX_OK},
         {"token's ESS v1 names another certificate", [] { return Signed([](auto &p) {
              p.timestamp->attrs = tp::TokenAttrs::EssCertId, p.timestamp->essCert = Pki().ca.cert;
          }); }, DORVEX_ERR_TS_CERT_NOT_FOUND, 0},
@@ -315,10 +304,6 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
         {"signer: code signing listed second", [] {
              return SignedBy(EndEntity("leaf-2048", "codeSigning", [](auto &s) {
                  s.extKeyUsage->purposes = {"serverAuth", "codeSigning"}; })); }, DORVEX_OK},
-        {"signer: keyAgreement and decipherOnly is no digitalSignature", [] {
-             return SignedBy(EndEntity("leaf-2048", "codeSigning", [](auto &s) {
-                 s.keyUsage = tp::KeyUsage::Of(tp::ku::kKeyAgreement, tp::ku::kDecipherOnlySecondOctet);
-             })); }, kUsage, 0},
         {"TSA without time stamping", [] { return Fault(tp::Fault::TsaWithoutTimeStamping); },
          kUsage, 0},
         {"TSA usage not critical",
@@ -358,18 +343,10 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
              c.thisUpdate = tp::Utc("250101000000Z"), c.nextUpdate = tp::Utc("250601000000Z"); })}},
         {"CA's only CRL is a delta CRL", {}, kNoCrl, 0, Trust{CaCrl({}, [](auto &c) {
              c.extraExtensions = {{"deltaCRL", true, tp::der::Integer(Bytes{0x01})}}; })}},
-        {"CRL file carries the root too", {}, DORVEX_OK, 1, Trust{Pki().caCrl, true}},
         {"CA's CRL only for CAs: says nothing of the leaf", {}, kNoCrl, 0, Trust{ScopedCrl(true, false)}},
         {"root's CRL only for users: says nothing of the CA", {}, kNoCrl, 0,
          Trust{.rootCrl = ScopedCrl(false, true)}},
         {"CA's CRL only for users", {}, DORVEX_OK, 1, Trust{ScopedCrl(false, false)}},
-        {"CA's CRL of 100,000 entries, the leaf's among them", {}, kRevoked, 0,
-         Trust{CaCrl({}, [](tp::CrlSpec &c) {
-             for (uint32_t i = 0; i < 100000; ++i) {
-                 c.revoked.push_back({tp::SerialFromU64(0x100000 + i), tp::Utc("250101000000Z"), {}});
-             }
-             c.revoked.insert(c.revoked.begin() + 50000,
-                              {kLeafSerial, tp::Utc("250101000000Z"), kKeyCompromise}); })}},
         {"garbage", [] { return Fault(tp::Fault::Garbage); }, kCms, 0},
         {"text before the PEM header", [] {
              tp::Package p = Armoured(tp::Armour::PemCms);
@@ -489,9 +466,7 @@ TEST(DetachedSignature, EntryChecksAndFiles) {
          DORVEX_ERR_PARAM},
         {"quick: empty content path", quick("", sig), DORVEX_ERR_PARAM},
         {"quick: content missing", quick(dir.path / "none", sig), DORVEX_ERR_FILE_OPEN},
-        {"quick: content is a folder", quick(dir.path, sig), DORVEX_ERR_FILE_TYPE},
         {"quick: content is a FIFO without writer", quick(fifo, sig), DORVEX_ERR_FILE_TYPE},
-        {"quick: content is an endless device", quick("/dev/zero", sig), DORVEX_ERR_FILE_TYPE},
         {"quick: signature is a FIFO without writer", quick(content, fifo), DORVEX_ERR_FILE_TYPE},
         {"quick: signature of 2,000,001 bytes", quick(content, dir.path / "over"),
          DORVEX_ERR_FILE_TOO_LARGE},
@@ -504,12 +479,6 @@ TEST(DetachedSignature, EntryChecksAndFiles) {
         EXPECT_EQ(r.call(ctx.get()), r.expect);
         EXPECT_NE(result, 1u);
     }
-    CtxPtr ctx = NewCtx();
-    ctx->size = 383;
-    EXPECT_EQ(DorvexVerifyDetachSignatureBegin(ctx.get(), data, 40), DORVEX_ERR_CTX_SIZE);
-    EXPECT_EQ(DorvexVerifyDetachSignatureFinal(ctx.get(), &result), DORVEX_ERR_CTX_SIZE);
-    EXPECT_EQ(DorvexVerifyDetachSignatureQuick(ctx.get(), "a", "b", &result), DORVEX_ERR_CTX_SIZE);
-    ctx->size = DORVEX_VRF_CTX_SIZE;
 }
 
 }  // namespace

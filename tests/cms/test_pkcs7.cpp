@@ -1,12 +1,9 @@
-// SignedData and timestamp-token decoding: signatures and tokens made by
-// OpenSSL at test time, read back field by field against what OpenSSL itself
-// reports for the same bytes, the structural limits (certificates, signers,
-// signer identifier form) and hostile inputs.
+// SignedData decoding of signatures made by OpenSSL at test time: what is
+// kept of them, the structural limits (certificates, signers, signer
+// identifier form) and hostile inputs.
 #include "cms/asn1/pkcs7.h"
 
 #include <openssl/cms.h>
-#include <openssl/ts.h>
-#include <openssl/x509.h>
 
 #include <functional>
 #include <string>
@@ -34,22 +31,6 @@ Bytes Asn1Bytes(const ASN1_STRING *s) {
                : Bytes(ASN1_STRING_get0_data(s), ASN1_STRING_get0_data(s) + ASN1_STRING_length(s));
 }
 
-// DER of an OpenSSL object through its i2d function.
-template <typename T>
-Bytes I2d(int (*i2d)(const T *, unsigned char **), const T *object) {
-    unsigned char *out = nullptr;
-    const int len = i2d(object, &out);
-    Bytes der(out, out + (len > 0 ? len : 0));
-    OPENSSL_free(out);
-    return der;
-}
-
-// Identifier content octets, as the decoder keeps them.
-Bytes OidContent(const ASN1_OBJECT *oid) {
-    const Bytes der = I2d(i2d_ASN1_OBJECT, oid);
-    return Bytes(der.begin() + 2, der.end());
-}
-
 const Bytes kContent = {'s', 'u', 'm', 's', '\n'};
 constexpr char kIdData[] = "1.2.840.113549.1.7.1";
 
@@ -65,18 +46,12 @@ const tp::Cert &EcCert() {
     return cert;
 }
 
-tp::TimestampSpec Stamp() {
-    tp::TimestampSpec plan;
-    plan.tsa = Pki().tsa;
-    return plan;
-}
-
 // The package signature: leaf signer, leaf and CA certificates, a token.
 Bytes Sign(void (*edit)(tp::SignSpec &) = nullptr) {
     tp::SignSpec plan;
     plan.signer = Pki().leaf;
     plan.certs = {Pki().leaf.cert, Pki().ca.cert};
-    plan.timestamp = Stamp();
+    plan.timestamp.emplace().tsa = Pki().tsa;
     if (edit != nullptr) {
         edit(plan);
     }
@@ -109,29 +84,8 @@ struct Decoded {
     ~Decoded() { DorvexPkcs7FreeSigned(record); }
 };
 
-// One signer against OpenSSL's reading of the same SignerInfo.
-void ExpectSigner(const DorvexPkcs7SignedInfo &ours, CMS_SignerInfo *si) {
-    ASN1_OCTET_STRING *keyId = nullptr;
-    X509_NAME *issuer = nullptr;
-    ASN1_INTEGER *serial = nullptr;
-    ASSERT_EQ(CMS_SignerInfo_get0_signer_id(si, &keyId, &issuer, &serial), 1);
-    EXPECT_EQ(Content(ours.issuerAndSerial.serialNumber), Asn1Bytes(serial));
-    X509_ALGOR *digestAlg = nullptr;
-    CMS_SignerInfo_get0_algs(si, nullptr, nullptr, &digestAlg, nullptr);
-    const ASN1_OBJECT *digestOid = nullptr;
-    X509_ALGOR_get0(&digestOid, nullptr, nullptr, digestAlg);
-    EXPECT_EQ(Content(ours.digestAlgorithm.algorithm), OidContent(digestOid));
-    EXPECT_EQ(Content(ours.signature), Asn1Bytes(CMS_SignerInfo_get0_signature(si)));
-    const auto *token = static_cast<const ASN1_STRING *>(CMS_unsigned_get0_data_by_OBJ(
-        si, OBJ_nid2obj(NID_id_smime_aa_timeStampToken), -3, V_ASN1_SEQUENCE));
-    EXPECT_EQ(Content(ours.unsignedAttrs.timestampToken), Asn1Bytes(token));
-    auto *digest = static_cast<ASN1_OCTET_STRING *>(CMS_signed_get0_data_by_OBJ(
-        si, OBJ_nid2obj(NID_pkcs9_messageDigest), -3, V_ASN1_OCTET_STRING));
-    EXPECT_EQ(Content(ours.signedAttrs.messageDigest), Asn1Bytes(digest));
-    EXPECT_EQ(ours.signedAttrsRaw.data == nullptr, CMS_signed_get_attr_count(si) < 0);
-}
-
-// A decoded SignedData against OpenSSL's reading of the same DER.
+// A decoded SignedData against OpenSSL's reading of the same DER (field by
+// field it is the differential fuzz target's).
 void ExpectLikeOpenssl(const Bytes &der, const DorvexPkcs7Content &ours) {
     const uint8_t *p = der.data();
     std::unique_ptr<CMS_ContentInfo, tp::Deleter<CMS_ContentInfo_free>> cms(
@@ -147,17 +101,12 @@ void ExpectLikeOpenssl(const Bytes &der, const DorvexPkcs7Content &ours) {
     STACK_OF(X509) *certs = CMS_get1_certs(cms.get());
     ASSERT_EQ(sd.certList.count, certs == nullptr ? 0 : sk_X509_num(certs));
     ASSERT_EQ(sd.certificates.count, static_cast<uint32_t>(sd.certList.count));
+    sk_X509_pop_free(certs, X509_free);
     for (int i = 0; i < sd.certList.count; ++i) {
         EXPECT_EQ(static_cast<const DorvexX509Cert *>(sd.certList.items[i])->refCount, 1);
-        EXPECT_EQ(Content(sd.certificates.certs[i]), I2d(i2d_X509, sk_X509_value(certs, i)));
     }
-    sk_X509_pop_free(certs, X509_free);
-    STACK_OF(CMS_SignerInfo) *infos = CMS_get0_SignerInfos(cms.get());
-    ASSERT_EQ(sd.signerInfos.count, static_cast<uint32_t>(sk_CMS_SignerInfo_num(infos)));
-    for (uint32_t i = 0; i < sd.signerInfos.count; ++i) {
-        ExpectSigner(sd.signerInfos.signerInfo[i],
-                     sk_CMS_SignerInfo_value(infos, static_cast<int>(i)));
-    }
+    EXPECT_EQ(sd.signerInfos.count,
+              static_cast<uint32_t>(sk_CMS_SignerInfo_num(CMS_get0_SignerInfos(cms.get()))));
 }
 
 TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
@@ -177,8 +126,6 @@ TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
         uint32_t expected;
     } rows[] = {
         {"two certificates, signed attributes, token, SHA-256", Sign(), DORVEX_OK},
-        {"SHA-512", Sign([](Plan &s) { s.digest = tp::Digest::Sha512; }), DORVEX_OK},
-        {"no signed attributes", Sign([](Plan &s) { s.signedAttrs = false; }), DORVEX_OK},
         {"no certificates", Sign([](Plan &s) { s.certs.clear(); }), DORVEX_OK},
         {"no signers", Sign([](Plan &s) { s.noSigner = true; s.timestamp.reset(); }), DORVEX_OK},
         {"a timestamp token on its own", tp::TimestampTokenOf(Sign()), DORVEX_OK},
@@ -230,42 +177,6 @@ TEST(Pkcs7Signed, TrailingBytesAndSharedCertificates) {
     EXPECT_EQ(kept->refCount, 1);
     EXPECT_EQ(Content(kept->tbsRaw), tbs);
     DorvexX509FreeCert(kept);
-}
-
-// A TSTInfo with every optional field (accuracy, ordering, nonce, tsa,
-// extensions) against OpenSSL's reading; the plain ones are read through
-// every package the detached tests verify.
-TEST(Pkcs7TstInfo, DecodesWhatOpensslReports) {
-    tp::TimestampSpec stamp = Stamp();
-    stamp.serial = Bytes(20, 0x7F);
-    std::vector<Bytes> fields = Children(tp::MakeTstInfo(stamp, kContent));
-    fields.push_back(tp::der::Seq({tp::der::Integer(Bytes{1})}));  // accuracy
-    fields.push_back(tp::der::Boolean(true));                      // ordering
-    fields.push_back(tp::der::Integer(Bytes{0x00, 0x9A, 0xBC}));   // nonce
-    fields.push_back(Tlv(0xA0, Tlv(0xA4, tp::der::Seq({}))));      // tsa: directoryName
-    fields.push_back(Tlv(0xA1, tp::der::Seq({tp::der::Oid("1.2.3.4"),
-                                             tp::der::OctetString(Bytes{5})})));  // extensions
-    const Bytes der = tp::der::Seq(fields);
-    void *record = nullptr;
-    uint32_t used = 0;
-    ASSERT_EQ(
-        DorvexAsnDecode(der.data(), der.size(), &g_itemDorvexTimestampInfo, 0, &record, &used),
-        DORVEX_OK);
-    EXPECT_EQ(used, der.size());
-    const auto *ours = static_cast<const DorvexTimestampInfo *>(record);
-    const uint8_t *p = der.data();
-    TS_TST_INFO *tst = d2i_TS_TST_INFO(nullptr, &p, static_cast<long>(der.size()));
-    ASSERT_NE(tst, nullptr);
-    EXPECT_EQ(Content(ours->genTime), Asn1Bytes(TS_TST_INFO_get_time(tst)));
-    EXPECT_EQ(ours->genTime.tagCode, static_cast<uint32_t>(V_ASN1_GENERALIZEDTIME));
-    TS_MSG_IMPRINT *imprint = TS_TST_INFO_get_msg_imprint(tst);
-    const ASN1_OBJECT *alg = nullptr;
-    X509_ALGOR_get0(&alg, nullptr, nullptr, TS_MSG_IMPRINT_get_algo(imprint));
-    EXPECT_EQ(Content(ours->messageImprint.hashAlgorithm.algorithm), OidContent(alg));
-    EXPECT_EQ(Content(ours->messageImprint.hashedMessage),
-              Asn1Bytes(TS_MSG_IMPRINT_get_msg(imprint)));
-    TS_TST_INFO_free(tst);
-    DorvexAsnFree(record, &g_itemDorvexTimestampInfo);
 }
 
 }  // namespace
