@@ -74,26 +74,6 @@ constexpr DorvexAsnTempl Row(const DorvexAsnItem *item, uint32_t offset, uint16_
     return DorvexAsnTempl{item, tag, mode, flags, offset, 0};
 }
 
-TEST(DerCursor, GetAndSeek) {
-    const uint8_t data[3] = {1, 2, 3};
-    DorvexBuf buf{};
-    EXPECT_EQ(DorvexBufInit(&buf, data, 0), DORVEX_ERR_PARAM);
-    EXPECT_EQ(DorvexBufInit(&buf, nullptr, 3), DORVEX_ERR_PARAM);
-    ASSERT_EQ(DorvexBufInit(&buf, data, 3), DORVEX_OK);
-    // (offset, whence, result, position after)
-    const int64_t rows[][4] = {{3, 1, DORVEX_OK, 3},   {1, 1, DORVEX_FAIL, 3},
-                               {-3, 1, DORVEX_OK, 0},  {-1, 1, DORVEX_FAIL, 0},
-                               {1, 0, DORVEX_FAIL, 0}, {INT64_MAX, 1, DORVEX_FAIL, 0},
-                               {2, 1, DORVEX_OK, 2}};
-    for (const auto &r : rows) {
-        EXPECT_EQ(DorvexBufSeek(&buf, r[0], static_cast<int32_t>(r[1])), r[2]) << r[0];
-        EXPECT_EQ(buf.pos, r[3]) << r[0];
-    }
-    uint8_t b = 0;
-    EXPECT_EQ(DorvexBufGet(&buf, &b) * 10 + b, 3u);
-    EXPECT_EQ(DorvexBufGet(&buf, &b), DORVEX_ERR_BUF_END);
-}
-
 // Every primitive item: the value comes out as hex content (octets, bits,
 // bigint), decimal (INTEGER, ENUMERATED, BOOLEAN) or the hex key usage word.
 TEST(DerPrimitive, Table) {

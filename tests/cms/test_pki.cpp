@@ -70,9 +70,8 @@ Bytes Crl(const Credential &issuer, Entries revoked = {},
     return testpki::MakeCrl(s);
 }
 
-// A zeroed verify context with a store. Decoded records keep one reference
-// of the test's own, so the tests can watch the store's reference counts;
-// the DER they point into lives as long as the object.
+// A verify context with a store; the test keeps a reference of its own to
+// each decoded record, and the DER they point into.
 class Store {
   public:
     Store() {
@@ -107,8 +106,7 @@ class Store {
         return crl;
     }
 
-    // An outermost verification; checks that *valid agrees with the code
-    // and that the nesting counter is back at rest.
+    // An outermost verification: *valid agrees, the nesting counter is at rest.
     uint32_t Verify(DorvexX509Cert *cert, uint32_t strict = 0) {
         uint32_t valid = 7;
         const uint32_t ret = DorvexPkiVerifyCert(&ctx, cert, 1, strict, &valid);
@@ -137,8 +135,7 @@ class Store {
     std::vector<DorvexX509Crl *> crls_;
 };
 
-// The root is signed once per test process: its RSA-4096 signature is the
-// slow part, and no plan changes it.
+// Signed once per process: the RSA-4096 signature is the slow part.
 const Credential &StandardRoot() {
     static const Credential root = testpki::IssueCredential(RootSpec("Root"));
     return root;
@@ -243,8 +240,8 @@ Extra IndirectListing(const Chain &c) {
 }
 
 // The leaf of the standard chain, changed one way per row. Rows marked
-// "differs" depart from OpenSSL on purpose (fuzz/fuzz_diff_path.cpp allows
-// exactly these differences).
+// "differs" depart from OpenSSL on purpose: intended differences of the
+// differential target (fuzz/fuzz_diff_path.cpp).
 TEST(PkiVerify, LeafPathTable) {
     static const Credential otherRoot = testpki::IssueCredential(RootSpec("Root2", "root2-4096"));
     const uint32_t kRevoked = DORVEX_ERR_CERT_REVOKED;
@@ -351,9 +348,8 @@ TEST(PkiVerify, LeafPathTable) {
     EXPECT_EQ(root->issuerCert, root);
 }
 
-// Root, then length - 1 certificates each issued by the one before, each CA
-// with a CRL; and a loop: A issued by B and B by A. Each certificate is
-// judged once, so the work grows with the length, not with its powers.
+// Chains of 11 and 12 certificates, and a loop (A issued by B, B by A); each
+// certificate is judged once, so the work grows with the length only.
 TEST(PkiVerify, PathLengthAndLoops) {
     for (int length : {11, 12}) {
         Store store;
