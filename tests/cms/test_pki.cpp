@@ -273,13 +273,6 @@ TEST(PkiVerify, LeafPathTable) {
              const Bytes anyPolicy = testpki::der::Seq({testpki::der::Seq({testpki::der::Oid("2.5.29.32.0")})});
              s.extraExtensions = {{"certificatePolicies", true, anyPolicy}}; }},
          DORVEX_ERR_CERT_CRITICAL_EXT},
-        {"P-384 CA: leaf and CRL signed by ECDSA",
-         {.ca = [](auto &s) { s.subjectKey = testpki::LoadTestKey("ec-p384"); },
-          .caCrlPlan = [](auto &c) { c.digest = testpki::Digest::Sha384; }}, 0},
-        {"RSASSA-PSS: CA (SHA-512), leaf and CA's CRL",
-         {.ca = [](auto &s) { s.pss = true, s.digest = testpki::Digest::Sha512; },
-          .leaf = [](auto &s) { s.pss = true; }, .caCrlPlan = [](auto &c) { c.pss = true; }},
-         0},
         // Revocation: end entities by date unless strict, CAs by date only
         // when superseded; the leaf's CA is judged the same way on the path.
         {"leaf revoked before the time", {.caRevoked = Revokes(0x10, -1)}, kRevoked},
