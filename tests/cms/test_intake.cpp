@@ -303,33 +303,25 @@ TEST(CrlInfo, ReportsEveryCrlItCanReadAndDropsTheRest) {
     EXPECT_EQ(d.ctx->verifyTime, tp::EpochOf(tp::Utc(kT1)));
 }
 
+// Garbage and unreadable files are the crl_info tool tests' rows.
 TEST(CrlInfo, RefusesWhatItCannotReport) {
     std::vector<Bytes> many;
     for (int day = 10; day < 27; ++day) {
         many.push_back(RootCrl("2407" + std::to_string(day) + "000000Z"));
     }
-    const Bytes noCert = RootCrl(kT0), garbage(100, 0x5A), seventeen = CrlFile(many);
-    struct Row {
-        const char *name;
-        const Bytes *input;
-        const char *path;  // DorvexDecodeCrlFile when set
+    const struct {
+        Bytes input;
         uint32_t expect;
     } rows[] = {
-        {"garbage", &garbage, nullptr, DORVEX_ERR_CRL_DECODE},
         // The signer is in the store already, yet the file must carry its CAs.
-        {"no certificate", &noCert, nullptr, DORVEX_ERR_CRL_DECODE},
-        {"17 CRLs", &seventeen, nullptr, DORVEX_ERR_CRL_TOO_MANY},
-        {"missing file", nullptr, "/nonexistent/crl.pem", DORVEX_ERR_FILE_OPEN},
+        {RootCrl(kT0), DORVEX_ERR_CRL_DECODE},
+        {CrlFile(many), DORVEX_ERR_CRL_TOO_MANY},
     };
     for (const auto &r : rows) {
-        SCOPED_TRACE(r.name);
         CtxPtr ctx = TrustingCtx();
         DorvexCrlInfoList stale{};
         DorvexCrlInfoList *list = &stale;
-        EXPECT_EQ(r.path != nullptr
-                      ? DorvexDecodeCrlFile(ctx.get(), r.path, &list)
-                      : DorvexDecodeCrl(ctx.get(), r.input->data(), r.input->size(), &list),
-                  r.expect);
+        EXPECT_EQ(DorvexDecodeCrl(ctx.get(), r.input.data(), r.input.size(), &list), r.expect);
         EXPECT_EQ(list, nullptr);  // no stale pointer left behind
     }
 }
