@@ -36,16 +36,6 @@ constexpr char kIdData[] = "1.2.840.113549.1.7.1";
 
 using vt_test::Pki;
 
-const tp::Cert &EcCert() {
-    static const tp::Cert cert = [] {
-        tp::CertSpec plan;
-        plan.subjectKey = tp::LoadTestKey("ec-secp256k1");
-        plan.issuer = Pki().ca;
-        return tp::IssueCert(plan);
-    }();
-    return cert;
-}
-
 // The package signature: leaf signer, leaf and CA certificates, a token.
 Bytes Sign(void (*edit)(tp::SignSpec &) = nullptr) {
     tp::SignSpec plan;
@@ -139,8 +129,6 @@ TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
         {"signer named by subject key identifier", Edit([](auto &signer) {
              signer[0] = tp::der::Integer(Bytes{3});
              signer[1] = Tlv(0x80, Pki().leaf.key.KeyId()); }, true), kBad},
-        {"carried certificate with a secp256k1 key",
-         Sign([](Plan &s) { s.certs = {Pki().leaf.cert, EcCert()}; }), kBad},
         {"truncated by one byte", truncated, kBad},
         {"garbage", Bytes{'n', 'o', 't', ' ', 'D', 'E', 'R'}, kBad},
         {"id-data content instead of SignedData", idData, kBad},
