@@ -7,7 +7,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <string>
+#include <initializer_list>
 #include <vector>
 
 #include <gtest/gtest.h>
