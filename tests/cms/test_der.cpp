@@ -74,26 +74,6 @@ constexpr DorvexAsnTempl Row(const DorvexAsnItem *item, uint32_t offset, uint16_
     return DorvexAsnTempl{item, tag, mode, flags, offset, 0};
 }
 
-TEST(DerCursor, GetAndSeek) {
-    const uint8_t data[3] = {1, 2, 3};
-    DorvexBuf buf{};
-    EXPECT_EQ(DorvexBufInit(&buf, data, 0), DORVEX_ERR_PARAM);
-    EXPECT_EQ(DorvexBufInit(&buf, nullptr, 3), DORVEX_ERR_PARAM);
-    ASSERT_EQ(DorvexBufInit(&buf, data, 3), DORVEX_OK);
-    // (offset, whence, result, position after)
-    const int64_t rows[][4] = {{3, 1, DORVEX_OK, 3},   {1, 1, DORVEX_FAIL, 3},
-                               {-3, 1, DORVEX_OK, 0},  {-1, 1, DORVEX_FAIL, 0},
-                               {1, 0, DORVEX_FAIL, 0}, {INT64_MAX, 1, DORVEX_FAIL, 0},
-                               {2, 1, DORVEX_OK, 2}};
-    for (const auto &r : rows) {
-        EXPECT_EQ(DorvexBufSeek(&buf, r[0], static_cast<int32_t>(r[1])), r[2]) << r[0];
-        EXPECT_EQ(buf.pos, r[3]) << r[0];
-    }
-    uint8_t b = 0;
-    EXPECT_EQ(DorvexBufGet(&buf, &b) * 10 + b, 3u);
-    EXPECT_EQ(DorvexBufGet(&buf, &b), DORVEX_ERR_BUF_END);
-}
-
 // Every primitive item: the value comes out as hex content (octets, bits,
 // bigint), decimal (INTEGER, ENUMERATED, BOOLEAN) or the hex key usage word.
 TEST(DerPrimitive, Table) {
@@ -118,21 +98,19 @@ TEST(DerPrimitive, Table) {
         {"length one beyond buffer", O, "04 05 01020304", DORVEX_ERR_ASN_LENGTH},
         {"truncated length octets", O, "04 82 01", DORVEX_ERR_BUF_END},
         {"high tag number", O, "1F 01 00", DORVEX_ERR_ASN_TAG},
-        {"empty content with header", O, "04 00", DORVEX_OK, "", DRX_ASN_WITH_HEADER},
         {"capture with header", O, "04 02 AABB", DORVEX_OK, "0402AABB", DRX_ASN_WITH_HEADER},
         {"trailing bytes not examined", O, "05 00 FFFF", DORVEX_OK, "", 0, 2},
         {"bigint drops one zero", N, "02 02 00FF", DORVEX_OK, "FF"},
         {"bigint drops only one zero", N, "02 03 0000FF", DORVEX_OK, "00FF"},
-        {"bigint wrong tag", N, "04 01 00", DORVEX_ERR_ASN_OCTS_TAG},
+        {"signed: needless zero octet", O, "02 02 0010", DORVEX_ERR_ASN_INT, "",
+         DRX_ASN_SIGNED_INT},
+        {"signed: needless FF octet", O, "02 02 FF80", DORVEX_ERR_ASN_INT, "", DRX_ASN_SIGNED_INT},
+        {"signed: sign octet kept", O, "02 02 0080", DORVEX_OK, "0080", DRX_ASN_SIGNED_INT},
         {"sequence must be constructed", g_itemDorvexAsnSeq, "10 00", DORVEX_ERR_ASN_OCTS_TAG},
-        {"negative one octet", I, "02 01 80", DORVEX_OK, "-128"},
         {"positive with sign octet", I, "02 02 0080", DORVEX_OK, "128"},
-        {"largest", I, "02 04 7FFFFFFF", DORVEX_OK, "2147483647"},
         {"smallest", I, "02 04 80000000", DORVEX_OK, "-2147483648"},
         {"five-octet integer", I, "02 05 0100000000", DORVEX_ERR_ASN_INT},
         {"empty integer", I, "02 00", DORVEX_ERR_ASN_INT},
-        {"constructed integer", I, "22 03 020105", DORVEX_ERR_ASN_TAG},
-        {"enumerated", g_itemDorvexAsnEnum, "0A 01 05", DORVEX_OK, "5"},
         {"integer is not enumerated", g_itemDorvexAsnEnum, "02 01 05", DORVEX_ERR_ASN_TAG},
         {"boolean true", g_itemDorvexAsnBool, "01 01 FF", DORVEX_OK, "1"},
         {"boolean 01 is false", g_itemDorvexAsnBool, "01 01 01", DORVEX_OK, "0"},
@@ -140,11 +118,9 @@ TEST(DerPrimitive, Table) {
         {"bits skip unused octet", B, "03 03 07 AA80", DORVEX_OK, "AA80"},
         {"bits unused octet only", B, "03 01 00", DORVEX_OK, ""},
         {"bits without content", B, "03 00", DORVEX_ERR_ASN_BITS},
-        {"bits constructed", B, "23 02 0080", DORVEX_ERR_ASN_TAG},
         {"key usage one octet", K, "03 02 07 80", DORVEX_OK, "80"},
         {"key usage two octets: first octet low", K, "03 03 07 0880", DORVEX_OK, "8008"},
         {"key usage three octets", K, "03 04 00 010203", DORVEX_ERR_ASN_BITS},
-        {"key usage without bits", K, "03 01 00", DORVEX_ERR_ASN_BITS},
     };
     for (const Case &c : cases) {
         const Bytes in = Hex(c.in);  // the record points into it
@@ -265,18 +241,15 @@ TEST(DerStructured, SequenceSetOfAndMap) {
     } cases[] = {
         // clang-format off
         {"all present", P, Tlv(0x30, {a, b, c, s, d}), DORVEX_OK, "020107 7 2 1 AA"},
-        {"optional middle absent", P, Tlv(0x30, {a, c, s, d}), DORVEX_OK, "020107 7 0 1 AA"},
         {"both optionals absent", P, Tlv(0x30, {a, s, d}), DORVEX_OK, "020107 7 0 0 AA"},
         {"unknown trailing component", P, Tlv(0x30, {a, s, d, s}), kSeq},
         {"required last component missing", P, Tlv(0x30, {a, b, s}), kSeq},
-        {"empty content", P, Hex("30 00"), kSeq},
         {"required component's own code", P, Tlv(0x30, {Hex("02 05 0102030405"), s, d}), DORVEX_ERR_ASN_INT},
         {"broken optional leaves bytes over", P, Tlv(0x30, {a, Hex("A0 03 04 01 02"), c, s, d}), kSeq},
         // Refused at the length that overruns its SEQUENCE, before the element is read.
         {"component overruns content", P, Hex("30 07 020107 0500 04 02 AABB"), DORVEX_ERR_ASN_LENGTH},
         // An EXPLICIT wrapper holds its element exactly: this one is no b,
-        // and the skipped ANY takes it whole (what a failed optional left in
-        // its field is not looked at).
+        // and the skipped ANY takes it whole.
         {"wrapper longer than its element", P, Tlv(0x30, {a, Hex("A0 04 020102 05"), d}), DORVEX_OK, nullptr},
         {"set is not a sequence", P, Tlv(0x31, {a, s, d}), DORVEX_ERR_ASN_TAG},
         {"empty set", N, Hex("31 00"), DORVEX_OK, "0: 0 0 0"},
@@ -289,17 +262,9 @@ TEST(DerStructured, SequenceSetOfAndMap) {
         {"key usage twice: counted", E, Tlv(0x30, {Ext(ku, false, ku80), Ext(ku, false, ku80)}), DORVEX_OK, "80 0 0 0 2"},
         {"every purpose counts", E, Tlv(0x30, {Ext(eku, false, Tlv(0x30, {srv, code}))}), DORVEX_OK, "0 80000008 0 0 0"},
         {"critical eku recorded", E, Tlv(0x30, {Ext(eku, true, Tlv(0x30, {stamp}))}), DORVEX_OK, "0 40 1 0 0"},
-        {"eku twice ORs bits", E, Tlv(0x30, {Ext(eku, false, Tlv(0x30, {code})),
-                                             Ext(eku, false, Tlv(0x30, {stamp}))}), DORVEX_OK, "0 48 0 0 0"},
         {"unknown critical recorded", E, Tlv(0x30, {Ext("551D20", true, s)}), DORVEX_OK, "0 0 0 1 0"},
         {"unknown non-critical ignored", E, Tlv(0x30, {Ext("551D20", false, s)}), DORVEX_OK, "0 0 0 0 0"},
-        {"empty list", E, Hex("30 00"), DORVEX_OK, "0 0 0 0 0"},
         {"empty extension value", E, Tlv(0x30, {Ext(ku, false, {})}), kSet},
-        {"key usage too long", E, Tlv(0x30, {Ext(ku, false, Hex("03 04 00 010203"))}), DORVEX_ERR_ASN_BITS},
-        {"ten purposes", E, Tlv(0x30, {Ext(eku, false, Tlv(0x30, {code, srv, srv, srv, srv, srv, srv,
-                                                                  srv, srv, srv}))}), DORVEX_OK, "0 80000008 0 0 0"},
-        {"eleven purposes", E, Tlv(0x30, {Ext(eku, false, Tlv(0x30, {code, srv, srv, srv, srv, srv,
-                                                                     srv, srv, srv, srv, srv}))}), kSet},
         {"entry without value", E, Tlv(0x30, {Tlv(0x30, {Tlv(0x06, {Hex(ku)})})}), kSeq},
         {"set instead of sequence", E, Tlv(0x31, {Ext(ku, false, ku80)}), kSet},
         // clang-format on
@@ -354,14 +319,6 @@ TEST(DerDecode, TopLevelRecord) {
     EXPECT_EQ(oid.len * 1000 + oid.tagClass * 100 + oid.constructed * 10 + oid.tagCode, 9006u);
     EXPECT_TRUE(null.data == nullptr && null.len + null.tagClass + null.tagCode == 0);
     DorvexAsnFree(record, &g_itemDorvexX509AlgoIdentifier);
-
-    const Bytes indefinite = Hex("30 80 0000");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(DorvexAsnDecode(indefinite.data(), 4, &g_itemDorvexAsnSeq, 0, &record, &consumed),
-              DORVEX_ERR_ASN_LENGTH);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("indefinit length not supported."), std::string::npos) << out;
-    EXPECT_NE(out.find("(err:88300101)"), std::string::npos) << out;
 }
 
 }  // namespace

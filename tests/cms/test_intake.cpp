@@ -1,20 +1,19 @@
-// Verify context and trust-material intake: certificates and CRLs made by
-// OpenSSL through testpki, fed as DER streams, PEM text and files, and read
-// back from the context's store.
+// Verify context and trust-material intake (DER streams, PEM text, files)
+// read back from the context's store; CRL information and CRL-set comparison
+// over CRL files of the demo root and its CA, each in a context of its own.
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <openssl/x509.h>
 
 #include "cms/dorvex.h"
 #include "cms/pki/pki.h"
-#include "tests/support/syslog_capture.h"
 #include "tests/support/cms_fixture.h"
 #include "tools/testpki/testpki.h"
 
@@ -61,62 +60,16 @@ TEST(VrfCtx, CreateAndEntryChecks) {
             CtxPtr owned(ctx);
             EXPECT_EQ(ctx->size, 384u);
             EXPECT_EQ(Counts(ctx) + ctx->rawBuffers.count + ctx->processes.count, 0);
-            EXPECT_EQ(ctx->verifyTime + ctx->pathDepth, 0);
         }
     }
     EXPECT_EQ(DorvexVrfCtxFree(nullptr), DORVEX_ERR_PARAM);
-    EXPECT_EQ(strlen(DorvexGetVersion()), DORVEX_VERSION_LEN);
-
-    // Every intake function: null context, size field, null or empty input;
-    // argument errors are logged under "InternalCheckParam..." names.
-    enum Call { kCert, kCrl, kCertFile, kCrlFile };
-    const Bytes der = Pki().root.cert.Der();
-    auto invoke = [&der](Call call, DorvexVrfCtx *ctx, bool noInput) {
-        const uint8_t *data = noInput && call == kCert ? nullptr : der.data();
-        const uint32_t len = noInput && call == kCrl ? 0 : 40;
-        const char *path = noInput ? nullptr : "x";
-        switch (call) {
-            case kCert:
-                return DorvexVerifyAddCert(ctx, data, len);
-            case kCrl:
-                return DorvexVerifyAddCrl(ctx, data, len);
-            case kCertFile:
-                return DorvexVerifyAddCertFile(ctx, path);
-            default:
-                return DorvexVerifyAddCrlFile(ctx, path);
-        }
-    };
-    const struct {
-        Call call;
-        bool nullCtx, badSize, noInput;
-        uint32_t expect;
-        const char *reportedBy;  // null: not logged
-    } calls[] = {
-        {kCert, true, false, false, DORVEX_ERR_NULL_CTX, nullptr},
-        {kCert, false, true, false, DORVEX_ERR_CTX_SIZE, nullptr},
-        {kCert, false, false, true, DORVEX_ERR_PARAM, "InternalCheckParamVerifyAddCert"},
-        {kCrl, true, false, false, DORVEX_ERR_NULL_CTX, nullptr},
-        {kCrl, false, true, false, DORVEX_ERR_CTX_SIZE, nullptr},
-        {kCrl, false, false, true, DORVEX_ERR_PARAM, "InternalCheckParamVerifyAddCrl"},
-        {kCertFile, true, false, false, DORVEX_ERR_NULL_CTX, nullptr},
-        {kCertFile, false, true, false, DORVEX_ERR_CTX_SIZE, nullptr},
-        {kCertFile, false, false, true, DORVEX_ERR_PARAM, "InternalCheckParamVerifyAddCertFile"},
-        // The CRL file refuses a null context like a null path, before the size check.
-        {kCrlFile, true, false, false, DORVEX_ERR_PARAM, nullptr},
-        {kCrlFile, false, true, false, DORVEX_ERR_CTX_SIZE, nullptr},
-        {kCrlFile, false, false, true, DORVEX_ERR_PARAM, nullptr},
-    };
-    for (const auto &r : calls) {
-        const int row = static_cast<int>(&r - calls);
-        CtxPtr ctx = NewCtx();
-        ctx->size = r.badSize ? 383 : 384;
-        vt_test::ClearSyslog();
-        EXPECT_EQ(invoke(r.call, r.nullCtx ? nullptr : ctx.get(), r.noInput), r.expect) << row;
-        EXPECT_EQ(vt_test::CapturedSyslog().empty(), r.reportedBy == nullptr) << row;
-        EXPECT_TRUE(r.reportedBy == nullptr || Logged(r.reportedBy, "")) << row;
-        ctx->size = 384;
-        EXPECT_EQ(Counts(ctx.get()) + ctx->rawBuffers.count, 0) << row;
-    }
+    // Entry points refuse a context whose size field is not this build's.
+    CtxPtr ctx = NewCtx();
+    ctx->size = 383;
+    EXPECT_EQ(DorvexVerifyAddCert(ctx.get(), Pki().root.cert.Der().data(), 40),
+              DORVEX_ERR_CTX_SIZE);
+    EXPECT_EQ(DorvexVerifyAddCrlFile(ctx.get(), "x"), DORVEX_ERR_CTX_SIZE);
+    ctx->size = DORVEX_VRF_CTX_SIZE;
 }
 
 uint32_t CrlDecoderCode(const Bytes &garbage) {
@@ -135,13 +88,9 @@ TEST(Intake, CertificatesAndCrls) {
     std::string damaged = CertPem(p.ca), unterminated = CertPem(p.ca);
     damaged[40] = '*';  // inside the base64 body
     unterminated.resize(unterminated.find("-----END"));
-    std::string mislabelled = CertPem(p.ca);
-    mislabelled.replace(mislabelled.find("END CERTIFICATE"), 15, "END X509 CRL");
     const Bytes mixedPem = Text(tp::PemBundle({{"CERTIFICATE", p.ca.cert.Der()},
                                                {"PUBLIC KEY", p.ca.key.PublicKeyDer()},
                                                {"X509 CRL", p.caCrl}}));
-    const char *addCrl = "DorvexVerifyAddCrl";
-    const char *kPemWalk = "InternalDecodePemCertCrl", *kInvalid = "Invalid PEM block";
     std::string tenDamaged;
     for (int i = 0; i < 10; ++i) {
         tenDamaged += damaged;
@@ -151,9 +100,8 @@ TEST(Intake, CertificatesAndCrls) {
         bool crlIntake;  // DorvexVerifyAddCrl, else DorvexVerifyAddCert
         Bytes input;
         uint32_t expect;
-        int32_t counts;                     // certificates * 10 + CRLs
-        const char *logFunction = nullptr;  // a record expected from this function...
-        const char *logText = "";           // ...holding this text
+        int32_t counts;             // certificates * 10 + CRLs
+        const char *log = nullptr;  // a record of InternalDecodePemCertCrl holding this
     } rows[] = {
         {"root DER", false, root, DORVEX_OK, 10},
         {"37 bytes", false, Bytes(root.begin(), root.begin() + 37), DORVEX_ERR_INPUT_FORMAT, 0},
@@ -161,36 +109,22 @@ TEST(Intake, CertificatesAndCrls) {
         {"DER + 33 bytes garbage", false, rootAnd33, CrlDecoderCode(garbage33), 0},
         {"DER: CRL, cert, cert", false, tp::ConcatDer({p.rootCrl, root, p.ca.cert.Der()}),
          DORVEX_OK, 20},
-        {"DER: CRL only", false, p.rootCrl, DORVEX_FAIL, 0, "DorvexVerifyAddCert",
-         "No certificate"},
+        {"DER: CRL only", false, p.rootCrl, DORVEX_FAIL, 0},
         {"PEM: cert, public key, CRL", false, mixedPem, DORVEX_OK, 10},
-        {"PEM: damaged only cert", false, Text(damaged), DORVEX_FAIL, 0, kPemWalk, kInvalid},
-        {"PEM: damaged then good", false, Text(damaged + CertPem(p.root)), DORVEX_OK, 10, kPemWalk,
-         kInvalid},
+        {"PEM: damaged only cert", false, Text(damaged), DORVEX_FAIL, 0, "Invalid PEM block"},
         {"PEM: ten damaged, four reported", false, Text(tenDamaged + CertPem(p.root)), DORVEX_OK,
-         10, kPemWalk, "6 more invalid PEM blocks skipped."},
-        {"PEM: end label of a CRL", false, Text(mislabelled), DORVEX_FAIL, 0, kPemWalk, kInvalid},
+         10, "6 more invalid PEM blocks skipped."},
         {"PEM: no end marker", false, Text(CertPem(p.root) + unterminated), DORVEX_ERR_INPUT_FORMAT,
-         0, "InternalDecodePemCertCrl"},
-        {"PEM: request label skipped", false,
-         Text(tp::PemBundle({{"CERTIFICATE REQUEST", p.ca.cert.Der()}, {"CERTIFICATE", root}})),
-         DORVEX_OK, 10},
-        {"PEM: empty body", false, Text("-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n"),
-         DORVEX_FAIL, 0, kPemWalk, kInvalid},
+         0},
         {"text before the header is DER", false, Text("\n" + CertPem(p.root)),
          CrlDecoderCode(Text("\n" + CertPem(p.root))), 0},
-        {"CRL alone: certificate warning", true, p.caCrl, DORVEX_OK, 1, addCrl,
-         "Failed to add certificate into store."},
+        {"CRL alone", true, p.caCrl, DORVEX_OK, 1},
         {"CRL with CA", true, tp::ConcatDer({p.ca.cert.Der(), p.caCrl}), DORVEX_OK, 11},
-        {"CRL with self-signed root", true, tp::ConcatDer({p.rootCrl, root}), DORVEX_OK, 1,
-         "InternalAddCertToStore", "There is a root certificate"},
-        {"CRL: PEM cert, public key, CRL", true, mixedPem, DORVEX_OK, 11},
+        {"CRL with self-signed root: not stored", true, tp::ConcatDer({p.rootCrl, root}), DORVEX_OK,
+         1},
         {"two CRLs, same twice", true, tp::ConcatDer({p.rootCrl, p.caCrl, p.rootCrl}), DORVEX_OK,
          2},
-        {"CRL: certificate only", true, p.ca.cert.Der(), DORVEX_ERR_CRL_DECODE, 0, addCrl,
-         "Failed to decode CRL"},
-        {"CRL: 37 bytes", true, Bytes(p.caCrl.begin(), p.caCrl.begin() + 37), DORVEX_ERR_CRL_DECODE,
-         0},
+        {"CRL: certificate only", true, p.ca.cert.Der(), DORVEX_ERR_CRL_DECODE, 0},
     };
     for (const auto &r : rows) {
         CtxPtr ctx = NewCtx();
@@ -200,13 +134,13 @@ TEST(Intake, CertificatesAndCrls) {
                   r.expect)
             << r.name;
         EXPECT_EQ(Counts(ctx.get()), r.counts) << r.name;
-        EXPECT_TRUE(r.logFunction == nullptr || Logged(r.logFunction, r.logText)) << r.name;
+        EXPECT_TRUE(r.log == nullptr || Logged("InternalDecodePemCertCrl", r.log)) << r.name;
     }
 }
 
 // The caller frees its buffer at once; the records point into the context's
 // own copies (the sanitizer build would report a use after free).
-TEST(Intake, RecordsOutliveTheCallersBytesAndHoldOneStoreReference) {
+TEST(Intake, RecordsOutliveTheCallersBytes) {
     const auto &p = Pki();
     CtxPtr ctx = NewCtx();
     const Bytes inputs[] = {p.root.cert.Der(), Text(CertPem(p.ca)), p.caCrl, p.root.cert.Der()};
@@ -220,30 +154,10 @@ TEST(Intake, RecordsOutliveTheCallersBytesAndHoldOneStoreReference) {
         free(copy);
     }
     ASSERT_EQ(Counts(ctx.get()), 21);  // the root again changes nothing
-    const tp::Credential *expected[] = {&p.root, &p.ca};
-    for (int i = 0; i < 2; ++i) {
-        auto *cert = static_cast<DorvexX509Cert *>(ctx->pki->certs.items[i]);
-        EXPECT_EQ(cert->refCount, 1);
-        // The tbsCertificate bytes sit at the start of the DER, behind its 4-byte header.
-        const Bytes &der = expected[i]->cert.Der();
-        ASSERT_LT(cert->tbsRaw.len + 4, der.size());
-        EXPECT_EQ(Bytes(cert->tbsRaw.data, cert->tbsRaw.data + cert->tbsRaw.len),
-                  Bytes(der.begin() + 4, der.begin() + 4 + cert->tbsRaw.len));
-    }
+    auto *ca = static_cast<DorvexX509Cert *>(ctx->pki->certs.items[1]);
     auto *crl = static_cast<DorvexX509Crl *>(ctx->pki->crls.items[0]);
-    EXPECT_EQ(crl->refCount, 1);
-    EXPECT_EQ(DorvexCompareX509Name(
-                  &crl->crlInfo.issuer,
-                  &static_cast<DorvexX509Cert *>(ctx->pki->certs.items[1])->certInfo.subject),
-              0);
-    // Sixteen buffers per context.
-    CtxPtr full = NewCtx();
-    const Bytes &root = p.root.cert.Der();
-    for (int i = 0; i < 16; ++i) {
-        ASSERT_EQ(DorvexVerifyAddCert(full.get(), root.data(), root.size()), DORVEX_OK) << i;
-    }
-    EXPECT_EQ(DorvexVerifyAddCert(full.get(), root.data(), root.size()), DORVEX_ERR_LIST_FULL);
-    EXPECT_EQ(Counts(full.get()), 10);
+    EXPECT_EQ(ca->refCount + crl->refCount, 2);
+    EXPECT_EQ(DorvexCompareX509Name(&crl->crlInfo.issuer, &ca->certInfo.subject), 0);
 }
 
 TEST(Intake, Files) {
@@ -270,24 +184,195 @@ TEST(Intake, Files) {
         {"over", false, DORVEX_ERR_FILE_TOO_LARGE, 0},
         {"empty", false, DORVEX_ERR_FILE_EMPTY, 0},
         {"missing", false, DORVEX_ERR_FILE_OPEN, 0},
-        {"", false, DORVEX_ERR_PARAM, 0},
         {"crls.der", true, DORVEX_OK, 12},
         {"over", true, DORVEX_ERR_CRL_DECODE, 0},  // within the CRL file limit
         {"crl-over", true, DORVEX_ERR_FILE_TOO_LARGE, 0},
-        {"", true, DORVEX_ERR_PARAM, 0},
-        {"max", true, DORVEX_ERR_CRL_DECODE, 0},  // certificates only
     };
     for (const auto &r : rows) {
         CtxPtr ctx = NewCtx();
-        const std::string path = *r.file == '\0' ? "" : (dir / r.file).string();
+        const std::string path = (dir / r.file).string();
         EXPECT_EQ(r.crl ? DorvexVerifyAddCrlFile(ctx.get(), path.c_str())
                         : DorvexVerifyAddCertFile(ctx.get(), path.c_str()),
                   r.expect)
             << r.file << r.crl;
         EXPECT_EQ(Counts(ctx.get()), r.counts) << r.file << r.crl;
     }
-
     std::filesystem::remove_all(dir);
+}
+
+// A CA that the contexts never see, for CRLs whose signer is unknown.
+const tp::Credential &Stranger() {
+    static const tp::Credential c = [] {
+        tp::CertSpec s;
+        s.subjectKey = tp::LoadTestKey("other-2048");
+        s.subject = tp::SimpleName({{"CN", "Stranger CA"}});
+        s.basicConstraints = tp::BasicConstraints{};
+        s.keyUsage = tp::KeyUsage::Of(tp::ku::kKeyCertSign | tp::ku::kCrlSign);
+        return tp::IssueCredential(s);
+    }();
+    return c;
+}
+
+const Bytes kCaSerial = {0x02};
+const std::string kT0 = "240601000000Z", kT1 = "240701000000Z";
+
+Bytes Crl(const tp::Credential &issuer, const std::string &thisUpdate,
+          std::vector<Bytes> revoked = {}) {
+    tp::CrlSpec s;
+    s.issuer = issuer;
+    s.thisUpdate = tp::Utc(thisUpdate);
+    for (auto &serial : revoked) {
+        s.revoked.push_back({serial, tp::Utc("240101000000Z"), std::nullopt});
+    }
+    return tp::MakeCrl(s);
+}
+Bytes RootCrl(const std::string &at, std::vector<Bytes> revoked = {}) {
+    return Crl(Pki().root, at, std::move(revoked));
+}
+Bytes CaCrl(const std::string &at) {
+    return Crl(Pki().ca, at, {{0x10, 0x7F}});
+}
+
+// A CRL file as DER: the CRLs, then the intermediate CA's certificate.
+Bytes CrlFile(std::vector<Bytes> crls) {
+    crls.push_back(Pki().ca.cert.Der());
+    return tp::ConcatDer(crls);
+}
+
+CtxPtr TrustingCtx() {
+    return vt_test::NewCtx(&Pki().root.cert.Der());
+}
+
+// One decoded set with the context it was decoded in.
+struct Decoded {
+    CtxPtr ctx = TrustingCtx();
+    DorvexCrlInfoList *list = nullptr;
+    uint32_t ret = DORVEX_FAIL;
+    explicit Decoded(const Bytes &file) {
+        ret = DorvexDecodeCrl(ctx.get(), file.data(), file.size(), &list);
+    }
+    ~Decoded() {
+        if (list != nullptr) {
+            EXPECT_EQ(DorvexCrlFree(ctx.get(), list), DORVEX_OK);
+        }
+    }
+};
+
+Bytes SerialOf(const DorvexCrlInfo *info) {
+    return Bytes(info->issuerSerial, info->issuerSerial + info->issuerSerialLen);
+}
+
+TEST(CrlInfo, ReportsEveryCrlItCanReadAndDropsTheRest) {
+    tp::CrlSpec longTime;
+    longTime.issuer = Pki().ca;
+    longTime.thisUpdate = tp::Gen("20240601000000.5Z");  // 17 characters
+    const Bytes serial33(33, 0x11);
+    vt_test::ClearSyslog();
+    Decoded d(CrlFile({RootCrl(kT0, {kCaSerial, serial33, {0x10, 0x7F}}), tp::MakeCrl(longTime),
+                       CaCrl(kT1), Crl(Stranger(), kT1)}));
+    ASSERT_EQ(d.ret, DORVEX_OK);
+    ASSERT_EQ(d.list->count, 3u);
+    EXPECT_TRUE(Logged("InternalGetCrlInfo", "update time"));
+
+    const DorvexCrlInfo *root = d.list->crlInfo[0];
+    EXPECT_STREQ(root->issuerName, "C=DE,O=Dorvex,CN=Demo Root CA");
+    EXPECT_EQ(root->verified, 1u);
+    EXPECT_EQ(root->thisUpdate, tp::EpochOf(tp::Utc(kT0)));
+    const ASN1_INTEGER *rootSerial = X509_get0_serialNumber(Pki().root.cert.get());
+    EXPECT_EQ(SerialOf(root),
+              Bytes(ASN1_STRING_get0_data(rootSerial),
+                    ASN1_STRING_get0_data(rootSerial) + ASN1_STRING_length(rootSerial)));
+    // The 33-byte serial is left out and not counted.
+    ASSERT_EQ(root->revokedCount, 2u);
+    EXPECT_EQ(Bytes(root->revoked[0].serial, root->revoked[0].serial + root->revoked[0].len),
+              kCaSerial);
+    EXPECT_EQ(root->revoked[1].len, 2u);
+
+    // The intermediate is revoked by the root's CRL, so its CRL is not trusted.
+    const DorvexCrlInfo *ca = d.list->crlInfo[1];
+    EXPECT_STREQ(ca->issuerName, "C=DE,O=Dorvex Test PKI,CN=Test Intermediate CA");
+    EXPECT_EQ(ca->verified, 0u);
+    EXPECT_EQ(SerialOf(ca), kCaSerial);
+    EXPECT_EQ(ca->revokedCount, 0u);
+
+    const DorvexCrlInfo *stranger = d.list->crlInfo[2];
+    EXPECT_STREQ(stranger->issuerName, "CN=Stranger CA");
+    EXPECT_EQ(stranger->verified, 0u);
+    EXPECT_EQ(stranger->issuerSerialLen, 0u);
+    // Left at the thisUpdate of the last CRL whose signer was found.
+    EXPECT_EQ(d.ctx->verifyTime, tp::EpochOf(tp::Utc(kT1)));
+}
+
+// Garbage and unreadable files are the crl_info tool tests' rows.
+TEST(CrlInfo, RefusesWhatItCannotReport) {
+    std::vector<Bytes> many;
+    for (int day = 10; day < 27; ++day) {
+        many.push_back(RootCrl("2407" + std::to_string(day) + "000000Z"));
+    }
+    const struct {
+        Bytes input;
+        uint32_t expect;
+    } rows[] = {
+        // The signer is in the store already, yet the file must carry its CAs.
+        {RootCrl(kT0), DORVEX_ERR_CRL_DECODE},
+        {CrlFile(many), DORVEX_ERR_CRL_TOO_MANY},
+    };
+    for (const auto &r : rows) {
+        CtxPtr ctx = TrustingCtx();
+        DorvexCrlInfoList stale{};
+        DorvexCrlInfoList *list = &stale;
+        EXPECT_EQ(DorvexDecodeCrl(ctx.get(), r.input.data(), r.input.size(), &list), r.expect);
+        EXPECT_EQ(list, nullptr);  // no stale pointer left behind
+    }
+}
+
+TEST(CrlCompare, DecidesWhichSetIsNewer) {
+    const Bytes base = CrlFile({RootCrl(kT0), CaCrl(kT0)});
+    const Bytes rootNewer = CrlFile({RootCrl(kT1), CaCrl(kT0)});
+    const Bytes caNewer = CrlFile({RootCrl(kT0), CaCrl(kT1)});
+    const Bytes rootOnly = CrlFile({RootCrl(kT0)});
+    const Bytes caRevoked = CrlFile({RootCrl(kT1, {kCaSerial})});
+    const Bytes otherRevoked = CrlFile({RootCrl(kT1, {{0x10, 0x7F}})});
+    const Bytes twoCaCrls = CrlFile({RootCrl(kT0), CaCrl(kT0), CaCrl(kT1)});
+    const Bytes untrusted = CrlFile({RootCrl(kT0), CaCrl(kT0), Crl(Stranger(), kT0)});
+    struct Row {
+        const char *name;
+        const Bytes &first, &second;
+        uint32_t expect, result;
+    } rows[] = {
+        {"itself", base, base, DORVEX_OK, 0},
+        {"root CRL later", rootNewer, base, DORVEX_OK, 1},
+        {"newer by one, older by another", rootNewer, caNewer, DORVEX_OK, 3},
+        {"more CRLs, same times", base, rootOnly, DORVEX_OK, 1},
+        {"CA CRL gone, CA revoked", caRevoked, base, DORVEX_OK, 1},
+        {"CA CRL gone, CA not revoked", otherRevoked, base, DORVEX_ERR_CRL_NOT_COMPARABLE, 3},
+        {"two CRLs of one CA", twoCaCrls, base, DORVEX_ERR_CRL_DUP_ISSUER, 3},
+        {"untrusted CRL", base, untrusted, DORVEX_ERR_CRL_SET_INVALID, 3},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.name);
+        Decoded a(r.first), b(r.second);
+        ASSERT_EQ(a.ret, DORVEX_OK);
+        ASSERT_EQ(b.ret, DORVEX_OK);
+        uint32_t result = 99;
+        EXPECT_EQ(DorvexCrlCompare(a.ctx.get(), a.list, b.list, &result), r.expect);
+        EXPECT_EQ(result, r.result);
+    }
+}
+
+// A set that claims more CRLs than it has slots is refused, not read past.
+TEST(CrlCompare, RefusesEmptyAndOverfullSets) {
+    Decoded d(CrlFile({RootCrl(kT0)}));
+    ASSERT_EQ(d.ret, DORVEX_OK);
+    DorvexCrlInfoList empty{};
+    DorvexCrlInfoList overfull = *d.list;
+    overfull.count = DORVEX_CRL_INFO_MAX + 1;
+    uint32_t result = 99;
+    EXPECT_EQ(DorvexCrlCompare(d.ctx.get(), d.list, &empty, &result), DORVEX_ERR_CRL_SET_EMPTY);
+    EXPECT_EQ(result, 99u);
+    EXPECT_EQ(DorvexCrlCompare(d.ctx.get(), &overfull, d.list, &result),
+              DORVEX_ERR_CRL_SET_INVALID);
+    EXPECT_EQ(result, 3u);
 }
 
 }  // namespace
