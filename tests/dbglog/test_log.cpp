@@ -198,7 +198,6 @@ TEST_F(DbglogRecord, SetDefaultLevel) {
         std::string message;  // empty: none
         uint8_t after;
     } rows[] = {
-        {0, 0, true, 0, 0, refused + "0) gid (0).\n", 3},
         {0, 0, true, 6, 0, refused + "6) gid (0).\n", 3},
         {0, 0, true, 5, 1, "", 5},
         {1000, 1000, true, 5, 0, refused + "5) gid (1000).\n", 3},

@@ -73,7 +73,6 @@ TEST(SecureCopy, ArgumentChecksComeFirst) {
             {fn, "destMax checked before dest", kInit, 0, "AB", kNoDest, 2, SEC_ERANGE, kInit},
             {fn, "null dest", kInit, 8, "AB", kNoDest, 2, SEC_EINVAL, kInit},
             {fn, "null src", kInit, 8, nullptr, kLit, 0, SEC_EINVAL_RESET, reset},
-            {fn, "null src before count", kInit, 8, nullptr, kLit, 20, SEC_EINVAL_RESET, reset},
         };
         for (const CopyRow &row : rows) {
             Check(row, fn);
@@ -83,7 +82,6 @@ TEST(SecureCopy, ArgumentChecksComeFirst) {
 
 const CopyRow kCopyRows[] = {
     {kMemcpy, "copies count bytes", kInit, 8, "012345678", kLit, 4, SEC_OK, "0123efgh"},
-    {kMemcpy, "count equal to destMax", kInit, 8, "012345678", kLit, 8, SEC_OK, "01234567ij"},
     {kMemcpy, "count 0 copies nothing", kInit, 8, "012345678", kLit, 0, SEC_OK, kInit},
     {kMemcpy, "(d, 4, s, 5)", kInit, 4, "012345678", kLit, 5, SEC_ERANGE_RESET, "\0\0\0\0ef"s},
     {kMemcpy, "overlap", kInit, 8, nullptr, 2, 4, SEC_EOVERLAP_RESET, "\0\0\0\0\0\0\0\0ij"s},
@@ -91,7 +89,6 @@ const CopyRow kCopyRows[] = {
     {kMemcpy, "adjacent ranges", kInit, 8, nullptr, 4, 4, SEC_OK, "efghefghij"},
 
     {kMemset, "fills count bytes", kInit, 8, "#", kLit, 4, SEC_OK, "####efgh"},
-    {kMemset, "count equal to destMax", kInit, 8, "#", kLit, 8, SEC_OK, "########ij"},
     {kMemset, "(d, 8, c, 16) fills 8 bytes", kInit, 8, "#", kLit, 16, SEC_ERANGE_RESET,
      "########ij"},
     {kMemset, "destMax 0, count 0", kInit, 0, "#", kLit, 0, SEC_OK, kInit},
@@ -157,7 +154,6 @@ TEST(Vsnprintf, Table) {
         {false, "destMax <= count, text fits", 6, 10, "%s", "hello", 5, "hello\0"s},
         {false, "destMax <= count, text of destMax", 5, 10, "%s", "hello", -1, "\0ell\0x"s},
         {false, "count above 0x7FFFFFFE", 16, 0x7FFFFFFF, "%s", "a", -1, "\0xxx"s},
-        {false, "count 0x7FFFFFFE", 16, 0x7FFFFFFE, "%s", "a", 1, "a\0xx"s},
         {false, "destMax 0", 0, 15, "%s", "a", -1, "xxxx"},
         {false, "null format", 16, 15, nullptr, "a", -1, "\0xxx"s},
         {false, "%n printed as written", 16, 15, "ab%hhn", gScratch, 6, "ab%hhn\0"s},
