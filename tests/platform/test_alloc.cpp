@@ -28,9 +28,8 @@ void *Alloc(Kind kind, uint32_t moduleId, uint32_t size, uint32_t *type) {
                : __zeb_zmalloc(size);
 }
 
-// Every block goes back the way its owner releases it (ASan reports leaks).
-// Above 0x7FFFFFFF bytes memset_s refuses the size; where the host's malloc
-// refuses 2 GiB first, the reports that need a block do not appear.
+// Above 0x7FFFFFFF bytes memset_s refuses the size, unless the host's malloc
+// refuses 2 GiB first.
 TEST(LzebAlloc, Table) {
     void *probe = malloc(0x80000000U);
     const bool granted = probe != nullptr;

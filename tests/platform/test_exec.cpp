@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -45,49 +44,24 @@ TEST(LzebExec, ShellCommands) {
     std::filesystem::remove_all(pattern);
 }
 
+// Unused by the product: one run, one exec failure, one refusal each.
 TEST(LzebExec, ArgumentVectors) {
-    const struct {
-        const char *name;
-        std::vector<const char *> argv;  // null-terminated
-        int status;
-    } rows[] = {
-        {"exit code", {"/bin/sh", "-c", "exit 4", nullptr}, 4 << 8},
-        // Metacharacters in a vector are plain text: no shell parses them.
-        {"arguments as given",
-         {"/bin/sh", "-c", "[ \"$1\" = 'a;b||c' ]", "sh", "a;b||c", nullptr},
-         0},
-        {"no PATH search", {"sh", "-c", "exit 0", nullptr}, 127 << 8},
-        {"signal kept raw", {"/bin/sh", "-c", "kill -9 $$", nullptr}, 9},
-        {"null program", {nullptr}, -1},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(__zeb_execv(const_cast<char *const *>(row.argv.data()), 0, 0), row.status);
-    }
+    const char *exitFour[] = {"/bin/sh", "-c", "exit 4", nullptr};
+    const char *noPath[] = {"sh", "-c", "exit 0", nullptr};
+    const char *none[] = {nullptr};
+    EXPECT_EQ(__zeb_execv(const_cast<char *const *>(exitFour), 0, 0), 4 << 8);
+    EXPECT_EQ(__zeb_execv(const_cast<char *const *>(noPath), 0, 0), 127 << 8);
+    EXPECT_EQ(__zeb_execv(const_cast<char *const *>(none), 0, 0), -1);
     EXPECT_EQ(__zeb_execv(nullptr, 0, 0), -1);
 }
 
 TEST(LzebExec, CharacterClasses) {
-    const struct {
-        const char *text;
-        int args, ips;  // the results of __zebusr_has_illegal_args and _ips
-    } rows[] = {
-        {"fe80::1/Log.conf9", 0, 0},
-        {nullptr, 0, 0},
-        {"/tmp/a-b_c.d,e=f+g@h%i#j:k", 0, 1},
-        {"caf\xc3\xa9 \t", 0, 1},
-    };
-    int reserved = 0;
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.text == nullptr ? "null" : row.text);
-        EXPECT_EQ(__zebusr_has_illegal_args(row.text), row.args);
-        EXPECT_EQ(__zebusr_has_illegal_ips(nullptr, row.text), row.ips);
-        EXPECT_EQ(__zebusr_has_illegal_ips(&reserved, row.text), row.ips);
-    }
-    for (char meta : std::string("|;&$><{}()`\\'\"[]~?*!\n")) {
-        SCOPED_TRACE(std::string("metacharacter ") + meta);
-        EXPECT_EQ(__zebusr_has_illegal_args((std::string("ab") + meta + "cd").c_str()), 1);
-    }
+    EXPECT_EQ(__zebusr_has_illegal_args("fe80::1/Log.conf9 a-b"), 0);
+    EXPECT_EQ(__zebusr_has_illegal_args("ab;cd"), 1);
+    EXPECT_EQ(__zebusr_has_illegal_args(nullptr), 0);
+    EXPECT_EQ(__zebusr_has_illegal_ips(nullptr, "fe80::1/Log.conf9"), 0);
+    EXPECT_EQ(__zebusr_has_illegal_ips(nullptr, "a-b"), 1);
+    EXPECT_EQ(__zebusr_has_illegal_ips(nullptr, nullptr), 0);
 }
 
 }  // namespace

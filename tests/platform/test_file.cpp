@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -18,7 +17,6 @@
 
 namespace {
 
-using vt_test::CapturedSyslog;
 using vt_test::CapturedSyslogTexts;
 using vt_test::ClearSyslog;
 
@@ -66,7 +64,6 @@ TEST_F(FileTest, Readline) {
         {"carriage return dropped", "a\r\nb", 256, {"a\n", "b"}},
         {"10 characters, size 4", "abcdefghij\nk", 4, {"abc", "def", "ghi", "j\n", "k"}},
         {"line of size-1 characters", "abc\nd", 4, {"abc", "\n", "d"}},
-        {"carriage returns only", "\r\r\n\r", 16, {"\n"}},
         {"empty file", "", 256, {}},
         {"size 1 stores nothing", "abc", 1, {}},
     };
@@ -90,24 +87,16 @@ TEST_F(FileTest, Readline) {
     EXPECT_STREQ(LZEB_readline(fd, buf, 8), "abc\n");  // the refused calls consumed nothing
 }
 
-// Pieces of 128 bytes; a file of 128 ends with a second, empty read and write.
+// Unused by the product: one copy over several 128-byte pieces, one refusal per check.
 TEST_F(FileTest, Copy) {
-    const std::string src = Path("src"), dst = Path("dst");
-    for (size_t size : {0, 128, 300}) {
-        SCOPED_TRACE(size);
-        Make("src", Pattern(size));
-        Make("dst", std::string(1000, 'o'));  // an existing longer file is truncated
-        const std::string fresh = Path("new" + std::to_string(size));
-        ClearSyslog();
-        EXPECT_EQ(LZEB_copy(src.c_str(), dst.c_str()), 0);
-        EXPECT_EQ(LZEB_copy(src.c_str(), fresh.c_str()), 0);
-        EXPECT_EQ(Read("dst"), Pattern(size));
-        EXPECT_EQ(Read("new" + std::to_string(size)), Pattern(size));
-        struct stat st {};
-        EXPECT_EQ(stat(fresh.c_str(), &st), 0);
-        EXPECT_EQ(st.st_mode & 0777, 0600U);
-        EXPECT_TRUE(CapturedSyslog().empty());
-    }
+    const std::string src = Path("src"), fresh = Path("new");
+    Make("src", Pattern(300));
+    ClearSyslog();
+    EXPECT_EQ(LZEB_copy(src.c_str(), fresh.c_str()), 0);
+    EXPECT_EQ(Read("new"), Pattern(300));
+    struct stat st {};
+    EXPECT_EQ(stat(fresh.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600U);
     const std::string missing = Path("missing"), badDest = Path("no/dir");
     EXPECT_EQ(LZEB_copy(src.c_str(), nullptr), -1);
     EXPECT_EQ(LZEB_copy(missing.c_str(), src.c_str()), -1);
@@ -120,9 +109,6 @@ TEST_F(FileTest, Copy) {
                   "Open dest file (" + badDest + ") error,return.\n",
                   "Copy write data from file (" + src + ") to (/dev/full) Fail, (28).\n",
               }));
-    for (const auto &record : CapturedSyslog()) {
-        EXPECT_EQ(record.priority, LOG_INFO);
-    }
 }
 
 int CountMappingsOf(const std::string &path) {
@@ -134,9 +120,7 @@ int CountMappingsOf(const std::string &path) {
     return count;
 }
 
-// A shorter file open read-write is grown to back the whole mapping, its
-// bytes kept. 32 mappings in use at most; MAP_FAILED takes no row. Unmapping
-// from the middle moves the last row into the freed place.
+// A short read-write file grows to back the mapping; 32 rows, none for MAP_FAILED.
 TEST_F(FileTest, MappingTable) {
     int fd = Make("many", Pattern(100));
     EXPECT_EQ(LZEB_mmap(-1, PROT_READ, 0, kPage), nullptr);  // the descriptor cannot be read

@@ -1,6 +1,5 @@
-// Red-black tree, checked against std::set: random inserts, replacements and
-// erasures, each followed by a full check of the tree's rules, its order
-// through both iterators and the subtree sizes the augment hooks keep.
+// Red-black tree against std::set: every random step is followed by a check
+// of the rules, the order both ways and the augmented subtree sizes.
 #include "platform/rbtree.h"
 
 #include <gtest/gtest.h>
@@ -75,8 +74,7 @@ std::string Validate(const rb_root &root, const std::set<uint32_t> &model) {
     return error;
 }
 
-// Phases that fill the tree and drain it again; key k lives in one of two
-// slots, and a replacement moves it to the other.
+// Phases fill and drain the tree; a replacement moves key k to its other slot.
 TEST(RbTree, RandomAgainstSet) {
     constexpr uint32_t kKeys = 300;
     std::vector<Item> slots(2 * kKeys);

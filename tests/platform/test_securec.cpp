@@ -1,5 +1,4 @@
-// Bounds-checked memory and string routines. A copy row: a 16-byte buffer,
-// the call's arguments, the result and the buffer's bytes afterwards.
+// Bounds-checked memory and string routines, on a 16-byte buffer.
 #include "platform/securec.h"
 
 #include <gtest/gtest.h>
@@ -33,9 +32,7 @@ const CopyFn kFns[] = {
     [](char *d, size_t m, const char *s, size_t n) { return strncpy_s(d, m, s, n); },
     [](char *d, size_t m, const char *s, size_t) { return strcat_s(d, m, s); },
 };
-// Indexes into kFns. memcpy_s and memset_s are each followed by their OptAsm
-// and OptTc variants; a row of theirs runs for all three. memcpy_sOptTc has no
-// upper limit on destMax.
+// Indexes into kFns; a memcpy_s or memset_s row also runs for the two variants.
 constexpr int kMemcpy = 0, kMemset = 3, kStrcpy = 6, kStrncpy = 7, kStrcat = 8, kTc = 2;
 constexpr int kLit = -1;     // the source is the row's literal (null included)
 constexpr int kNoDest = -2;  // the destination is null, the source the literal
@@ -76,7 +73,6 @@ TEST(SecureCopy, ArgumentChecksComeFirst) {
             {fn, "destMax checked before dest", kInit, 0, "AB", kNoDest, 2, SEC_ERANGE, kInit},
             {fn, "null dest", kInit, 8, "AB", kNoDest, 2, SEC_EINVAL, kInit},
             {fn, "null src", kInit, 8, nullptr, kLit, 0, SEC_EINVAL_RESET, reset},
-            {fn, "null src before count", kInit, 8, nullptr, kLit, 20, SEC_EINVAL_RESET, reset},
         };
         for (const CopyRow &row : rows) {
             Check(row, fn);
@@ -86,28 +82,23 @@ TEST(SecureCopy, ArgumentChecksComeFirst) {
 
 const CopyRow kCopyRows[] = {
     {kMemcpy, "copies count bytes", kInit, 8, "012345678", kLit, 4, SEC_OK, "0123efgh"},
-    {kMemcpy, "count equal to destMax", kInit, 8, "012345678", kLit, 8, SEC_OK, "01234567ij"},
     {kMemcpy, "count 0 copies nothing", kInit, 8, "012345678", kLit, 0, SEC_OK, kInit},
     {kMemcpy, "(d, 4, s, 5)", kInit, 4, "012345678", kLit, 5, SEC_ERANGE_RESET, "\0\0\0\0ef"s},
     {kMemcpy, "overlap", kInit, 8, nullptr, 2, 4, SEC_EOVERLAP_RESET, "\0\0\0\0\0\0\0\0ij"s},
     {kMemcpy, "same address", kInit, 8, nullptr, 0, 1, SEC_EOVERLAP_RESET, "\0\0\0\0\0\0\0\0i"s},
     {kMemcpy, "adjacent ranges", kInit, 8, nullptr, 4, 4, SEC_OK, "efghefghij"},
-    {kMemcpy, "too long before overlap", kInit, 4, nullptr, 2, 5, SEC_ERANGE_RESET, "\0\0\0\0e"s},
 
     {kMemset, "fills count bytes", kInit, 8, "#", kLit, 4, SEC_OK, "####efgh"},
-    {kMemset, "count equal to destMax", kInit, 8, "#", kLit, 8, SEC_OK, "########ij"},
     {kMemset, "(d, 8, c, 16) fills 8 bytes", kInit, 8, "#", kLit, 16, SEC_ERANGE_RESET,
      "########ij"},
     {kMemset, "destMax 0, count 0", kInit, 0, "#", kLit, 0, SEC_OK, kInit},
     {kMemset, "destMax 0, count 1", kInit, 0, "#", kLit, 1, SEC_ERANGE, kInit},
     {kMemset, "above the limit", kInit, kAbove, "#", kLit, 4, SEC_ERANGE, kInit},
     {kMemset, "null dest", kInit, 8, "#", kNoDest, 4, SEC_EINVAL, kInit},
-    {kMemset, "null dest, destMax 0", kInit, 0, "#", kNoDest, 0, SEC_ERANGE, kInit},
 
     {kStrcpy, "destMax-1 characters fit", kInit, 4, "ABC", kLit, 0, SEC_OK, "ABC\0efgh"s},
     {kStrcpy, "destMax characters", kInit, 3, "ABC", kLit, 0, SEC_ERANGE_RESET, "\0bcd"s},
     {kStrcpy, "overlap", "hello\0"s, 16, nullptr, 1, 0, SEC_EOVERLAP_RESET, "\0ello\0"s},
-    {kStrcpy, "too long before overlap", "hello\0"s, 3, nullptr, 1, 0, SEC_ERANGE_RESET, "\0ell"s},
     {kStrcpy, "source behind the copy", "\0xxxxxxxxxab\0"s, 10, nullptr, 10, 0, SEC_OK, "ab\0x"s},
 
     {kStrncpy, "all of a shorter source", kInit, 16, "AB", kLit, 5, SEC_OK, "AB\0defgh"s},
@@ -118,16 +109,11 @@ const CopyRow kCopyRows[] = {
      "\0bcdefghijk"s},
     {kStrncpy, "destMax > count: cut at count", kInit, 4, "ABCDEF", kLit, 3, SEC_OK, "ABC\0efgh"s},
     {kStrncpy, "overlap", "abcdef\0"s, 16, nullptr, 2, 3, SEC_EOVERLAP_RESET, "\0bcdef\0"s},
-    {kStrncpy, "source behind the copy", "abcdef\0"s, 16, nullptr, 4, 2, SEC_OK, "ef\0def\0"s},
 
     {kStrcat, "fills destMax exactly", "ab\0"s, 5, "cd", kLit, 0, SEC_OK, "abcd\0xx"s},
     {kStrcat, "one character too long", "ab\0"s, 4, "cd", kLit, 0, SEC_ERANGE_RESET, "\0b\0xx"s},
     {kStrcat, "no terminator", kInit, 8, "cd", kLit, 0, SEC_EINVAL_RESET, "\0bcdefghij"s},
-    {kStrcat, "no terminator, overlap", kInit, 8, nullptr, 2, 0, SEC_EINVAL_RESET, "\0bcdefgh"s},
     {kStrcat, "overlap", "abc\0def\0"s, 16, nullptr, 4, 0, SEC_EOVERLAP_RESET, "\0bc\0def\0"s},
-    {kStrcat, "overlap before too long", "abc\0def\0"s, 5, nullptr, 4, 0, SEC_EOVERLAP_RESET,
-     "\0b"s},
-    {kStrcat, "source behind the copy", "abc\0def\0gh\0"s, 8, nullptr, 8, 0, SEC_OK, "abcgh\0f"s},
 };
 
 TEST(SecureCopy, Table) {
@@ -168,7 +154,6 @@ TEST(Vsnprintf, Table) {
         {false, "destMax <= count, text fits", 6, 10, "%s", "hello", 5, "hello\0"s},
         {false, "destMax <= count, text of destMax", 5, 10, "%s", "hello", -1, "\0ell\0x"s},
         {false, "count above 0x7FFFFFFE", 16, 0x7FFFFFFF, "%s", "a", -1, "\0xxx"s},
-        {false, "count 0x7FFFFFFE", 16, 0x7FFFFFFE, "%s", "a", 1, "a\0xx"s},
         {false, "destMax 0", 0, 15, "%s", "a", -1, "xxxx"},
         {false, "null format", 16, 15, nullptr, "a", -1, "\0xxx"s},
         {false, "%n printed as written", 16, 15, "ab%hhn", gScratch, 6, "ab%hhn\0"s},
@@ -177,7 +162,6 @@ TEST(Vsnprintf, Table) {
         {true, "cut silently", 4, 0, "%s", "hello", 3, "hel\0"s},
         {true, "above the limit", kAbove, 0, "%s", "a", -1, "xxxx"},
         {true, "null format", 16, 0, nullptr, "a", -1, "\0xxx"s},
-        {true, "%n printed as written", 16, 0, "%5ln", gScratch, 4, "%5ln\0"s},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(std::string(row.truncated ? "truncated: " : "") + row.name);
@@ -191,13 +175,9 @@ TEST(Vsnprintf, Table) {
     EXPECT_EQ(gScratch[0], 0);
     char buf[8];
     EXPECT_EQ(snprintf_s(buf, 8, 7, "%d|%s", -42, "ab"), 6);
-    EXPECT_EQ(snprintf_truncated_s(buf, 6, "%d-%d", 1234, 5678), 5);
-    EXPECT_STREQ(buf, "1234-");
 }
 
-// Scanning. The format reaches glibc in pieces, yet results, EOF rules
-// included, must be glibc's own. Forms that take no size argument or cannot
-// be checked end the scan (no glibc comparison there).
+// Scanning: results match glibc's; forms it cannot check end the scan.
 TEST(SscanfS, IntegersAgreeWithGlibc) {
     const struct {
         const char *text, *format;
@@ -209,7 +189,6 @@ TEST(SscanfS, IntegersAgreeWithGlibc) {
         {"7", "%*d %d", -1, -1, -1},
         {"1 2", "%d %d end", 2, 1, 2},
         {"50% 3", "%d%% %d", 2, 50, 3},
-        {"abd", "abc", 0, -1, -1},
         {"1 2", "%d %1$d", 1, 1, -1, false},
         {"1 2", "%d %[a", 1, 1, -1, false},
         {"1 2", "%d %y %d", 1, 1, -1, false},
@@ -237,8 +216,7 @@ TEST(SscanfS, IntegersAgreeWithGlibc) {
     EXPECT_EQ(n2 * 100 + n3, 707);
 }
 
-// %s, %c and %[ take their destination's size after the pointer. A field
-// that does not fit ends the scan: its destination cleared, not counted.
+// A %s, %c or %[ field that does not fit its size ends the scan, cleared.
 TEST(SscanfS, SizedConversions) {
     const struct {
         const char *text, *format;
@@ -247,14 +225,11 @@ TEST(SscanfS, SizedConversions) {
         const char *a, *b;  // both destinations start as "#"; b's size is 8
     } rows[] = {
         {"abcdef", "%3s%s", 8, 2, "abc", "def"},
-        {"1234567 x", "%s %s", 8, 2, "1234567", "x"},
         {"abcd x", "%s %s", 4, 0, "", "#"},
         {"a", "%s", 1, 0, "", "#"},
         {"a", "%s", 0, 0, "#", "#"},
-        {"name=bob\n", "%[^=]=%[^\n]", 8, 2, "name", "bob"},
         {"]]a]b", "%[]a]%s", 8, 2, "]]a]", "b"},
         {"abcde", "%[a-d]", 4, 0, "", "#"},
-        {"abce", "%[a-d]", 4, 1, "abc", "#"},
         {"abcd", "%3c", 2, 0, "", "#"},
         {"", "x%%%c", 4, -1, "", "#"},
         {"", "%*s%s", 4, -1, "#", "#"},

@@ -1,7 +1,5 @@
-// Test support: the logging library's stand-in for the device. It roots every
-// product path in a test directory, answers the kernel module's requests
-// 801..806 from tables held here, and supplies the clock and group id. Each
-// install starts the library afresh, so tests can share one process.
+// Test support: the logging library's stand-in for the device (paths, kernel
+// module requests 801..806, clock, group id); each install starts afresh.
 #ifndef TESTS_SUPPORT_KMOD_STANDIN_H
 #define TESTS_SUPPORT_KMOD_STANDIN_H
 
@@ -27,8 +25,7 @@ struct StandinGidLimit {
 
 constexpr int64_t kStandinSecond = 1000000000;
 
-// The kernel module's tables and what the seam hands the library; the
-// request handler holds `mutex`.
+// The kernel module's tables; the request handler holds `mutex`.
 struct Standin {
     std::mutex mutex;
     std::map<uint32_t, uint8_t> levels;          // by module; 0 when unknown
@@ -41,9 +38,8 @@ struct Standin {
 };
 Standin &TheStandin();
 
-// Creates the product directories below `root` (and, with the module, its
-// control files in root/proc/zeb), empties the tables and installs the seam.
-// The clock starts at 1000 s, the group id at 0.
+// Product directories below `root` (with the module, root/proc/zeb too);
+// empties the tables, clock at 1000 s, group id 0.
 void InstallLoggingStandin(const std::string &root, bool withKernelModule);
 
 // A fresh directory under /tmp, removed with everything in it on destruction.
