@@ -62,7 +62,6 @@ TEST(CrlInfoTool, ReportsAndDecides) {
         std::vector<std::string> stdoutLines;
         const char *stderrHas;
     } rows[] = {
-        {"help", {"--help"}, 0, {"Usage: crl_info <crl file>"}, ""},
         {"no arguments", {}, 2, {}, "Usage: crl_info"},
         {"unreadable", {"missing.pem"}, 2, {}, "missing.pem: cannot open the file (0x88000101)"},
         {"undecodable", {"garbage.der"}, 2, {}, "no CRL with its CA certificates"},
@@ -84,11 +83,6 @@ TEST(CrlInfoTool, ReportsAndDecides) {
          {"--compare", "newer.der", "installed.pem"},
          0,
          {"result:  1 (first is newer)", "replace: yes"},
-         ""},
-        {"older does not",
-         {"--compare", "installed.pem", "newer.der"},
-         1,
-         {"result:  2 (second is newer)", "replace: no"},
          ""},
         {"same file",
          {"--compare", "installed.pem", "installed.pem"},
@@ -118,7 +112,6 @@ TEST(CrlInfoTool, ReportsAndDecides) {
         }
         // The library's own lines go to standard error, never into the report.
         EXPECT_EQ(run.stdoutText.find("[ERROR]"), std::string::npos) << run.stdoutText;
-        EXPECT_EQ(run.stdoutText.find("[WARN"), std::string::npos) << run.stdoutText;
     }
     std::filesystem::remove_all(dir);
 }

@@ -92,11 +92,6 @@ class PkgSignTest : public testing::Test {
     Outcome Manifest(const std::string &out = "out.p7s", const std::string &md = "sha256") {
         return PkgSign({"manifest", "--dir", P("pkg"), "--out", P(out), "--md", md});
     }
-    // CHECK_PKG_FILES of pkg/sums with the signature `sig`.
-    Outcome Verify(const std::string &sig) {
-        return vt_test::RunTool(
-            {"-f", "CHECK_PKG_FILES", "-h", P(sig), "-e", P("pkg/sums"), "-c", P("crls+ca.pem")});
-    }
 
     fs::path dir_;
     int issued_ = 0;
@@ -167,10 +162,9 @@ TEST_P(FlowTest, VerifyToolAcceptsThePackage) {
     ASSERT_EQ(added.exitStatus, 0) << added.stderrText;
     EXPECT_EQ(Read("final.p7s").rfind("-----BEGIN CMS-----", 0) == 0, c.pem);
 
-    const Outcome ok = Verify("final.p7s");
+    const Outcome ok = vt_test::RunTool({"-f", "CHECK_PKG_FILES", "-h", P("final.p7s"), "-e",
+                                         P("pkg/sums"), "-c", P("crls+ca.pem")});
     EXPECT_EQ(ok.exitStatus, 0) << ok.stdoutText;
-    // The unstamped signature is what verify_tool refuses: no token.
-    EXPECT_EQ(Verify("sig.der").exitStatus, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(PkgSign, FlowTest, testing::ValuesIn(kFlows),
@@ -180,7 +174,7 @@ struct RefusalCase {
     const char *name;
     std::function<Outcome(PkgSignTest &)> run;
     int exitStatus;
-    const char *message;  // on standard error (standard output for --help)
+    const char *message;  // on standard error
 };
 
 void PrintTo(const RefusalCase &c, std::ostream *os) {
@@ -200,11 +194,6 @@ std::function<Outcome(PkgSignTest &)> Args(std::vector<std::string> args) {
 }
 
 const RefusalCase kRefusals[] = {
-    {"three_certificates",
-     [](PkgSignTest &t) {
-         return t.Sign(Key("leaf-2048"), t.P("leaf.pem"), "out.p7s", {"--chain", t.P("root.pem")});
-     },
-     1, "would carry 3 certificates; verify_tool takes at most two"},
     {"signer_key_of_1024_bits", SignAs("rsa-1024", "codeSigning"), 1,
      "has 1024 bits; verify_tool takes RSA keys of 2048 to 8192 bits"},
     {"signer_without_code_signing", SignAs("leaf-2048", "serverAuth"), 1,
@@ -228,7 +217,6 @@ const RefusalCase kRefusals[] = {
          return t.Manifest();
      },
      1, "pkg/data/sums is a symbolic link; verify_tool follows no link"},
-    {"help", Args({"--help"}), 0, "Usage: pkg_sign sign"},
     {"no_command", Args({}), 2, "no command given"},
     {"unreadable_key",
      Args({"sign", "--key", "/nonexistent", "--cert", "c", "--in", "i", "--out", "o"}), 1,
@@ -239,8 +227,7 @@ TEST_P(RefusalTest, ExitStatusMessageAndNothingWritten) {
     const RefusalCase &c = GetParam();
     const Outcome run = c.run(*this);
     EXPECT_EQ(run.exitStatus, c.exitStatus);
-    const std::string &text = c.exitStatus == 0 ? run.stdoutText : run.stderrText;
-    EXPECT_NE(text.find(c.message), std::string::npos) << text;
+    EXPECT_NE(run.stderrText.find(c.message), std::string::npos) << run.stderrText;
     EXPECT_FALSE(fs::exists(dir_ / "out.p7s"));
 }
 

@@ -1,5 +1,6 @@
-// verify_tool's parts in this process: the checksum-file parser on the line
-// forms the end-to-end runs leave out, the list read once, the exit status.
+// verify_tool's parts in this process: one checksum-file line form per parser
+// path (fuzz_intake throws hostile lists at it), the list read once, the exit
+// status.
 #include <gtest/gtest.h>
 #include <string.h>
 
@@ -15,6 +16,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+namespace tp = testpki;
 
 const std::string kHex64(64, 'a');
 
@@ -28,17 +30,10 @@ TEST(PkgList, LineForms) {
         size_t entries;         // when the list passes
     } rows[] = {
         {"binary mode, upper case", std::string(64, 'F') + " *a\n", 0, 0, 0, 1},
-        {"no newline at the end", kHex64 + "  a\n" + kHex64 + "  b", 0, 0, 0, 2},
         {"comments only", "# none\n\n", DORVEX_ERR_PKG_EMPTY_LIST, 0, 0, 0},
         {"one space", "\n" + kHex64 + " a\n", DORVEX_ERR_PKG_LINE, 2, 0, 0},
-        {"63 digits", kHex64.substr(1) + "  a\n", DORVEX_ERR_PKG_LINE, 1, 0, 0},
-        {"no path", kHex64 + "  \n", DORVEX_ERR_PKG_LINE, 1, 0, 0},
         {"escaped name", "\\" + kHex64 + "  a\\nb\n", DORVEX_ERR_PKG_LINE, 1, 0, 0},
         {"CR inside the path", kHex64 + "  a\rb\r\n", 0, 0, DORVEX_ERR_PKG_PATH, 1},
-        {"name of 256", kHex64 + "  " + std::string(256, 'n') + "\n", 0, 0, DORVEX_ERR_PKG_PATH, 1},
-        {"path of 4096",
-         kHex64 + "  " + std::string(2048, 'n') + "/" + std::string(2047, 'n') + "\n", 0, 0,
-         DORVEX_ERR_PKG_PATH, 1},
         // The earliest repeat is reported, against the line it repeats.
         {"earliest repeat",
          kHex64 + "  a\n" + kHex64 + "  b\n" + kHex64 + "  ./b\n" + kHex64 + "  a\n",
@@ -67,7 +62,7 @@ int g_swaps = 0;
 // An unsigned list naming a missing file: parsed, it would fail the check.
 void SwapList() {
     ++g_swaps;
-    testpki::WriteFile(g_dir / "forged", std::string(64, '0') + "  missing.img\n");
+    tp::WriteFile(g_dir / "forged", std::string(64, '0') + "  missing.img\n");
     fs::rename(g_dir / "forged", g_dir / "sha256sums");
 }
 
@@ -78,17 +73,16 @@ TEST(PkgFiles, ListIsReadOnce) {
     ASSERT_NE(mkdtemp(pattern), nullptr);
     g_dir = pattern;
     g_swaps = 0;  // the program may run this test more than once
-    testpki::WriteFile(g_dir / "a.img", std::string_view("payload\n"));
+    tp::WriteFile(g_dir / "a.img", std::string_view("payload\n"));
     // sha256("payload\n")
     const std::string list =
         "d4e4877bac978b7952f0d544fc52ebff5411d351d129f1f056fa43f11da9af2b  a.img\n";
-    const testpki::DemoPki pki = testpki::MakeDemoPki();
-    testpki::WriteFile(g_dir / "sha256sums", list);
-    testpki::WriteFile(
-        g_dir / "sig.p7s",
-        testpki::MakePackage(pki, testpki::Fault::None, testpki::Bytes(list.begin(), list.end()))
-            .signature);
-    testpki::WriteFile(g_dir / "crls.der", testpki::ConcatDer({pki.rootCrl, pki.caCrl}));
+    const tp::DemoPki pki = tp::MakeDemoPki();
+    const tp::Bytes signature =
+        tp::MakePackage(pki, tp::Fault::None, tp::Bytes(list.begin(), list.end())).signature;
+    tp::WriteFile(g_dir / "sha256sums", list);
+    tp::WriteFile(g_dir / "sig.p7s", signature);
+    tp::WriteFile(g_dir / "crls.der", tp::ConcatDer({pki.rootCrl, pki.caCrl}));
     VerifyParam param{};
     strncpy(param.cmsPath, (g_dir / "sig.p7s").c_str(), sizeof param.cmsPath - 1);
     strncpy(param.checksumPath, (g_dir / "sha256sums").c_str(), sizeof param.checksumPath - 1);
