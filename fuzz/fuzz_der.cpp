@@ -1,8 +1,6 @@
-// Certificates and CRLs walked as the intake walks concatenated DER (they
-// reach every engine item; fuzz_verify decodes SignedData). Checks the
-// decoders' promises and, where OpenSSL's d2i_X509 or d2i_X509_CRL also reads
-// an item, the same fields (keys aside: a misread key fails signatures). The
-// verdicts differ on purpose (SECURITY.md).
+// Certificates and CRLs walked as the intake walks concatenated DER. Checks the
+// decoders' promises and, where d2i_X509 or d2i_X509_CRL also reads an item,
+// the same fields (keys aside: a misread key fails signatures).
 #include <openssl/asn1.h>
 #include <openssl/objects.h>
 #include <string.h>
@@ -132,8 +130,7 @@ void CompareCrl(const DorvexX509CrlInfo &ours, const uint8_t *data, uint32_t siz
     const uint32_t tag = ours.nextUpdate.tagCode;
     if (next == nullptr && (ours.nextUpdate.tagClass != V_ASN1_UNIVERSAL ||
                             (tag != V_ASN1_UTCTIME && tag != V_ASN1_GENERALIZEDTIME))) {
-        // nextUpdate is required here, any tag: the next element fills it and
-        // later fields shift; such a CRL is never used (repro/crl-*-next-update.der).
+        // Required here: the next element fills it (repro/crl-*-next-update.der).
         return;
     }
     SameTime(ours.nextUpdate, next, "nextUpdate");

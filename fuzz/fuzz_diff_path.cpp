@@ -1,11 +1,10 @@
 // Path validation with revocation against OpenSSL's X509_verify_cert on a
-// pool from 'testpki path-pool' (VT_FUZZ_PATH_POOL). Input bytes (missing
-// ones are 0): the time (an index into every pool date, a second before, at
-// and after), bit 0 strict revocation, the target among the certificates
-// taken, three of one bit per pool certificate (little-endian, at most 16
-// taken), then one per CRL slot (0 none, else variant v - 1, modulo).
-// Forgiven, Refused and Withheld bend OpenSSL's run to our rule where we
-// depart on purpose (SECURITY.md); any other difference in verdicts aborts.
+// pool from 'testpki path-pool' (VT_FUZZ_PATH_POOL). Input bytes (missing are
+// 0): the time (index into every pool date, a second before, at, after),
+// bit 0 strict, the target, a bit per pool certificate (three bytes), one
+// byte per CRL slot (0 none, else variant v - 1). Forgiven, Refused and
+// Withheld bend OpenSSL to our intended departures (SECURITY.md); any other
+// difference in verdicts aborts.
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
@@ -46,8 +45,7 @@ struct Case {
     std::vector<const PoolCert *> certs;
     std::vector<const PoolCrl *> crls;
     const PoolCert *target = nullptr;
-    // What OpenSSL's CRL check was handed, per certificate: it no longer
-    // says which CRL it reads once that CRL's time is checked.
+    // What OpenSSL's CRL check was handed, per certificate (it does not say later).
     mutable std::vector<std::pair<X509 *, X509_CRL *>> judged;
 };
 
@@ -194,9 +192,8 @@ bool IsCa(X509 *cert) {
     return (X509_get_extension_flags(cert) & EXFLAG_CA) != 0;
 }
 
-// Whether `crl` lists the current certificate and revokes it at the time: the
-// date decides for an end entity unless strict (a CRL signer's path is), and
-// for any whose reason keeps the key sound (3, 4, 5). *dated: not yet.
+// Whether `crl` revokes the current certificate at the time: the date decides
+// for a non-strict end entity and for reasons 3, 4, 5. *dated: not yet.
 bool RevokesByOurRules(X509_STORE_CTX *ctx, X509_CRL *crl, const Case &c, bool *dated = nullptr) {
     X509_REVOKED *entry = nullptr;
     if (crl == nullptr || X509_CRL_get0_by_cert(crl, &entry, Current(ctx)) == 0) {
@@ -330,9 +327,8 @@ bool Refused(X509_STORE_CTX *ctx, const Case &c) {
            IndirectRevokes(ctx, c);
 }
 
-// A CRL kept from OpenSSL: in the name of the target's issuer but not signed
-// by the key that signed the target (a re-keyed CA's new key says nothing of
-// the old one's certificates). In the pool only targets have such issuers.
+// A CRL kept from OpenSSL: in the target issuer's name but not signed by the
+// key that signed the target (a re-keyed CA's new key says nothing of old ones).
 bool Withheld(X509_CRL *crl, const Case &c) {
     X509 *target = c.target->openssl.get();
     return X509_NAME_cmp(X509_CRL_get_issuer(crl), X509_get_issuer_name(target)) == 0 &&
@@ -376,8 +372,7 @@ struct StackFree {
     void operator()(void *stack) const { OPENSSL_sk_free(static_cast<OPENSSL_STACK *>(stack)); }
 };
 
-// Self-signed certificates are anchors; without EXTENDED_CRL_SUPPORT OpenSSL
-// ignores every indirect CRL.
+// Self-signed certificates are anchors; EXTENDED_CRL_SUPPORT reads indirect CRLs.
 bool Openssl(const Case &c, int *error) {
     std::unique_ptr<X509_STORE, Deleter<X509_STORE_free>> store(X509_STORE_new());
     std::unique_ptr<X509_STORE_CTX, Deleter<X509_STORE_CTX_free>> ctx(X509_STORE_CTX_new());

@@ -30,8 +30,7 @@ void Base64(const uint8_t *data, size_t size) {
         return;
     }
     Check(needed <= size);
-    // One byte short of the need: nothing may be written. Then exactly the
-    // need, the whole heap block, so ASan sees any write past it.
+    // One byte short: nothing written; then the exact need, so ASan sees overruns.
     Bytes buffer(needed > 0 ? needed : 1, 0x5A);
     const Bytes untouched = buffer;
     uint32_t len = needed > 0 ? needed - 1 : 0;

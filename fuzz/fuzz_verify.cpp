@@ -1,7 +1,6 @@
-// The input as a whole signature (DER or PEM) through Begin, two Updates and
-// Final, trusting the demo package in VT_FUZZ_VERIFY_DIR. Checks that nothing
-// stays pending, the store, and the verdict: only the demo keys can sign, so
-// an accepted input must carry exactly the demo's signed bytes (SECURITY.md).
+// The input as a signature (DER or PEM) through Begin, two Updates and Final
+// under the demo package in VT_FUZZ_VERIFY_DIR: only the demo keys can sign,
+// so an accepted input must carry exactly the demo's signed bytes.
 #include <string_view>
 
 #include "cms/asn1/pkcs7.h"

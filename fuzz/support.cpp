@@ -1,6 +1,5 @@
-// Linked into every harness: log records are formatted, then dropped, and
-// the logging library's paths (/dev/shm/dbglog.cfg and the rest) lie under a
-// scratch folder removed at exit, so a run leaves the host alone.
+// Linked into every harness: log records are formatted, then dropped, and the
+// logging library's paths lie under a scratch folder removed at exit.
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
