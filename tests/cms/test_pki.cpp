@@ -374,17 +374,6 @@ TEST(PkiVerify, PathLengthAndLoops) {
     EXPECT_EQ(store.Verify(leaf), DORVEX_ERR_NO_ROOT);
 }
 
-TEST(PkiList, Capacity) {
-    DorvexList list{};
-    int items[DORVEX_LIST_CAPACITY + 1] = {};
-    for (int i = 0; i < DORVEX_LIST_CAPACITY; ++i) {
-        ASSERT_EQ(DorvexListAdd(&list, &items[i]), 0u);
-    }
-    EXPECT_EQ(DorvexListAdd(&list, &items[DORVEX_LIST_CAPACITY]), DORVEX_ERR_LIST_FULL);
-    DorvexListFree(&list, [](void *item) { *static_cast<int *>(item) = 1; });
-    EXPECT_EQ(list.count + items[0] + items[DORVEX_LIST_CAPACITY - 1], 2);
-}
-
 // Of the certificates named like the CRL's issuer, only one with the
 // signing key and cRLSign in its key usage signs it.
 TEST(PkiStore, FindCrlIssuerSkipsUnfitCandidates) {
