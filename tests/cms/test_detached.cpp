@@ -186,6 +186,14 @@ Bytes CaCrl(std::vector<tp::RevokedEntry> revoked,
     }
     return tp::MakeCrl(plan);
 }
+// A root CRL limited to user certificates.
+Bytes RootUsersCrl() {
+    tp::CrlSpec plan;
+    plan.issuer = Pki().root;
+    plan.issuingDistPoint.emplace();
+    plan.issuingDistPoint->onlyUserCerts = true;
+    return tp::MakeCrl(plan);
+}
 const Bytes kLeafSerial = {0x10, 0x01}, kTsaSerial = {0x10, 0x02};
 constexpr int kKeyCompromise = 1, kSuperseded = 4;
 
@@ -305,6 +313,8 @@ TEST(DetachedSignature, VerifiesByStreamAndByFiles) {
              c.extraExtensions = {{"deltaCRL", true, tp::der::Integer(Bytes{0x01})}}; })}},
         {"CA's CRL only for CAs: says nothing of the leaf", {}, kNoCrl, 0, Trust{CaCrl({}, [](auto &c) {
              c.issuingDistPoint.emplace(), c.issuingDistPoint->onlyCaCerts = true; })}},
+        {"root's CRL only for users: says nothing of the CA", {}, kNoCrl, 0,
+         Trust{.rootCrl = RootUsersCrl()}},
         {"garbage", [] { return Fault(tp::Fault::Garbage); }, kCms, 0},
         {"no signer", [] { return Fault(tp::Fault::NoSigner); }, kPkcs7, 0},
         // clang-format on
