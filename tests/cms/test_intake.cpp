@@ -138,28 +138,6 @@ TEST(Intake, CertificatesAndCrls) {
     }
 }
 
-// The caller frees its buffer at once; the records point into the context's
-// own copies (the sanitizer build would report a use after free).
-TEST(Intake, RecordsOutliveTheCallersBytes) {
-    const auto &p = Pki();
-    CtxPtr ctx = NewCtx();
-    const Bytes inputs[] = {p.root.cert.Der(), Text(CertPem(p.ca)), p.caCrl, p.root.cert.Der()};
-    for (const Bytes &in : inputs) {
-        auto *copy = static_cast<uint8_t *>(malloc(in.size()));
-        memcpy(copy, in.data(), in.size());
-        ASSERT_EQ(&in == &inputs[2] ? DorvexVerifyAddCrl(ctx.get(), copy, in.size())
-                                    : DorvexVerifyAddCert(ctx.get(), copy, in.size()),
-                  DORVEX_OK);
-        memset(copy, 0, in.size());
-        free(copy);
-    }
-    ASSERT_EQ(Counts(ctx.get()), 21);  // the root again changes nothing
-    auto *ca = static_cast<DorvexX509Cert *>(ctx->pki->certs.items[1]);
-    auto *crl = static_cast<DorvexX509Crl *>(ctx->pki->crls.items[0]);
-    EXPECT_EQ(ca->refCount + crl->refCount, 2);
-    EXPECT_EQ(DorvexCompareX509Name(&crl->crlInfo.issuer, &ca->certInfo.subject), 0);
-}
-
 TEST(Intake, Files) {
     char templ[] = "/tmp/intake-XXXXXX";
     ASSERT_NE(mkdtemp(templ), nullptr);

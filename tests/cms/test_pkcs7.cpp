@@ -146,25 +146,4 @@ TEST(Pkcs7Signed, DecodesWhatOpensslReports) {
     }
 }
 
-TEST(Pkcs7Signed, TrailingBytesAndSharedCertificates) {
-    Bytes der = Sign();
-    const auto size = static_cast<uint32_t>(der.size());
-    der.insert(der.end(), {0x00, 0x00});  // bytes after the ContentInfo are the caller's
-    Decoded decoded(der);
-    ASSERT_EQ(decoded.ret, DORVEX_OK);
-    EXPECT_EQ(decoded.consumed, size);
-    // Freeing the SignedData keeps a certificate another holder has taken:
-    // its record is still whole (the sanitizer build would report a read of
-    // released memory).
-    ASSERT_EQ(decoded.record->signedData.certList.count, 2);
-    auto *kept = static_cast<DorvexX509Cert *>(decoded.record->signedData.certList.items[1]);
-    const Bytes tbs = Content(kept->tbsRaw);
-    ++kept->refCount;
-    DorvexPkcs7FreeSigned(decoded.record);
-    decoded.record = nullptr;
-    EXPECT_EQ(kept->refCount, 1);
-    EXPECT_EQ(Content(kept->tbsRaw), tbs);
-    DorvexX509FreeCert(kept);
-}
-
 }  // namespace
