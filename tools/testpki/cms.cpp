@@ -79,8 +79,8 @@ void AddEssSigningCert(CMS_SignerInfo *si, const TimestampSpec &plan) {
         der = ToDer(sc.get(), i2d_ESS_SIGNING_CERT);
         nid = NID_id_smime_aa_signingCertificate;
     } else {
-        Owned<ESS_SIGNING_CERT_V2_free> sc(TP_NEED(
-            OSSL_ESS_signing_cert_v2_new_init(DigestMd(plan.essDigest), named, nullptr, 0)));
+        Owned<ESS_SIGNING_CERT_V2_free> sc(
+            TP_NEED(OSSL_ESS_signing_cert_v2_new_init(EVP_sha256(), named, nullptr, 0)));
         der = ToDer(sc.get(), i2d_ESS_SIGNING_CERT_V2);
     }
     // V_ASN1_SEQUENCE takes the whole encoding as the attribute value.
@@ -96,8 +96,12 @@ Bytes Imprint(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
                      der::OctetString(detail::Hash(plan.imprintDigest, over))});
 }
 
+// TSTInfo ::= SEQUENCE { version INTEGER { v1(1) }, policy TSAPolicyId,
+//   messageImprint, serialNumber INTEGER, genTime GeneralizedTime, ... }
 Bytes TokenViaCms(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
-    const Bytes tst = MakeTstInfo(plan, stamped);
+    const Bytes tst =
+        der::Seq({der::Integer(Bytes{0x01}), der::Oid(plan.policy), Imprint(plan, stamped),
+                  der::Integer(plan.serial), der::Tlv(0x18, detail::AsBytes(plan.genTime))});
     if (plan.noSigner) {
         // RFC 5652 allows a SignedData without SignerInfo; CMS_final refuses one.
         const Bytes content = der::Seq(
@@ -111,23 +115,19 @@ Bytes TokenViaCms(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
     }
     CmsPtr cms(TP_NEED(CMS_sign(nullptr, nullptr, nullptr, nullptr, CMS_PARTIAL | CMS_BINARY)));
     TP_NEED(CMS_set1_eContentType(cms.get(), OBJ_nid2obj(NID_id_smime_ct_TSTInfo)));
-    unsigned flags =
-        (plan.embedTsaCert ? 0 : CMS_NOCERTS) | (plan.attrs == TokenAttrs::None ? CMS_NOATTR : 0);
-    CMS_SignerInfo *si = AddSigner(cms.get(), plan.tsa, plan.digest, flags, plan.pss);
-    if (plan.attrs != TokenAttrs::None) {
-        // The signing time follows genTime where that is a plain time.
-        std::optional<int64_t> epoch = PlainGenTime(plan.genTime);
-        AddSigningTime(si, epoch ? TimeAt(*epoch) : Utc("260115120000Z"));
-        AddEssSigningCert(si, plan);
-    }
+    CMS_SignerInfo *si =
+        AddSigner(cms.get(), plan.tsa, plan.digest, plan.embedTsaCert ? 0 : CMS_NOCERTS, plan.pss);
+    // The signing time follows genTime where that is a plain time.
+    std::optional<int64_t> epoch = PlainGenTime(plan.genTime);
+    AddSigningTime(si, epoch ? TimeAt(*epoch) : Utc("260115120000Z"));
+    AddEssSigningCert(si, plan);
     TP_NEED(CMS_final(cms.get(), MemBio(tst).get(), nullptr, CMS_BINARY));
     return ToDer(cms.get(), i2d_CMS_ContentInfo);
 }
 
 // TS_RESP_CTX_set_signer_cert refuses a certificate without this purpose.
 bool FitsTsApi(const TimestampSpec &plan) {
-    if (plan.attrs == TokenAttrs::None || plan.noSigner || plan.pss || plan.essCert ||
-        plan.essDigest != Digest::Sha256 || !PlainGenTime(plan.genTime)) {
+    if (plan.noSigner || plan.pss || plan.essCert || !PlainGenTime(plan.genTime)) {
         return false;
     }
     bool ok = X509_check_purpose(plan.tsa.cert.get(), X509_PURPOSE_TIMESTAMP_SIGN, 0) == 1;
@@ -217,26 +217,16 @@ void TamperSigningTime(CMS_SignerInfo *si) {
     TP_NEED(ASN1_STRING_set(s, text.data(), static_cast<int>(text.size())));
 }
 
-}  // namespace
-
-// TSTInfo ::= SEQUENCE { version INTEGER { v1(1) }, policy TSAPolicyId,
-//   messageImprint, serialNumber INTEGER, genTime GeneralizedTime, ... }
-Bytes MakeTstInfo(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
-    return der::Seq({der::Integer(Bytes{0x01}), der::Oid(plan.policy), Imprint(plan, stamped),
-                     der::Integer(plan.serial), der::Tlv(0x18, detail::AsBytes(plan.genTime))});
-}
-
+// The imprint covers imprintOver or else `stamped`.
 Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
     if (!plan.tsa.cert || !plan.tsa.key) {
         throw Error("TimestampSpec.tsa needs both a certificate and a key");
     }
-    bool fits = FitsTsApi(plan);
-    if (plan.maker == TokenMaker::TsApi && !fits) {
-        throw Error("the TS API cannot make this token (genTime, attributes or TSA purpose)");
-    }
-    bool tsApi = plan.maker == TokenMaker::TsApi || (plan.maker == TokenMaker::Auto && fits);
-    return tsApi ? TokenViaTsApi(plan, stamped) : TokenViaCms(plan, stamped);
+    return plan.maker == TokenMaker::Auto && FitsTsApi(plan) ? TokenViaTsApi(plan, stamped)
+                                                             : TokenViaCms(plan, stamped);
 }
+
+}  // namespace
 
 Bytes detail::SignedData(const SignSpec &plan, BIO *content) {
     if (!plan.noSigner && (!plan.signer.cert || !plan.signer.key)) {
@@ -306,7 +296,7 @@ Bytes Armoured(std::span<const uint8_t> der, Armour armour) {
     if (armour == Armour::Der) {
         return Bytes(der.begin(), der.end());
     }
-    std::string pem = ToPem(armour == Armour::PemCms ? "CMS" : "PKCS7", der);
+    std::string pem = ToPem("CMS", der);
     return Bytes(pem.begin(), pem.end());
 }
 

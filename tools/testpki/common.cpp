@@ -139,21 +139,8 @@ void CreateDirs(const std::filesystem::path &dir) {
 
 }  // namespace detail
 
-Key Key::LoadPem(const std::filesystem::path &file) {
-    Owned<BIO_free> bio(BIO_new_file(file.c_str(), "r"));
-    // An encrypted key fails instead of prompting on the terminal.
-    pem_password_cb *noPassword = [](char *, int, int, void *) { return 0; };
-    PkeyPtr pkey(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr) : nullptr);
-    Need(pkey.get(), ("no private key in " + file.string()).c_str());
-    return Key(std::move(pkey));
-}
-
 Key Key::GenerateRsa(int bits) {
     return Key(PkeyPtr(TP_NEED(EVP_RSA_gen(static_cast<unsigned>(bits)))));
-}
-
-Key Key::GenerateEc(const std::string &curve) {
-    return Key(PkeyPtr(TP_NEED(EVP_EC_gen(curve.c_str()))));
 }
 
 Key Key::EcForm(bool compressed, bool explicitParams) const {
@@ -184,13 +171,13 @@ std::filesystem::path DefaultKeyDir() {
 }
 
 Key LoadTestKey(std::string_view name, const std::filesystem::path &dir) {
-    return Key::LoadPem(dir / (std::string(name) + ".pem"));
-}
-
-Cert Cert::FromDer(Bytes der) {
-    const unsigned char *p = der.data();
-    X509Ptr x509(TP_NEED(d2i_X509(nullptr, &p, static_cast<long>(der.size()))));
-    return Cert(std::move(x509), std::move(der));
+    const std::filesystem::path file = dir / (std::string(name) + ".pem");
+    Owned<BIO_free> bio(BIO_new_file(file.c_str(), "r"));
+    // An encrypted key fails instead of prompting on the terminal.
+    pem_password_cb *noPassword = [](char *, int, int, void *) { return 0; };
+    PkeyPtr pkey(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr) : nullptr);
+    Need(pkey.get(), ("no private key in " + file.string()).c_str());
+    return Key(std::move(pkey));
 }
 
 Name SimpleName(std::initializer_list<std::pair<std::string, std::string>> attrs) {

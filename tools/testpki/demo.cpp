@@ -267,8 +267,9 @@ std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
 
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
                                            const std::filesystem::path &keyDir, bool ecdsa) {
-    if (depth < 1 || depth > 12) {  // a CRL file takes at most 11 CA certificates
-        throw Error("chain depth " + std::to_string(depth) + " is not within 1..12");
+    // A CRL file takes at most 11 CA certificates; there is one EC CA key.
+    if (depth < 1 || depth > 12 || (ecdsa && depth != 2)) {
+        throw Error("chain depth " + std::to_string(depth) + " is not within 1..12 (2 for EC)");
     }
     DemoPki pki;
     pki.root = MakeDemoRoot(keyDir);
@@ -282,8 +283,8 @@ std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::pat
             break;
         }
         // The first CA has the demo CA's key, deeper ones new keys.
-        const Key key = level > 1 ? (ecdsa ? Key::GenerateEc("P-384") : Key::GenerateRsa(2048))
-                                  : LoadTestKey(ecdsa ? "ec-p384" : "ca-2048", keyDir);
+        const Key key =
+            level > 1 ? Key::GenerateRsa(2048) : LoadTestKey(ecdsa ? "ec-p384" : "ca-2048", keyDir);
         const Bytes serial = {0x02, static_cast<uint8_t>(level)};
         pki.ca = IssueCredential(CaSpec(pki.ca, key, "Test CA " + std::to_string(level), serial));
         caCerts.push_back({std::string(kPemCertificate), pki.ca.cert.Der()});

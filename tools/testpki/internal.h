@@ -80,7 +80,7 @@ std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
                                             const std::filesystem::path &outDir);
 
 // A package whose signer and TSA sit `depth` (1..12) certificates below the
-// demo root (EC keys below it if `ecdsa`), with CRLs of root and CAs.
+// demo root (EC keys below it if `ecdsa`, depth 2), with CRLs of root and CAs.
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
                                            const std::filesystem::path &keyDir, bool ecdsa);
 

@@ -45,7 +45,7 @@ std::vector<RawExtension> CertExtensions(const CertSpec &plan, const Key &signer
     if (const auto &usage = plan.keyUsage) {
         Bytes bits{usage->unusedBits};
         bits.insert(bits.end(), usage->octets.begin(), usage->octets.end());
-        exts.push_back({"keyUsage", usage->critical, der::Tlv(0x03, bits)});
+        exts.push_back({"keyUsage", true, der::Tlv(0x03, bits)});
     }
     if (const auto &eku = plan.extKeyUsage) {
         std::vector<Bytes> oids;
@@ -72,12 +72,12 @@ Bytes detail::AuthorityKeyId(const Key &key) {
 }
 
 KeyUsage KeyUsage::Of(uint8_t first) {
-    return {{first}, UnusedBits(first), true};
+    return {{first}, UnusedBits(first)};
 }
 
 // Always two octets, as decipherOnly needs.
 KeyUsage KeyUsage::Of(uint8_t first, uint8_t second) {
-    return {{first, second}, UnusedBits(second), true};
+    return {{first, second}, UnusedBits(second)};
 }
 
 Cert IssueCert(const CertSpec &plan) {
@@ -203,7 +203,7 @@ Bytes MakeCrl(const CrlSpec &plan) {
         exts.push_back({"crlNumber", false, der::Integer(*plan.crlNumber)});
     }
     if (const auto &idp = plan.issuingDistPoint) {
-        exts.push_back({"issuingDistributionPoint", idp->critical, IssuingDistPointValue(*idp)});
+        exts.push_back({"issuingDistributionPoint", true, IssuingDistPointValue(*idp)});
     }
     exts.insert(exts.end(), plan.extraExtensions.begin(), plan.extraExtensions.end());
     for (const RawExtension &ext : exts) {
