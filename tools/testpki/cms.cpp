@@ -1,13 +1,10 @@
 // Detached CMS signatures and RFC 3161 timestamp tokens, signed by OpenSSL's
-// CMS and TS APIs.
+// CMS API.
 #include "tools/testpki/internal.h"
 
 #include <openssl/cms.h>
-#include <openssl/err.h>
 #include <openssl/ess.h>
 #include <openssl/objects.h>
-#include <openssl/ts.h>
-#include <openssl/x509v3.h>
 
 #include <algorithm>
 
@@ -96,9 +93,12 @@ Bytes Imprint(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
                      der::OctetString(detail::Hash(plan.imprintDigest, over))});
 }
 
-// TSTInfo ::= SEQUENCE { version INTEGER { v1(1) }, policy TSAPolicyId,
-//   messageImprint, serialNumber INTEGER, genTime GeneralizedTime, ... }
-Bytes TokenViaCms(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
+// The imprint covers imprintOver or else `stamped`. TSTInfo ::= SEQUENCE {
+// version INTEGER, policy, messageImprint, serialNumber, genTime, ... }
+Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
+    if (!plan.tsa.cert || !plan.tsa.key) {
+        throw Error("TimestampSpec.tsa needs both a certificate and a key");
+    }
     const Bytes tst =
         der::Seq({der::Integer(Bytes{0x01}), der::Oid(plan.policy), Imprint(plan, stamped),
                   der::Integer(plan.serial), der::Tlv(0x18, detail::AsBytes(plan.genTime))});
@@ -123,58 +123,6 @@ Bytes TokenViaCms(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
     AddEssSigningCert(si, plan);
     TP_NEED(CMS_final(cms.get(), MemBio(tst).get(), nullptr, CMS_BINARY));
     return ToDer(cms.get(), i2d_CMS_ContentInfo);
-}
-
-// TS_RESP_CTX_set_signer_cert refuses a certificate without this purpose.
-bool FitsTsApi(const TimestampSpec &plan) {
-    if (plan.noSigner || plan.pss || plan.essCert || !PlainGenTime(plan.genTime)) {
-        return false;
-    }
-    bool ok = X509_check_purpose(plan.tsa.cert.get(), X509_PURPOSE_TIMESTAMP_SIGN, 0) == 1;
-    ERR_clear_error();
-    return ok;
-}
-
-Bytes TokenViaTsApi(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
-    int64_t epoch = *PlainGenTime(plan.genTime);
-    Owned<TS_RESP_CTX_free> owned(TP_NEED(TS_RESP_CTX_new()));
-    TS_RESP_CTX *ctx = owned.get();
-    TP_NEED(TS_RESP_CTX_set_signer_cert(ctx, plan.tsa.cert.get()));
-    TP_NEED(TS_RESP_CTX_set_signer_key(ctx, plan.tsa.key.get()));
-    TP_NEED(TS_RESP_CTX_set_signer_digest(ctx, DigestMd(plan.digest)));
-    Owned<ASN1_OBJECT_free> policy(TP_NEED(OBJ_txt2obj(plan.policy.c_str(), 0)));
-    TP_NEED(TS_RESP_CTX_set_def_policy(ctx, policy.get()));
-    TP_NEED(TS_RESP_CTX_add_md(ctx, DigestMd(plan.imprintDigest)));
-    const EVP_MD *essMd = plan.attrs == TokenAttrs::EssCertId ? EVP_sha1() : EVP_sha256();
-    TP_NEED(TS_RESP_CTX_set_ess_cert_id_digest(ctx, essMd));
-    // The serial and the clock come from the plan.
-    auto serial = [](TS_RESP_CTX *, void *data) -> ASN1_INTEGER * {
-        try {
-            return detail::MakeInteger(*static_cast<const Bytes *>(data)).release();
-        } catch (const Error &) {
-            return nullptr;  // OpenSSL turns this into a refused response
-        }
-    };
-    auto clock = [](TS_RESP_CTX *, void *data, long *sec, long *usec) {
-        *sec = static_cast<long>(*static_cast<const int64_t *>(data));
-        *usec = 0;
-        return 1;
-    };
-    TS_RESP_CTX_set_serial_cb(ctx, serial, const_cast<Bytes *>(&plan.serial));
-    TS_RESP_CTX_set_time_cb(ctx, clock, &epoch);
-
-    // TimeStampReq ::= SEQUENCE { version, messageImprint, ..., certReq BOOLEAN }
-    std::vector<Bytes> request = {der::Integer(Bytes{0x01}), Imprint(plan, stamped)};
-    if (plan.embedTsaCert) {
-        request.push_back(der::Boolean(true));
-    }
-    Owned<TS_RESP_free> resp(
-        TP_NEED(TS_RESP_create_response(ctx, MemBio(der::Seq(request)).get())));
-    if (ASN1_INTEGER_get(TS_STATUS_INFO_get0_status(TS_RESP_get_status_info(resp.get()))) !=
-        TS_STATUS_GRANTED) {
-        detail::Fail("the TS API refused the time-stamp request");
-    }
-    return ToDer(TS_RESP_get_token(resp.get()), i2d_PKCS7);
 }
 
 // OpenSSL sorts the certificates as a DER SET OF; restore the order asked for.
@@ -215,15 +163,6 @@ void TamperSigningTime(CMS_SignerInfo *si) {
     }
     *digit = *digit == '0' ? '1' : '0';
     TP_NEED(ASN1_STRING_set(s, text.data(), static_cast<int>(text.size())));
-}
-
-// The imprint covers imprintOver or else `stamped`.
-Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
-    if (!plan.tsa.cert || !plan.tsa.key) {
-        throw Error("TimestampSpec.tsa needs both a certificate and a key");
-    }
-    return plan.maker == TokenMaker::Auto && FitsTsApi(plan) ? TokenViaTsApi(plan, stamped)
-                                                             : TokenViaCms(plan, stamped);
 }
 
 }  // namespace

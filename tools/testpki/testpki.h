@@ -238,9 +238,9 @@ std::vector<Bytes> Children(std::span<const uint8_t> in);
 Bytes Content(std::span<const uint8_t> in);
 }  // namespace der
 
-// Auto: OpenSSL's TS_RESP_CTX as a real authority where the plan fits it. Cms:
-// TSTInfo written here and signed by the CMS API, reproducible, any genTime.
-enum class TokenMaker { Auto, Cms };
+// TSTInfo written here and signed by the CMS API: reproducible, any genTime.
+// The TS API's own tokens come from pkg_sign and openssl ts in their tests.
+enum class TokenMaker { Cms };
 
 // The ESS signing-certificate attribute: v1 (SHA-1) or v2 (SHA-256).
 enum class TokenAttrs { EssCertId, EssCertIdV2 };
@@ -255,10 +255,10 @@ struct TimestampSpec {
     Digest digest = Digest::Sha256;    // of the TSA's own signature
     TokenAttrs attrs = TokenAttrs::EssCertIdV2;
     bool embedTsaCert = true;
-    TokenMaker maker = TokenMaker::Auto;
-    bool noSigner = false;        // a SignedData without SignerInfo (Cms maker)
+    TokenMaker maker = TokenMaker::Cms;
+    bool noSigner = false;        // a SignedData without SignerInfo
     std::optional<Cert> essCert;  // named by the ESS attribute; default: tsa's
-    bool pss = false;             // Cms maker
+    bool pss = false;
 };
 
 struct SignSpec {
