@@ -1,5 +1,4 @@
-// Detached CMS signatures and RFC 3161 timestamp tokens, signed by OpenSSL's
-// CMS API.
+// Detached CMS signatures and RFC 3161 timestamp tokens by OpenSSL's CMS API.
 #include "tools/testpki/internal.h"
 
 #include <openssl/cms.h>
@@ -37,13 +36,12 @@ Bytes BytesOf(const ASN1_STRING *s) {
     return Bytes(ASN1_STRING_get0_data(s), ASN1_STRING_get0_data(s) + ASN1_STRING_length(s));
 }
 
-// The time of a genTime the TS API could write itself ("YYYYMMDDHHMMSSZ").
-std::optional<int64_t> PlainGenTime(const std::string &text) {
+// A token's signing time follows its genTime where OpenSSL can read that.
+Time SigningTimeOf(const std::string &genTime) {
     try {
-        int64_t epoch = EpochOf(Gen(text));
-        return detail::GenText(epoch) == text ? std::optional(epoch) : std::nullopt;
+        return TimeAt(EpochOf(Gen(genTime)));
     } catch (const Error &) {
-        return std::nullopt;
+        return Utc("260115120000Z");
     }
 }
 
@@ -61,9 +59,9 @@ CMS_SignerInfo *AddSigner(CMS_ContentInfo *cms, const Credential &signer, Digest
 
 // A fixed signing time keeps the output reproducible (CMS would take the clock).
 void AddSigningTime(CMS_SignerInfo *si, const Time &time) {
-    int type = time.type == TimeType::Utc ? V_ASN1_UTCTIME : V_ASN1_GENERALIZEDTIME;
-    TP_NEED(CMS_signed_add1_attr_by_NID(si, NID_pkcs9_signingTime, type,
-                                        detail::MakeTime(time).get(), -1));
+    const auto value = detail::MakeTime(time);
+    TP_NEED(CMS_signed_add1_attr_by_NID(si, NID_pkcs9_signingTime, ASN1_STRING_type(value.get()),
+                                        value.get(), -1));
 }
 
 // RFC 2634 5.4 / RFC 5035 3: ties the token to the TSA certificate.
@@ -99,9 +97,9 @@ Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> sta
     if (!plan.tsa.cert || !plan.tsa.key) {
         throw Error("TimestampSpec.tsa needs both a certificate and a key");
     }
-    const Bytes tst =
-        der::Seq({der::Integer(Bytes{0x01}), der::Oid(plan.policy), Imprint(plan, stamped),
-                  der::Integer(plan.serial), der::Tlv(0x18, detail::AsBytes(plan.genTime))});
+    const Bytes tst = der::Seq({der::Integer(Bytes{0x01}), der::Oid("1.3.6.1.4.1.99999.3.1"),
+                                Imprint(plan, stamped), der::Integer(Bytes{0x01}),
+                                der::Tlv(0x18, detail::AsBytes(plan.genTime))});
     if (plan.noSigner) {
         // RFC 5652 allows a SignedData without SignerInfo; CMS_final refuses one.
         const Bytes content = der::Seq(
@@ -117,9 +115,7 @@ Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> sta
     TP_NEED(CMS_set1_eContentType(cms.get(), OBJ_nid2obj(NID_id_smime_ct_TSTInfo)));
     CMS_SignerInfo *si =
         AddSigner(cms.get(), plan.tsa, plan.digest, plan.embedTsaCert ? 0 : CMS_NOCERTS, plan.pss);
-    // The signing time follows genTime where that is a plain time.
-    std::optional<int64_t> epoch = PlainGenTime(plan.genTime);
-    AddSigningTime(si, epoch ? TimeAt(*epoch) : Utc("260115120000Z"));
+    AddSigningTime(si, SigningTimeOf(plan.genTime));
     AddEssSigningCert(si, plan);
     TP_NEED(CMS_final(cms.get(), MemBio(tst).get(), nullptr, CMS_BINARY));
     return ToDer(cms.get(), i2d_CMS_ContentInfo);
@@ -185,7 +181,7 @@ Bytes detail::SignedData(const SignSpec &plan, BIO *content) {
         unsigned flags = CMS_NOCERTS | (plan.signedAttrs ? 0 : CMS_NOATTR);
         si = AddSigner(cms.get(), plan.signer, plan.digest, flags, plan.pss);
         if (plan.signedAttrs) {
-            AddSigningTime(si, plan.signingTime);
+            AddSigningTime(si, Utc("260115115900Z"));
         }
     }
     for (const Cert &cert : plan.certs) {

@@ -58,17 +58,6 @@ Bytes Hash(Digest digest, std::span<const uint8_t> data) {
     return out;
 }
 
-std::string GenText(int64_t epochSeconds) {
-    time_t t = static_cast<time_t>(epochSeconds);
-    struct tm tm {};
-    Need(gmtime_r(&t, &tm), "time out of range");
-    // %Y does not pad years below 1000 to four digits.
-    char text[32];
-    snprintf(text, sizeof(text), "%04d%02d%02d%02d%02d%02dZ", tm.tm_year + 1900, tm.tm_mon + 1,
-             tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-    return text;
-}
-
 // A bare string keeps the text as given; ASN1_TIME_set_string would normalise it.
 Owned<ASN1_STRING_free> MakeTime(const Time &time) {
     int type = time.type == TimeType::Utc ? V_ASN1_UTCTIME : V_ASN1_GENERALIZEDTIME;
@@ -189,9 +178,15 @@ Name SimpleName(std::initializer_list<std::pair<std::string, std::string>> attrs
 }
 
 Time TimeAt(int64_t epochSeconds) {
-    std::string text = detail::GenText(epochSeconds);
-    int year = std::stoi(text.substr(0, 4));
-    return year >= 1950 && year <= 2049 ? Utc(text.substr(2)) : Gen(text);
+    time_t t = static_cast<time_t>(epochSeconds);
+    struct tm tm {};
+    Need(gmtime_r(&t, &tm), "time out of range");
+    // %Y does not pad years below 1000 to four digits.
+    char text[32];
+    const int year = tm.tm_year + 1900;
+    snprintf(text, sizeof(text), "%04d%02d%02d%02d%02d%02dZ", year, tm.tm_mon + 1, tm.tm_mday,
+             tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return year >= 1950 && year <= 2049 ? Utc(text + 2) : Gen(text);
 }
 
 int64_t EpochOf(const Time &time) {

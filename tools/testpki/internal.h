@@ -39,7 +39,6 @@ inline std::span<const uint8_t> AsBytes(std::string_view text) {
 
 const EVP_MD *DigestMd(Digest digest);
 Bytes Hash(Digest digest, std::span<const uint8_t> data);
-std::string GenText(int64_t epochSeconds);
 
 // Objects that encode to exactly the text or content octets given.
 Owned<ASN1_STRING_free> MakeTime(const Time &time);

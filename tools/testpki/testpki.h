@@ -194,17 +194,16 @@ struct IssuingDistPoint {
     bool onlyAttributeCerts = false;
 };
 
+// Named as the issuer certificate's subject and signed with SHA-256.
 struct CrlSpec {
-    Credential issuer;               // required
-    std::optional<Name> issuerName;  // default: the issuer certificate's subject
-    int version = 2;                 // 1 leaves out the version field
+    Credential issuer;  // required
+    int version = 2;    // 1 leaves out the version field
     Time thisUpdate = Utc("240601000000Z");
     std::optional<Time> nextUpdate = Utc("491231235959Z");
     std::vector<RevokedEntry> revoked;  // in this order
     std::optional<Bytes> crlNumber = Bytes{0x01};
     std::optional<IssuingDistPoint> issuingDistPoint;
     std::vector<RawExtension> extraExtensions;
-    Digest digest = Digest::Sha256;
     bool pss = false;
 };
 
@@ -245,11 +244,10 @@ enum class TokenMaker { Cms };
 // The ESS signing-certificate attribute: v1 (SHA-1) or v2 (SHA-256).
 enum class TokenAttrs { EssCertId, EssCertIdV2 };
 
+// TSTInfo of one policy and serial 1.
 struct TimestampSpec {
     Credential tsa;                           // required
     std::string genTime = "20260115120000Z";  // GeneralizedTime content, as given
-    std::string policy = "1.3.6.1.4.1.99999.3.1";
-    Bytes serial = {0x01};  // INTEGER content octets
     Digest imprintDigest = Digest::Sha256;
     std::optional<Bytes> imprintOver;  // default: the signer's signature value
     Digest digest = Digest::Sha256;    // of the TSA's own signature
@@ -264,10 +262,9 @@ struct TimestampSpec {
 struct SignSpec {
     Credential signer;  // required unless noSigner
     Digest digest = Digest::Sha256;
-    bool signedAttrs = true;  // content type, signing time, message digest
-    Time signingTime = Utc("260115115900Z");
-    std::vector<Cert> certs;                 // embedded in this order, not sorted
-    bool noSigner = false;                   // a SignedData without SignerInfo
+    bool signedAttrs = true;  // content type, signing time (a fixed one), message digest
+    std::vector<Cert> certs;  // embedded in this order, not sorted
+    bool noSigner = false;    // a SignedData without SignerInfo
     std::optional<TimestampSpec> timestamp;  // imprint over the signature value
     bool tamperSignedAttr = false;           // signing time changed after signing
     bool pss = false;

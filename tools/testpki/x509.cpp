@@ -166,9 +166,7 @@ Bytes MakeCrl(const CrlSpec &plan) {
     if (plan.version == 2) {
         TP_NEED(X509_CRL_set_version(crl, 1));
     }
-    auto named = plan.issuerName ? detail::MakeName(*plan.issuerName) : nullptr;
-    X509_NAME *issuer = X509_get_subject_name(plan.issuer.cert.get());
-    TP_NEED(X509_CRL_set_issuer_name(crl, named ? named.get() : issuer));
+    TP_NEED(X509_CRL_set_issuer_name(crl, X509_get_subject_name(plan.issuer.cert.get())));
     TP_NEED(X509_CRL_set1_lastUpdate(crl, detail::MakeTime(plan.thisUpdate).get()));
     if (plan.nextUpdate) {
         TP_NEED(X509_CRL_set1_nextUpdate(crl, detail::MakeTime(*plan.nextUpdate).get()));
@@ -209,7 +207,7 @@ Bytes MakeCrl(const CrlSpec &plan) {
     for (const RawExtension &ext : exts) {
         TP_NEED(X509_CRL_add_ext(crl, detail::MakeExtension(ext).get(), -1));
     }
-    Sign(crl, X509_CRL_sign_ctx, plan.issuer.key, plan.digest, plan.pss);
+    Sign(crl, X509_CRL_sign_ctx, plan.issuer.key, Digest::Sha256, plan.pss);
     return detail::ToDer(crl, i2d_X509_CRL);
 }
 
