@@ -142,23 +142,12 @@ Bytes RestoreCertOrder(const Bytes &contentInfo, const std::vector<Cert> &certs)
     return der::Seq({top[0], der::Tlv(0xA0, der::Seq(signedData))});
 }
 
-// Changes the last digit of the signing time after signing; OpenSSL encodes
-// the attributes afresh, so the DER changes while the signature stays.
+// A second later after signing; OpenSSL encodes the attributes afresh, so the
+// DER changes while the signature stays.
 void TamperSigningTime(CMS_SignerInfo *si) {
-    int index = CMS_signed_get_attr_by_NID(si, NID_pkcs9_signingTime, -1);
-    if (index < 0) {
-        throw Error("no signing-time attribute to tamper with");
-    }
-    ASN1_STRING *s =
-        TP_NEED(X509_ATTRIBUTE_get0_type(CMS_signed_get_attr(si, index), 0))->value.asn1_string;
-    Bytes text = BytesOf(s);
-    auto digit =
-        std::find_if(text.rbegin(), text.rend(), [](uint8_t c) { return c >= '0' && c <= '9'; });
-    if (digit == text.rend()) {
-        throw Error("signing time without digits");
-    }
-    *digit = *digit == '0' ? '1' : '0';
-    TP_NEED(ASN1_STRING_set(s, text.data(), static_cast<int>(text.size())));
+    const int index = CMS_signed_get_attr_by_NID(si, NID_pkcs9_signingTime, -1);
+    ASN1_TYPE *value = TP_NEED(X509_ATTRIBUTE_get0_type(CMS_signed_get_attr(si, index), 0));
+    TP_NEED(ASN1_STRING_set(value->value.asn1_string, "260115115901Z", -1));
 }
 
 }  // namespace
@@ -181,7 +170,7 @@ Bytes detail::SignedData(const SignSpec &plan, BIO *content) {
         unsigned flags = CMS_NOCERTS | (plan.signedAttrs ? 0 : CMS_NOATTR);
         si = AddSigner(cms.get(), plan.signer, plan.digest, flags, plan.pss);
         if (plan.signedAttrs) {
-            AddSigningTime(si, Utc("260115115900Z"));
+            AddSigningTime(si, Utc("260115115900Z"));  // tampered: 115901
         }
     }
     for (const Cert &cert : plan.certs) {

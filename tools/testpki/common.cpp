@@ -118,14 +118,6 @@ void UsePss(EVP_PKEY_CTX *pctx) {
     TP_NEED(EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, RSA_PSS_SALTLEN_DIGEST));
 }
 
-void CreateDirs(const std::filesystem::path &dir) {
-    std::error_code ec;
-    std::filesystem::create_directories(dir, ec);
-    if (ec) {
-        throw Error("cannot create " + dir.string() + ": " + ec.message());
-    }
-}
-
 }  // namespace detail
 
 Key Key::GenerateRsa(int bits) {

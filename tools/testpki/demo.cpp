@@ -67,10 +67,7 @@ SignSpec DemoSignSpec(const DemoPki &pki) {
     SignSpec plan;
     plan.signer = pki.leaf;
     plan.certs = {pki.leaf.cert, pki.ca.cert};
-    TimestampSpec stamp;
-    stamp.tsa = pki.tsa;
-    stamp.maker = TokenMaker::Cms;  // reproducible, unlike the TS API's tokens
-    plan.timestamp = stamp;
+    plan.timestamp.emplace().tsa = pki.tsa;
     return plan;
 }
 

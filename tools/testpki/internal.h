@@ -47,12 +47,11 @@ Owned<X509_NAME_free> MakeName(const Name &name);
 Owned<X509_EXTENSION_free> MakeExtension(const RawExtension &ext);
 Bytes AuthorityKeyId(const Key &key);
 void UsePss(EVP_PKEY_CTX *pctx);
-void CreateDirs(const std::filesystem::path &dir);
 // Writes files below one folder and lists their names.
 struct Out {
-    explicit Out(std::filesystem::path d) : dir(std::move(d)) { CreateDirs(dir); }
+    explicit Out(std::filesystem::path d) : dir(std::move(d)) {}
     void Put(const std::string &name, std::span<const uint8_t> data) {
-        CreateDirs((dir / name).parent_path());
+        std::filesystem::create_directories((dir / name).parent_path());
         WriteFile(dir / name, data);
         names.push_back(name);
     }

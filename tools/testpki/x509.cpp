@@ -84,17 +84,11 @@ Cert IssueCert(const CertSpec &plan) {
     if (!plan.subjectKey) {
         throw Error("CertSpec.subjectKey is required");
     }
-    if (plan.version < 1 || plan.version > 3) {
-        throw Error("certificate version must be 1, 2 or 3");
-    }
     if (plan.issuer && (!plan.issuer->cert || !plan.issuer->key)) {
         throw Error("CertSpec.issuer needs both a certificate and a key");
     }
     const Key &signer = plan.issuer ? plan.issuer->key : plan.subjectKey;
     const std::vector<RawExtension> exts = CertExtensions(plan, signer);
-    if (plan.version == 1 && !exts.empty()) {
-        throw Error("a version 1 certificate cannot carry extensions");
-    }
 
     X509Ptr owned(TP_NEED(X509_new()));
     X509 *x = owned.get();
