@@ -91,8 +91,7 @@ Bytes Imprint(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
                      der::OctetString(detail::Hash(plan.imprintDigest, over))});
 }
 
-// The imprint covers imprintOver or else `stamped`. TSTInfo ::= SEQUENCE {
-// version INTEGER, policy, messageImprint, serialNumber, genTime, ... }
+// TSTInfo { version, policy, messageImprint (of imprintOver or stamped), serial, genTime }
 Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
     if (!plan.tsa.cert || !plan.tsa.key) {
         throw Error("TimestampSpec.tsa needs both a certificate and a key");
@@ -142,8 +141,7 @@ Bytes RestoreCertOrder(const Bytes &contentInfo, const std::vector<Cert> &certs)
     return der::Seq({top[0], der::Tlv(0xA0, der::Seq(signedData))});
 }
 
-// A second later after signing; OpenSSL encodes the attributes afresh, so the
-// DER changes while the signature stays.
+// A second later after signing: the signed DER changes, the signature stays.
 void TamperSigningTime(CMS_SignerInfo *si) {
     const int index = CMS_signed_get_attr_by_NID(si, NID_pkcs9_signingTime, -1);
     ASN1_TYPE *value = TP_NEED(X509_ATTRIBUTE_get0_type(CMS_signed_get_attr(si, index), 0));
@@ -170,7 +168,7 @@ Bytes detail::SignedData(const SignSpec &plan, BIO *content) {
         unsigned flags = CMS_NOCERTS | (plan.signedAttrs ? 0 : CMS_NOATTR);
         si = AddSigner(cms.get(), plan.signer, plan.digest, flags, plan.pss);
         if (plan.signedAttrs) {
-            AddSigningTime(si, Utc("260115115900Z"));  // tampered: 115901
+            AddSigningTime(si, Utc("260115115900Z"));  // see TamperSigningTime
         }
     }
     for (const Cert &cert : plan.certs) {

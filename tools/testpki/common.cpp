@@ -64,8 +64,7 @@ Owned<ASN1_STRING_free> MakeTime(const Time &time) {
     return MakeString(type, AsBytes(time.text));
 }
 
-// OpenSSL holds sign and magnitude and writes the magnitude (negated if
-// negative) at its width, so redundant leading octets survive where it can.
+// OpenSSL keeps a magnitude's width, so redundant leading octets survive.
 Owned<ASN1_STRING_free> MakeInteger(std::span<const uint8_t> content) {
     if (content.empty()) {
         throw Error("INTEGER content must have at least one octet");

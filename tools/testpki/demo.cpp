@@ -1,5 +1,4 @@
-// The demo hierarchy and packages that scripts and examples start from, and
-// the root certificate the tool carries built in.
+// The demo hierarchy, its packages and the root the tool carries built in.
 #include "tools/testpki/internal.h"
 
 #include <openssl/bio.h>
@@ -27,9 +26,8 @@ CertSpec CaSpec(const Credential &issuer, Key key, const std::string &cn, Bytes 
     return plan;
 }
 
-// The code signer (tsa: the TSA) with serial 10 0N and a purpose that fits
-// unless another is given. RFC 3161 2.3 wants time stamping as the only,
-// critical purpose; code signing is marked the same way.
+// The code signer or TSA, serial 10 0N, its purpose as the only critical one
+// (RFC 3161 2.3) unless another is given.
 Credential EndEntity(const Credential &issuer, Key key, bool tsa, uint8_t n = 0,
                      std::string purpose = "") {
     CertSpec plan = CaSpec(issuer, std::move(key), tsa ? "Test Time Stamping" : "Test Code Signing",

@@ -67,18 +67,15 @@ Bytes SignedData(const SignSpec &plan, BIO *content);
 // The command line's writers; each returns the names of the files it wrote.
 namespace testpki {
 
-// WriteDemoPki's files, the payload, sha256sums{,.p7s,.p7s.pem,.tampered},
-// crls+ca.pem and faults/NAME/sha256sums{,.p7s}.
+// WriteDemoPki's files, payload, sha256sums*, crls+ca.pem, faults/NAME/sha256sums*.
 std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesystem::path &outDir);
 
-// Signs a file as MakePackage does, streamed: content.p7s, crls+ca.pem, and for
-// the openssl command line root.pem, ca.pem, tsa.pem, token.der, sigvalue.bin.
+// content.p7s as MakePackage signs, streamed, and the openssl CLI's inputs.
 std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
                                             const std::filesystem::path &content,
                                             const std::filesystem::path &outDir);
 
-// A package whose signer and TSA sit `depth` (1..12) certificates below the
-// demo root (EC keys below it if `ecdsa`, depth 2), with CRLs of root and CAs.
+// Signer and TSA `depth` (1..12; 2 for `ecdsa`) certificates below the demo root.
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
                                            const std::filesystem::path &keyDir, bool ecdsa);
 

@@ -1,7 +1,5 @@
-// testpki: keys, certificates, CRLs, CMS signatures and timestamp tokens made
-// through real OpenSSL for tests, fuzz seeds and scripts. Builders write what a
-// decoder might trip over (serials, times, key usage, extension order) exactly
-// as given, valid or not, and throw Error with the OpenSSL reason.
+// testpki: test PKI material made through real OpenSSL, every field exactly as
+// given (valid or not); failures throw Error with the OpenSSL reason.
 #pragma once
 
 #include <openssl/evp.h>
@@ -231,14 +229,12 @@ Bytes OctetString(std::span<const uint8_t> content);
 Bytes Boolean(bool value);
 Bytes Integer(std::span<const uint8_t> content);  // content octets as given
 
-// The whole children of the constructed element at the front of `in`, and its
-// content octets; both throw on a malformed or truncated element.
+// The front element's children (whole) and content; throw if it is malformed.
 std::vector<Bytes> Children(std::span<const uint8_t> in);
 Bytes Content(std::span<const uint8_t> in);
 }  // namespace der
 
-// TSTInfo written here and signed by the CMS API: reproducible, any genTime.
-// The TS API's own tokens come from pkg_sign and openssl ts in their tests.
+// Signed by the CMS API, reproducible; pkg_sign's tests cover TS API tokens.
 enum class TokenMaker { Cms };
 
 // The ESS signing-certificate attribute: v1 (SHA-1) or v2 (SHA-256).

@@ -1,5 +1,4 @@
-// Certificates and CRLs: every field and extension value is written from the
-// spec's raw form; OpenSSL only assembles and signs.
+// Certificates and CRLs: fields and extensions as planned; OpenSSL assembles and signs.
 #include "tools/testpki/internal.h"
 
 namespace testpki {
@@ -127,8 +126,7 @@ Bytes CrlIssuerPoint(const Bytes &crlIssuer) {
     return der::Seq({der::Seq({der::Tlv(0xA2, der::Tlv(0xA4, crlIssuer))})});
 }
 
-// IssuingDistributionPoint: [0] distributionPoint, then the BOOLEANs
-// [1] onlyUser, [2] onlyCA, [4] indirectCRL, [5] onlyAttribute.
+// IssuingDistributionPoint: [0] distributionPoint, then [1], [2], [4], [5] flags.
 static Bytes IssuingDistPointValue(const IssuingDistPoint &idp) {
     std::vector<Bytes> items;
     if (idp.uri) {
