@@ -252,8 +252,8 @@ std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
                                            const std::filesystem::path &keyDir, bool ecdsa) {
     // A CRL file takes at most 11 CA certificates; there is one EC CA key.
-    if (depth < 1 || depth > 12 || (ecdsa && depth != 2)) {
-        throw Error("chain depth " + std::to_string(depth) + " is not within 1..12 (2 for EC)");
+    if (depth < 2 || depth > 12 || (ecdsa && depth != 2)) {
+        throw Error("chain depth " + std::to_string(depth) + " is not within 2..12 (2 for EC)");
     }
     DemoPki pki;
     pki.root = MakeDemoRoot(keyDir);
@@ -275,15 +275,11 @@ std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::pat
     }
     pki.leaf = EndEntity(pki.ca, LoadTestKey(ecdsa ? "ec-p256" : "leaf-2048", keyDir), false);
     pki.tsa = EndEntity(pki.ca, LoadTestKey(ecdsa ? "ec-p384" : "tsa-2048", keyDir), true);
-    SignSpec plan = DemoSignSpec(pki);
-    if (depth == 1) {
-        plan.certs = {pki.leaf.cert};  // the root is never taken from a signature
-    }
     const std::string checksums = DemoChecksums();
     crlFile.insert(crlFile.end(), caCerts.begin(), caCerts.end());
     Out out(outDir);
     out.Put("sha256sums", checksums);
-    out.Put("sha256sums.p7s", MakeSignedData(plan, detail::AsBytes(checksums)));
+    out.Put("sha256sums.p7s", MakeSignedData(DemoSignSpec(pki), detail::AsBytes(checksums)));
     out.Put("crls+ca.pem", PemBundle(crlFile));
     return out.names;
 }

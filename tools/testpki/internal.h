@@ -75,7 +75,7 @@ std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
                                             const std::filesystem::path &content,
                                             const std::filesystem::path &outDir);
 
-// Signer and TSA `depth` (1..12; 2 for `ecdsa`) certificates below the demo root.
+// Signer and TSA `depth` (2..12; 2 for `ecdsa`) certificates below the demo root.
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
                                            const std::filesystem::path &keyDir, bool ecdsa);
 
