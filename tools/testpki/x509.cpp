@@ -80,9 +80,6 @@ KeyUsage KeyUsage::Of(uint8_t first, uint8_t second) {
 }
 
 Cert IssueCert(const CertSpec &plan) {
-    if (!plan.subjectKey) {
-        throw Error("CertSpec.subjectKey is required");
-    }
     if (plan.issuer && (!plan.issuer->cert || !plan.issuer->key)) {
         throw Error("CertSpec.issuer needs both a certificate and a key");
     }
@@ -149,14 +146,11 @@ Bytes MakeCrl(const CrlSpec &plan) {
     if (!plan.issuer.cert || !plan.issuer.key) {
         throw Error("CrlSpec.issuer needs both a certificate and a key");
     }
-    if (plan.version != 1 && plan.version != 2) {
-        throw Error("CRL version must be 1 or 2");
-    }
     X509CrlPtr owned(TP_NEED(X509_CRL_new()));
     X509_CRL *crl = owned.get();
     // A new CRL has no version field; setting one, even v1's 0, would write it.
-    if (plan.version == 2) {
-        TP_NEED(X509_CRL_set_version(crl, 1));
+    if (plan.version != 1) {
+        TP_NEED(X509_CRL_set_version(crl, plan.version - 1));
     }
     TP_NEED(X509_CRL_set_issuer_name(crl, X509_get_subject_name(plan.issuer.cert.get())));
     TP_NEED(X509_CRL_set1_lastUpdate(crl, detail::MakeTime(plan.thisUpdate).get()));
