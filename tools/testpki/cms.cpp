@@ -1,13 +1,9 @@
-// Detached CMS signatures and RFC 3161 timestamp tokens, signed by OpenSSL's
-// CMS and TS APIs.
+// Detached CMS signatures and RFC 3161 timestamp tokens by OpenSSL's CMS API.
 #include "tools/testpki/internal.h"
 
 #include <openssl/cms.h>
-#include <openssl/err.h>
 #include <openssl/ess.h>
 #include <openssl/objects.h>
-#include <openssl/ts.h>
-#include <openssl/x509v3.h>
 
 #include <algorithm>
 
@@ -40,13 +36,12 @@ Bytes BytesOf(const ASN1_STRING *s) {
     return Bytes(ASN1_STRING_get0_data(s), ASN1_STRING_get0_data(s) + ASN1_STRING_length(s));
 }
 
-// The time of a genTime the TS API could write itself ("YYYYMMDDHHMMSSZ").
-std::optional<int64_t> PlainGenTime(const std::string &text) {
+// A token's signing time follows its genTime where OpenSSL can read that.
+Time SigningTimeOf(const std::string &genTime) {
     try {
-        int64_t epoch = EpochOf(Gen(text));
-        return detail::GenText(epoch) == text ? std::optional(epoch) : std::nullopt;
+        return TimeAt(EpochOf(Gen(genTime)));
     } catch (const Error &) {
-        return std::nullopt;
+        return Utc("260115120000Z");
     }
 }
 
@@ -64,9 +59,9 @@ CMS_SignerInfo *AddSigner(CMS_ContentInfo *cms, const Credential &signer, Digest
 
 // A fixed signing time keeps the output reproducible (CMS would take the clock).
 void AddSigningTime(CMS_SignerInfo *si, const Time &time) {
-    int type = time.type == TimeType::Utc ? V_ASN1_UTCTIME : V_ASN1_GENERALIZEDTIME;
-    TP_NEED(CMS_signed_add1_attr_by_NID(si, NID_pkcs9_signingTime, type,
-                                        detail::MakeTime(time).get(), -1));
+    const auto value = detail::MakeTime(time);
+    TP_NEED(CMS_signed_add1_attr_by_NID(si, NID_pkcs9_signingTime, ASN1_STRING_type(value.get()),
+                                        value.get(), -1));
 }
 
 // RFC 2634 5.4 / RFC 5035 3: ties the token to the TSA certificate.
@@ -79,8 +74,8 @@ void AddEssSigningCert(CMS_SignerInfo *si, const TimestampSpec &plan) {
         der = ToDer(sc.get(), i2d_ESS_SIGNING_CERT);
         nid = NID_id_smime_aa_signingCertificate;
     } else {
-        Owned<ESS_SIGNING_CERT_V2_free> sc(TP_NEED(
-            OSSL_ESS_signing_cert_v2_new_init(DigestMd(plan.essDigest), named, nullptr, 0)));
+        Owned<ESS_SIGNING_CERT_V2_free> sc(
+            TP_NEED(OSSL_ESS_signing_cert_v2_new_init(EVP_sha256(), named, nullptr, 0)));
         der = ToDer(sc.get(), i2d_ESS_SIGNING_CERT_V2);
     }
     // V_ASN1_SEQUENCE takes the whole encoding as the attribute value.
@@ -96,8 +91,14 @@ Bytes Imprint(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
                      der::OctetString(detail::Hash(plan.imprintDigest, over))});
 }
 
-Bytes TokenViaCms(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
-    const Bytes tst = MakeTstInfo(plan, stamped);
+// TSTInfo { version, policy, messageImprint (of imprintOver or stamped), serial, genTime }
+Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
+    if (!plan.tsa.cert || !plan.tsa.key) {
+        throw Error("TimestampSpec.tsa needs both a certificate and a key");
+    }
+    const Bytes tst = der::Seq({der::Integer(Bytes{0x01}), der::Oid("1.3.6.1.4.1.99999.3.1"),
+                                Imprint(plan, stamped), der::Integer(Bytes{0x01}),
+                                der::Tlv(0x18, detail::AsBytes(plan.genTime))});
     if (plan.noSigner) {
         // RFC 5652 allows a SignedData without SignerInfo; CMS_final refuses one.
         const Bytes content = der::Seq(
@@ -111,70 +112,12 @@ Bytes TokenViaCms(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
     }
     CmsPtr cms(TP_NEED(CMS_sign(nullptr, nullptr, nullptr, nullptr, CMS_PARTIAL | CMS_BINARY)));
     TP_NEED(CMS_set1_eContentType(cms.get(), OBJ_nid2obj(NID_id_smime_ct_TSTInfo)));
-    unsigned flags =
-        (plan.embedTsaCert ? 0 : CMS_NOCERTS) | (plan.attrs == TokenAttrs::None ? CMS_NOATTR : 0);
-    CMS_SignerInfo *si = AddSigner(cms.get(), plan.tsa, plan.digest, flags, plan.pss);
-    if (plan.attrs != TokenAttrs::None) {
-        // The signing time follows genTime where that is a plain time.
-        std::optional<int64_t> epoch = PlainGenTime(plan.genTime);
-        AddSigningTime(si, epoch ? TimeAt(*epoch) : Utc("260115120000Z"));
-        AddEssSigningCert(si, plan);
-    }
+    CMS_SignerInfo *si =
+        AddSigner(cms.get(), plan.tsa, plan.digest, plan.embedTsaCert ? 0 : CMS_NOCERTS, plan.pss);
+    AddSigningTime(si, SigningTimeOf(plan.genTime));
+    AddEssSigningCert(si, plan);
     TP_NEED(CMS_final(cms.get(), MemBio(tst).get(), nullptr, CMS_BINARY));
     return ToDer(cms.get(), i2d_CMS_ContentInfo);
-}
-
-// TS_RESP_CTX_set_signer_cert refuses a certificate without this purpose.
-bool FitsTsApi(const TimestampSpec &plan) {
-    if (plan.attrs == TokenAttrs::None || plan.noSigner || plan.pss || plan.essCert ||
-        plan.essDigest != Digest::Sha256 || !PlainGenTime(plan.genTime)) {
-        return false;
-    }
-    bool ok = X509_check_purpose(plan.tsa.cert.get(), X509_PURPOSE_TIMESTAMP_SIGN, 0) == 1;
-    ERR_clear_error();
-    return ok;
-}
-
-Bytes TokenViaTsApi(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
-    int64_t epoch = *PlainGenTime(plan.genTime);
-    Owned<TS_RESP_CTX_free> owned(TP_NEED(TS_RESP_CTX_new()));
-    TS_RESP_CTX *ctx = owned.get();
-    TP_NEED(TS_RESP_CTX_set_signer_cert(ctx, plan.tsa.cert.get()));
-    TP_NEED(TS_RESP_CTX_set_signer_key(ctx, plan.tsa.key.get()));
-    TP_NEED(TS_RESP_CTX_set_signer_digest(ctx, DigestMd(plan.digest)));
-    Owned<ASN1_OBJECT_free> policy(TP_NEED(OBJ_txt2obj(plan.policy.c_str(), 0)));
-    TP_NEED(TS_RESP_CTX_set_def_policy(ctx, policy.get()));
-    TP_NEED(TS_RESP_CTX_add_md(ctx, DigestMd(plan.imprintDigest)));
-    const EVP_MD *essMd = plan.attrs == TokenAttrs::EssCertId ? EVP_sha1() : EVP_sha256();
-    TP_NEED(TS_RESP_CTX_set_ess_cert_id_digest(ctx, essMd));
-    // The serial and the clock come from the plan.
-    auto serial = [](TS_RESP_CTX *, void *data) -> ASN1_INTEGER * {
-        try {
-            return detail::MakeInteger(*static_cast<const Bytes *>(data)).release();
-        } catch (const Error &) {
-            return nullptr;  // OpenSSL turns this into a refused response
-        }
-    };
-    auto clock = [](TS_RESP_CTX *, void *data, long *sec, long *usec) {
-        *sec = static_cast<long>(*static_cast<const int64_t *>(data));
-        *usec = 0;
-        return 1;
-    };
-    TS_RESP_CTX_set_serial_cb(ctx, serial, const_cast<Bytes *>(&plan.serial));
-    TS_RESP_CTX_set_time_cb(ctx, clock, &epoch);
-
-    // TimeStampReq ::= SEQUENCE { version, messageImprint, ..., certReq BOOLEAN }
-    std::vector<Bytes> request = {der::Integer(Bytes{0x01}), Imprint(plan, stamped)};
-    if (plan.embedTsaCert) {
-        request.push_back(der::Boolean(true));
-    }
-    Owned<TS_RESP_free> resp(
-        TP_NEED(TS_RESP_create_response(ctx, MemBio(der::Seq(request)).get())));
-    if (ASN1_INTEGER_get(TS_STATUS_INFO_get0_status(TS_RESP_get_status_info(resp.get()))) !=
-        TS_STATUS_GRANTED) {
-        detail::Fail("the TS API refused the time-stamp request");
-    }
-    return ToDer(TS_RESP_get_token(resp.get()), i2d_PKCS7);
 }
 
 // OpenSSL sorts the certificates as a DER SET OF; restore the order asked for.
@@ -198,45 +141,14 @@ Bytes RestoreCertOrder(const Bytes &contentInfo, const std::vector<Cert> &certs)
     return der::Seq({top[0], der::Tlv(0xA0, der::Seq(signedData))});
 }
 
-// Changes the last digit of the signing time after signing; OpenSSL encodes
-// the attributes afresh, so the DER changes while the signature stays.
+// A second later after signing: the signed DER changes, the signature stays.
 void TamperSigningTime(CMS_SignerInfo *si) {
-    int index = CMS_signed_get_attr_by_NID(si, NID_pkcs9_signingTime, -1);
-    if (index < 0) {
-        throw Error("no signing-time attribute to tamper with");
-    }
-    ASN1_STRING *s =
-        TP_NEED(X509_ATTRIBUTE_get0_type(CMS_signed_get_attr(si, index), 0))->value.asn1_string;
-    Bytes text = BytesOf(s);
-    auto digit =
-        std::find_if(text.rbegin(), text.rend(), [](uint8_t c) { return c >= '0' && c <= '9'; });
-    if (digit == text.rend()) {
-        throw Error("signing time without digits");
-    }
-    *digit = *digit == '0' ? '1' : '0';
-    TP_NEED(ASN1_STRING_set(s, text.data(), static_cast<int>(text.size())));
+    const int index = CMS_signed_get_attr_by_NID(si, NID_pkcs9_signingTime, -1);
+    ASN1_TYPE *value = TP_NEED(X509_ATTRIBUTE_get0_type(CMS_signed_get_attr(si, index), 0));
+    TP_NEED(ASN1_STRING_set(value->value.asn1_string, "260115115901Z", -1));
 }
 
 }  // namespace
-
-// TSTInfo ::= SEQUENCE { version INTEGER { v1(1) }, policy TSAPolicyId,
-//   messageImprint, serialNumber INTEGER, genTime GeneralizedTime, ... }
-Bytes MakeTstInfo(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
-    return der::Seq({der::Integer(Bytes{0x01}), der::Oid(plan.policy), Imprint(plan, stamped),
-                     der::Integer(plan.serial), der::Tlv(0x18, detail::AsBytes(plan.genTime))});
-}
-
-Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> stamped) {
-    if (!plan.tsa.cert || !plan.tsa.key) {
-        throw Error("TimestampSpec.tsa needs both a certificate and a key");
-    }
-    bool fits = FitsTsApi(plan);
-    if (plan.maker == TokenMaker::TsApi && !fits) {
-        throw Error("the TS API cannot make this token (genTime, attributes or TSA purpose)");
-    }
-    bool tsApi = plan.maker == TokenMaker::TsApi || (plan.maker == TokenMaker::Auto && fits);
-    return tsApi ? TokenViaTsApi(plan, stamped) : TokenViaCms(plan, stamped);
-}
 
 Bytes detail::SignedData(const SignSpec &plan, BIO *content) {
     if (!plan.noSigner && (!plan.signer.cert || !plan.signer.key)) {
@@ -256,7 +168,7 @@ Bytes detail::SignedData(const SignSpec &plan, BIO *content) {
         unsigned flags = CMS_NOCERTS | (plan.signedAttrs ? 0 : CMS_NOATTR);
         si = AddSigner(cms.get(), plan.signer, plan.digest, flags, plan.pss);
         if (plan.signedAttrs) {
-            AddSigningTime(si, plan.signingTime);
+            AddSigningTime(si, Utc("260115115900Z"));  // see TamperSigningTime
         }
     }
     for (const Cert &cert : plan.certs) {
@@ -306,7 +218,7 @@ Bytes Armoured(std::span<const uint8_t> der, Armour armour) {
     if (armour == Armour::Der) {
         return Bytes(der.begin(), der.end());
     }
-    std::string pem = ToPem(armour == Armour::PemCms ? "CMS" : "PKCS7", der);
+    std::string pem = ToPem("CMS", der);
     return Bytes(pem.begin(), pem.end());
 }
 

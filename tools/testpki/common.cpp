@@ -58,25 +58,13 @@ Bytes Hash(Digest digest, std::span<const uint8_t> data) {
     return out;
 }
 
-std::string GenText(int64_t epochSeconds) {
-    time_t t = static_cast<time_t>(epochSeconds);
-    struct tm tm {};
-    Need(gmtime_r(&t, &tm), "time out of range");
-    // %Y does not pad years below 1000 to four digits.
-    char text[32];
-    snprintf(text, sizeof(text), "%04d%02d%02d%02d%02d%02dZ", tm.tm_year + 1900, tm.tm_mon + 1,
-             tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-    return text;
-}
-
 // A bare string keeps the text as given; ASN1_TIME_set_string would normalise it.
 Owned<ASN1_STRING_free> MakeTime(const Time &time) {
     int type = time.type == TimeType::Utc ? V_ASN1_UTCTIME : V_ASN1_GENERALIZEDTIME;
     return MakeString(type, AsBytes(time.text));
 }
 
-// OpenSSL holds sign and magnitude and writes the magnitude (negated if
-// negative) at its width, so redundant leading octets survive where it can.
+// OpenSSL keeps a magnitude's width, so redundant leading octets survive.
 Owned<ASN1_STRING_free> MakeInteger(std::span<const uint8_t> content) {
     if (content.empty()) {
         throw Error("INTEGER content must have at least one octet");
@@ -129,31 +117,10 @@ void UsePss(EVP_PKEY_CTX *pctx) {
     TP_NEED(EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, RSA_PSS_SALTLEN_DIGEST));
 }
 
-void CreateDirs(const std::filesystem::path &dir) {
-    std::error_code ec;
-    std::filesystem::create_directories(dir, ec);
-    if (ec) {
-        throw Error("cannot create " + dir.string() + ": " + ec.message());
-    }
-}
-
 }  // namespace detail
-
-Key Key::LoadPem(const std::filesystem::path &file) {
-    Owned<BIO_free> bio(BIO_new_file(file.c_str(), "r"));
-    // An encrypted key fails instead of prompting on the terminal.
-    pem_password_cb *noPassword = [](char *, int, int, void *) { return 0; };
-    PkeyPtr pkey(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr) : nullptr);
-    Need(pkey.get(), ("no private key in " + file.string()).c_str());
-    return Key(std::move(pkey));
-}
 
 Key Key::GenerateRsa(int bits) {
     return Key(PkeyPtr(TP_NEED(EVP_RSA_gen(static_cast<unsigned>(bits)))));
-}
-
-Key Key::GenerateEc(const std::string &curve) {
-    return Key(PkeyPtr(TP_NEED(EVP_EC_gen(curve.c_str()))));
 }
 
 Key Key::EcForm(bool compressed, bool explicitParams) const {
@@ -184,13 +151,13 @@ std::filesystem::path DefaultKeyDir() {
 }
 
 Key LoadTestKey(std::string_view name, const std::filesystem::path &dir) {
-    return Key::LoadPem(dir / (std::string(name) + ".pem"));
-}
-
-Cert Cert::FromDer(Bytes der) {
-    const unsigned char *p = der.data();
-    X509Ptr x509(TP_NEED(d2i_X509(nullptr, &p, static_cast<long>(der.size()))));
-    return Cert(std::move(x509), std::move(der));
+    const std::filesystem::path file = dir / (std::string(name) + ".pem");
+    Owned<BIO_free> bio(BIO_new_file(file.c_str(), "r"));
+    // An encrypted key fails instead of prompting on the terminal.
+    pem_password_cb *noPassword = [](char *, int, int, void *) { return 0; };
+    PkeyPtr pkey(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr) : nullptr);
+    Need(pkey.get(), ("no private key in " + file.string()).c_str());
+    return Key(std::move(pkey));
 }
 
 Name SimpleName(std::initializer_list<std::pair<std::string, std::string>> attrs) {
@@ -202,9 +169,15 @@ Name SimpleName(std::initializer_list<std::pair<std::string, std::string>> attrs
 }
 
 Time TimeAt(int64_t epochSeconds) {
-    std::string text = detail::GenText(epochSeconds);
-    int year = std::stoi(text.substr(0, 4));
-    return year >= 1950 && year <= 2049 ? Utc(text.substr(2)) : Gen(text);
+    time_t t = static_cast<time_t>(epochSeconds);
+    struct tm tm {};
+    Need(gmtime_r(&t, &tm), "time out of range");
+    // %Y does not pad years below 1000 to four digits.
+    char text[32];
+    const int year = tm.tm_year + 1900;
+    snprintf(text, sizeof(text), "%04d%02d%02d%02d%02d%02dZ", year, tm.tm_mon + 1, tm.tm_mday,
+             tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return year >= 1950 && year <= 2049 ? Utc(text + 2) : Gen(text);
 }
 
 int64_t EpochOf(const Time &time) {

@@ -1,5 +1,4 @@
-// The demo hierarchy and packages that scripts and examples start from, and
-// the root certificate the tool carries built in.
+// The demo hierarchy, its packages and the root the tool carries built in.
 #include "tools/testpki/internal.h"
 
 #include <openssl/bio.h>
@@ -27,9 +26,8 @@ CertSpec CaSpec(const Credential &issuer, Key key, const std::string &cn, Bytes 
     return plan;
 }
 
-// The code signer (tsa: the TSA) with serial 10 0N and a purpose that fits
-// unless another is given. RFC 3161 2.3 wants time stamping as the only,
-// critical purpose; code signing is marked the same way.
+// The code signer or TSA, serial 10 0N, its purpose as the only critical one
+// (RFC 3161 2.3) unless another is given.
 Credential EndEntity(const Credential &issuer, Key key, bool tsa, uint8_t n = 0,
                      std::string purpose = "") {
     CertSpec plan = CaSpec(issuer, std::move(key), tsa ? "Test Time Stamping" : "Test Code Signing",
@@ -44,15 +42,11 @@ Credential EndEntity(const Credential &issuer, Key key, bool tsa, uint8_t n = 0,
     return IssueCredential(plan);
 }
 
-// The demo root's serial is a prefix of this text, as long as its fixed size needs.
-constexpr std::string_view kDemoRootSerial = "Dorvex demo root CA.";
-constexpr size_t kDemoRootSize = 1363;
-
-CertSpec DemoRootSpec(const Key &key, size_t serialLen) {
+CertSpec DemoRootSpec(const Key &key) {
     CertSpec plan;
     plan.subjectKey = key;
     plan.subject = SimpleName({{"C", "DE"}, {"O", "Dorvex"}, {"CN", "Demo Root CA"}});
-    plan.serial = Bytes(kDemoRootSerial.data(), kDemoRootSerial.data() + serialLen);
+    plan.serial = {'D', 'o', 'r', 'v', 'e', 'x'};
     plan.notBefore = Utc("151015000000Z");
     plan.notAfter = Gen("20501015000000Z");
     // Not CertSpec's own extension order: these four go in as written.
@@ -71,10 +65,7 @@ SignSpec DemoSignSpec(const DemoPki &pki) {
     SignSpec plan;
     plan.signer = pki.leaf;
     plan.certs = {pki.leaf.cert, pki.ca.cert};
-    TimestampSpec stamp;
-    stamp.tsa = pki.tsa;
-    stamp.maker = TokenMaker::Cms;  // reproducible, unlike the TS API's tokens
-    plan.timestamp = stamp;
+    plan.timestamp.emplace().tsa = pki.tsa;
     return plan;
 }
 
@@ -145,15 +136,8 @@ const FaultRow kFaults[] = {
 }  // namespace
 
 Credential MakeDemoRoot(const std::filesystem::path &keyDir) {
-    Key key = LoadTestKey("root-4096", keyDir);
-    // One serial octet more is one certificate octet more: measure with one,
-    // then take as many as are missing.
-    size_t probe = IssueCert(DemoRootSpec(key, 1)).Der().size();
-    if (probe > kDemoRootSize || kDemoRootSize - probe + 1 > kDemoRootSerial.size()) {
-        throw Error("the demo root's name does not fit its size");
-    }
-    Credential root = IssueCredential(DemoRootSpec(key, kDemoRootSize - probe + 1));
-    if (root.cert.Der().size() != kDemoRootSize) {
+    Credential root = IssueCredential(DemoRootSpec(LoadTestKey("root-4096", keyDir)));
+    if (root.cert.Der().size() != 1363) {  // examples/demo-root.der's size
         throw Error("the demo root came out at " + std::to_string(root.cert.Der().size()) +
                     " bytes");
     }
@@ -267,8 +251,9 @@ std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
 
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
                                            const std::filesystem::path &keyDir, bool ecdsa) {
-    if (depth < 1 || depth > 12) {  // a CRL file takes at most 11 CA certificates
-        throw Error("chain depth " + std::to_string(depth) + " is not within 1..12");
+    // A CRL file takes at most 11 CA certificates; there is one EC CA key.
+    if (depth < 2 || depth > 12 || (ecdsa && depth != 2)) {
+        throw Error("chain depth " + std::to_string(depth) + " is not within 2..12 (2 for EC)");
     }
     DemoPki pki;
     pki.root = MakeDemoRoot(keyDir);
@@ -282,23 +267,19 @@ std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::pat
             break;
         }
         // The first CA has the demo CA's key, deeper ones new keys.
-        const Key key = level > 1 ? (ecdsa ? Key::GenerateEc("P-384") : Key::GenerateRsa(2048))
-                                  : LoadTestKey(ecdsa ? "ec-p384" : "ca-2048", keyDir);
+        const Key key =
+            level > 1 ? Key::GenerateRsa(2048) : LoadTestKey(ecdsa ? "ec-p384" : "ca-2048", keyDir);
         const Bytes serial = {0x02, static_cast<uint8_t>(level)};
         pki.ca = IssueCredential(CaSpec(pki.ca, key, "Test CA " + std::to_string(level), serial));
         caCerts.push_back({std::string(kPemCertificate), pki.ca.cert.Der()});
     }
     pki.leaf = EndEntity(pki.ca, LoadTestKey(ecdsa ? "ec-p256" : "leaf-2048", keyDir), false);
     pki.tsa = EndEntity(pki.ca, LoadTestKey(ecdsa ? "ec-p384" : "tsa-2048", keyDir), true);
-    SignSpec plan = DemoSignSpec(pki);
-    if (depth == 1) {
-        plan.certs = {pki.leaf.cert};  // the root is never taken from a signature
-    }
     const std::string checksums = DemoChecksums();
     crlFile.insert(crlFile.end(), caCerts.begin(), caCerts.end());
     Out out(outDir);
     out.Put("sha256sums", checksums);
-    out.Put("sha256sums.p7s", MakeSignedData(plan, detail::AsBytes(checksums)));
+    out.Put("sha256sums.p7s", MakeSignedData(DemoSignSpec(pki), detail::AsBytes(checksums)));
     out.Put("crls+ca.pem", PemBundle(crlFile));
     return out.names;
 }

@@ -39,7 +39,6 @@ inline std::span<const uint8_t> AsBytes(std::string_view text) {
 
 const EVP_MD *DigestMd(Digest digest);
 Bytes Hash(Digest digest, std::span<const uint8_t> data);
-std::string GenText(int64_t epochSeconds);
 
 // Objects that encode to exactly the text or content octets given.
 Owned<ASN1_STRING_free> MakeTime(const Time &time);
@@ -48,12 +47,11 @@ Owned<X509_NAME_free> MakeName(const Name &name);
 Owned<X509_EXTENSION_free> MakeExtension(const RawExtension &ext);
 Bytes AuthorityKeyId(const Key &key);
 void UsePss(EVP_PKEY_CTX *pctx);
-void CreateDirs(const std::filesystem::path &dir);
 // Writes files below one folder and lists their names.
 struct Out {
-    explicit Out(std::filesystem::path d) : dir(std::move(d)) { CreateDirs(dir); }
+    explicit Out(std::filesystem::path d) : dir(std::move(d)) {}
     void Put(const std::string &name, std::span<const uint8_t> data) {
-        CreateDirs((dir / name).parent_path());
+        std::filesystem::create_directories((dir / name).parent_path());
         WriteFile(dir / name, data);
         names.push_back(name);
     }
@@ -69,18 +67,15 @@ Bytes SignedData(const SignSpec &plan, BIO *content);
 // The command line's writers; each returns the names of the files it wrote.
 namespace testpki {
 
-// WriteDemoPki's files, the payload, sha256sums{,.p7s,.p7s.pem,.tampered},
-// crls+ca.pem and faults/NAME/sha256sums{,.p7s}.
+// WriteDemoPki's files, payload, sha256sums*, crls+ca.pem, faults/NAME/sha256sums*.
 std::vector<std::string> WriteDemoPackage(const DemoPki &pki, const std::filesystem::path &outDir);
 
-// Signs a file as MakePackage does, streamed: content.p7s, crls+ca.pem, and for
-// the openssl command line root.pem, ca.pem, tsa.pem, token.der, sigvalue.bin.
+// content.p7s as MakePackage signs, streamed, and the openssl CLI's inputs.
 std::vector<std::string> WriteDemoSignature(const DemoPki &pki,
                                             const std::filesystem::path &content,
                                             const std::filesystem::path &outDir);
 
-// A package whose signer and TSA sit `depth` (1..12) certificates below the
-// demo root (EC keys below it if `ecdsa`), with CRLs of root and CAs.
+// Signer and TSA `depth` (2..12; 2 for `ecdsa`) certificates below the demo root.
 std::vector<std::string> WriteChainPackage(int depth, const std::filesystem::path &outDir,
                                            const std::filesystem::path &keyDir, bool ecdsa);
 

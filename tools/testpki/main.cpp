@@ -4,29 +4,28 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
-#include <cstring>
 
 namespace {
 
 constexpr const char kUsage[] =
-    "usage: testpki COMMAND [--keys DIR] ARGUMENTS\n"
+    "usage: testpki COMMAND ARGUMENTS (keys from the source tree's tests/keys)\n"
     "  demo-pki OUTDIR            the demo root -> CA -> leaf and TSA, and two CRLs\n"
     "  demo-package OUTDIR        the same with a signed package and its faults\n"
     "  demo-root OUT.der          the tool's built-in root certificate\n"
     "  sign-demo CONTENT OUTDIR   signs CONTENT as demo-package signs sha256sums\n"
-    "  chain-package DEPTH OUTDIR a package DEPTH (1..12) certificates below the root\n"
+    "  chain-package DEPTH OUTDIR a package DEPTH (2..12) certificates below the root\n"
     "  ecdsa-package OUTDIR       chain-package 2 with EC keys below the root\n"
-    "  path-pool OUTDIR           certificates and CRLs of the path fuzz target\n"
-    "--keys DIR: the test keys (default: the source tree's tests/keys), public ones.\n";
+    "  path-pool OUTDIR           certificates and CRLs of the path fuzz target\n";
 
 // Each command and how many arguments it takes; the last is the output.
 constexpr std::pair<std::string_view, size_t> kCommands[] = {
     {"demo-pki", 1},      {"demo-package", 1},  {"demo-root", 1}, {"sign-demo", 2},
     {"chain-package", 2}, {"ecdsa-package", 1}, {"path-pool", 1}};
 
-std::vector<std::string> Run(const std::string &command, const std::filesystem::path &keyDir,
+std::vector<std::string> Run(const std::string &command,
                              const std::vector<std::filesystem::path> &args) {
     const std::filesystem::path &out = args.back();
+    const std::filesystem::path keyDir = testpki::DefaultKeyDir();
     if (command == "demo-root") {
         testpki::WriteFile(out, testpki::MakeDemoRoot(keyDir).cert.Der());
         return {""};  // OUT itself
@@ -57,32 +56,23 @@ std::vector<std::string> Run(const std::string &command, const std::filesystem::
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc >= 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+    const std::string command = argc >= 2 ? argv[1] : "";
+    if (command == "--help" || command == "-h") {
         std::fputs(kUsage, stdout);
         return 0;
     }
-    const std::string command = argc >= 2 ? argv[1] : "";
     const auto *known = std::find_if(std::begin(kCommands), std::end(kCommands),
                                      [&](const auto &c) { return c.first == command; });
-    std::filesystem::path keyDir = testpki::DefaultKeyDir();
-    std::vector<std::filesystem::path> args;
-    for (int i = 2; i < argc && known != std::end(kCommands); ++i) {
-        if (std::strcmp(argv[i], "--keys") == 0 && i + 1 < argc) {
-            keyDir = argv[++i];
-        } else if (argv[i][0] != '-') {
-            args.emplace_back(argv[i]);
-        } else {
-            args.clear();  // an unknown option
-            break;
-        }
-    }
-    if (known == std::end(kCommands) || args.size() != known->second) {
+    const std::vector<std::filesystem::path> args(argv + std::min(argc, 2), argv + argc);
+    const bool option = std::any_of(args.begin(), args.end(),
+                                    [](const auto &a) { return a.string().starts_with('-'); });
+    if (known == std::end(kCommands) || args.size() != known->second || option) {
         std::fputs(kUsage, stderr);
         return 2;
     }
     try {
         // Every file written, by its path.
-        for (const std::string &file : Run(command, keyDir, args)) {
+        for (const std::string &file : Run(command, args)) {
             std::printf("%s\n", (file.empty() ? args.back() : args.back() / file).c_str());
         }
         return 0;

@@ -1,7 +1,5 @@
-// testpki: keys, certificates, CRLs, CMS signatures and timestamp tokens made
-// through real OpenSSL for tests, fuzz seeds and scripts. Builders write what a
-// decoder might trip over (serials, times, key usage, extension order) exactly
-// as given, valid or not, and throw Error with the OpenSSL reason.
+// testpki: test PKI material made through real OpenSSL, every field exactly as
+// given (valid or not); failures throw Error with the OpenSSL reason.
 #pragma once
 
 #include <openssl/evp.h>
@@ -44,9 +42,8 @@ using PkeyPtr = Owned<EVP_PKEY_free>;
 class Key {
   public:
     Key() = default;
-    static Key LoadPem(const std::filesystem::path &file);
+    explicit Key(PkeyPtr pkey) : pkey_(std::move(pkey)) {}
     static Key GenerateRsa(int bits);
-    static Key GenerateEc(const std::string &curve = "P-256");
     // A copy written with a compressed point and/or explicit curve parameters.
     Key EcForm(bool compressed, bool explicitParams) const;
 
@@ -56,7 +53,6 @@ class Key {
     Bytes KeyId() const;         // SHA-1 of the subjectPublicKey bits
 
   private:
-    explicit Key(PkeyPtr pkey) : pkey_(std::move(pkey)) {}
     std::shared_ptr<EVP_PKEY> pkey_;
 };
 
@@ -69,7 +65,6 @@ class Cert {
   public:
     Cert() = default;
     Cert(X509Ptr x509, Bytes der) : x509_(std::move(x509)), der_(std::move(der)) {}
-    static Cert FromDer(Bytes der);  // throws when OpenSSL cannot parse it
 
     explicit operator bool() const { return x509_ != nullptr; }
     X509 *get() const { return x509_.get(); }
@@ -125,21 +120,17 @@ struct BasicConstraints {
     bool critical = true;
 };
 
-// Key usage bits of the first octet; decipherOnly is in the second.
+// Key usage bits of the first octet.
 namespace ku {
 inline constexpr uint8_t kDigitalSignature = 0x80;
-inline constexpr uint8_t kNonRepudiation = 0x40;
-inline constexpr uint8_t kKeyAgreement = 0x08;
 inline constexpr uint8_t kKeyCertSign = 0x04;
 inline constexpr uint8_t kCrlSign = 0x02;
-inline constexpr uint8_t kDecipherOnlySecondOctet = 0x80;
 }  // namespace ku
 
-// The BIT STRING: octets after the unused-bits octet, as given.
+// A critical extension; the BIT STRING's octets after the unused-bits octet.
 struct KeyUsage {
     Bytes octets;
     uint8_t unusedBits = 0;
-    bool critical = true;
     static KeyUsage Of(uint8_t first);  // with minimal DER's unused bits
     static KeyUsage Of(uint8_t first, uint8_t second);
 };
@@ -192,26 +183,25 @@ Bytes SubjectDer(const Cert &cert);
 // A cRLDistributionPoints value with one point whose cRLIssuer is this Name.
 Bytes CrlIssuerPoint(const Bytes &crlIssuer);
 
+// A critical extension.
 struct IssuingDistPoint {
     std::optional<std::string> uri;  // distributionPoint fullName
     bool onlyUserCerts = false;
     bool onlyCaCerts = false;
     bool indirectCrl = false;
     bool onlyAttributeCerts = false;
-    bool critical = true;
 };
 
+// Named as the issuer certificate's subject and signed with SHA-256.
 struct CrlSpec {
-    Credential issuer;               // required
-    std::optional<Name> issuerName;  // default: the issuer certificate's subject
-    int version = 2;                 // 1 leaves out the version field
+    Credential issuer;  // required
+    int version = 2;    // 1 leaves out the version field
     Time thisUpdate = Utc("240601000000Z");
     std::optional<Time> nextUpdate = Utc("491231235959Z");
     std::vector<RevokedEntry> revoked;  // in this order
     std::optional<Bytes> crlNumber = Bytes{0x01};
     std::optional<IssuingDistPoint> issuingDistPoint;
     std::vector<RawExtension> extraExtensions;
-    Digest digest = Digest::Sha256;
     bool pss = false;
 };
 
@@ -239,47 +229,38 @@ Bytes OctetString(std::span<const uint8_t> content);
 Bytes Boolean(bool value);
 Bytes Integer(std::span<const uint8_t> content);  // content octets as given
 
-// The whole children of the constructed element at the front of `in`, and its
-// content octets; both throw on a malformed or truncated element.
+// The front element's children (whole) and content; throw if it is malformed.
 std::vector<Bytes> Children(std::span<const uint8_t> in);
 Bytes Content(std::span<const uint8_t> in);
 }  // namespace der
 
-// TsApi: OpenSSL's TS_RESP_CTX, as a real authority. Cms: TSTInfo written here
-// and signed by the CMS API, reproducible, any genTime. Auto: TsApi if it fits.
-enum class TokenMaker { Auto, TsApi, Cms };
+// Signed by the CMS API, reproducible; pkg_sign's tests cover TS API tokens.
+enum class TokenMaker { Cms };
 
-// Signed attributes with an ESS signing-certificate v1 (SHA-1) or v2, or none.
-enum class TokenAttrs { None, EssCertId, EssCertIdV2 };
+// The ESS signing-certificate attribute: v1 (SHA-1) or v2 (SHA-256).
+enum class TokenAttrs { EssCertId, EssCertIdV2 };
 
+// TSTInfo of one policy and serial 1.
 struct TimestampSpec {
     Credential tsa;                           // required
     std::string genTime = "20260115120000Z";  // GeneralizedTime content, as given
-    std::string policy = "1.3.6.1.4.1.99999.3.1";
-    Bytes serial = {0x01};  // INTEGER content octets
     Digest imprintDigest = Digest::Sha256;
     std::optional<Bytes> imprintOver;  // default: the signer's signature value
     Digest digest = Digest::Sha256;    // of the TSA's own signature
     TokenAttrs attrs = TokenAttrs::EssCertIdV2;
-    Digest essDigest = Digest::Sha256;  // of ESSCertIDv2
     bool embedTsaCert = true;
-    TokenMaker maker = TokenMaker::Auto;
-    bool noSigner = false;        // a SignedData without SignerInfo (Cms maker)
+    TokenMaker maker = TokenMaker::Cms;
+    bool noSigner = false;        // a SignedData without SignerInfo
     std::optional<Cert> essCert;  // named by the ESS attribute; default: tsa's
-    bool pss = false;             // Cms maker
+    bool pss = false;
 };
-
-// The imprint covers imprintOver or else `stamped`.
-Bytes MakeTstInfo(const TimestampSpec &plan, std::span<const uint8_t> stamped);
-Bytes MakeTimestampToken(const TimestampSpec &plan, std::span<const uint8_t> stamped);
 
 struct SignSpec {
     Credential signer;  // required unless noSigner
     Digest digest = Digest::Sha256;
-    bool signedAttrs = true;  // content type, signing time, message digest
-    Time signingTime = Utc("260115115900Z");
-    std::vector<Cert> certs;                 // embedded in this order, not sorted
-    bool noSigner = false;                   // a SignedData without SignerInfo
+    bool signedAttrs = true;  // content type, signing time (a fixed one), message digest
+    std::vector<Cert> certs;  // embedded in this order, not sorted
+    bool noSigner = false;    // a SignedData without SignerInfo
     std::optional<TimestampSpec> timestamp;  // imprint over the signature value
     bool tamperSignedAttr = false;           // signing time changed after signing
     bool pss = false;
@@ -291,7 +272,7 @@ Bytes MakeSignedData(const SignSpec &plan, std::span<const uint8_t> content);
 Bytes SignatureValueOf(std::span<const uint8_t> signedData);
 Bytes TimestampTokenOf(std::span<const uint8_t> signedData);
 
-enum class Armour { Der, PemCms, PemPkcs7 };
+enum class Armour { Der, PemCms };
 Bytes Armoured(std::span<const uint8_t> der, Armour armour);
 
 // The root built into the tool, from root-4096: the same 1363 bytes every run.

@@ -1,5 +1,4 @@
-// Certificates and CRLs: every field and extension value is written from the
-// spec's raw form; OpenSSL only assembles and signs.
+// Certificates and CRLs: fields and extensions as planned; OpenSSL assembles and signs.
 #include "tools/testpki/internal.h"
 
 namespace testpki {
@@ -45,7 +44,7 @@ std::vector<RawExtension> CertExtensions(const CertSpec &plan, const Key &signer
     if (const auto &usage = plan.keyUsage) {
         Bytes bits{usage->unusedBits};
         bits.insert(bits.end(), usage->octets.begin(), usage->octets.end());
-        exts.push_back({"keyUsage", usage->critical, der::Tlv(0x03, bits)});
+        exts.push_back({"keyUsage", true, der::Tlv(0x03, bits)});
     }
     if (const auto &eku = plan.extKeyUsage) {
         std::vector<Bytes> oids;
@@ -72,29 +71,20 @@ Bytes detail::AuthorityKeyId(const Key &key) {
 }
 
 KeyUsage KeyUsage::Of(uint8_t first) {
-    return {{first}, UnusedBits(first), true};
+    return {{first}, UnusedBits(first)};
 }
 
 // Always two octets, as decipherOnly needs.
 KeyUsage KeyUsage::Of(uint8_t first, uint8_t second) {
-    return {{first, second}, UnusedBits(second), true};
+    return {{first, second}, UnusedBits(second)};
 }
 
 Cert IssueCert(const CertSpec &plan) {
-    if (!plan.subjectKey) {
-        throw Error("CertSpec.subjectKey is required");
-    }
-    if (plan.version < 1 || plan.version > 3) {
-        throw Error("certificate version must be 1, 2 or 3");
-    }
     if (plan.issuer && (!plan.issuer->cert || !plan.issuer->key)) {
         throw Error("CertSpec.issuer needs both a certificate and a key");
     }
     const Key &signer = plan.issuer ? plan.issuer->key : plan.subjectKey;
     const std::vector<RawExtension> exts = CertExtensions(plan, signer);
-    if (plan.version == 1 && !exts.empty()) {
-        throw Error("a version 1 certificate cannot carry extensions");
-    }
 
     X509Ptr owned(TP_NEED(X509_new()));
     X509 *x = owned.get();
@@ -133,8 +123,7 @@ Bytes CrlIssuerPoint(const Bytes &crlIssuer) {
     return der::Seq({der::Seq({der::Tlv(0xA2, der::Tlv(0xA4, crlIssuer))})});
 }
 
-// IssuingDistributionPoint: [0] distributionPoint, then the BOOLEANs
-// [1] onlyUser, [2] onlyCA, [4] indirectCRL, [5] onlyAttribute.
+// IssuingDistributionPoint: [0] distributionPoint, then [1], [2], [4], [5] flags.
 static Bytes IssuingDistPointValue(const IssuingDistPoint &idp) {
     std::vector<Bytes> items;
     if (idp.uri) {
@@ -157,18 +146,13 @@ Bytes MakeCrl(const CrlSpec &plan) {
     if (!plan.issuer.cert || !plan.issuer.key) {
         throw Error("CrlSpec.issuer needs both a certificate and a key");
     }
-    if (plan.version != 1 && plan.version != 2) {
-        throw Error("CRL version must be 1 or 2");
-    }
     X509CrlPtr owned(TP_NEED(X509_CRL_new()));
     X509_CRL *crl = owned.get();
     // A new CRL has no version field; setting one, even v1's 0, would write it.
-    if (plan.version == 2) {
-        TP_NEED(X509_CRL_set_version(crl, 1));
+    if (plan.version != 1) {
+        TP_NEED(X509_CRL_set_version(crl, plan.version - 1));
     }
-    auto named = plan.issuerName ? detail::MakeName(*plan.issuerName) : nullptr;
-    X509_NAME *issuer = X509_get_subject_name(plan.issuer.cert.get());
-    TP_NEED(X509_CRL_set_issuer_name(crl, named ? named.get() : issuer));
+    TP_NEED(X509_CRL_set_issuer_name(crl, X509_get_subject_name(plan.issuer.cert.get())));
     TP_NEED(X509_CRL_set1_lastUpdate(crl, detail::MakeTime(plan.thisUpdate).get()));
     if (plan.nextUpdate) {
         TP_NEED(X509_CRL_set1_nextUpdate(crl, detail::MakeTime(*plan.nextUpdate).get()));
@@ -203,13 +187,13 @@ Bytes MakeCrl(const CrlSpec &plan) {
         exts.push_back({"crlNumber", false, der::Integer(*plan.crlNumber)});
     }
     if (const auto &idp = plan.issuingDistPoint) {
-        exts.push_back({"issuingDistributionPoint", idp->critical, IssuingDistPointValue(*idp)});
+        exts.push_back({"issuingDistributionPoint", true, IssuingDistPointValue(*idp)});
     }
     exts.insert(exts.end(), plan.extraExtensions.begin(), plan.extraExtensions.end());
     for (const RawExtension &ext : exts) {
         TP_NEED(X509_CRL_add_ext(crl, detail::MakeExtension(ext).get(), -1));
     }
-    Sign(crl, X509_CRL_sign_ctx, plan.issuer.key, plan.digest, plan.pss);
+    Sign(crl, X509_CRL_sign_ctx, plan.issuer.key, Digest::Sha256, plan.pss);
     return detail::ToDer(crl, i2d_X509_CRL);
 }
 
