@@ -16,7 +16,7 @@
 # one to question).
 # The scratch tree and its build folder persist in $VT_MUTATE_DIR (default
 # /tmp/vt-mutate-<user>), so a second run builds only what changed. Not part
-# of CI: a full run takes about 15 minutes on two cores.
+# of CI: a full run takes about 8 minutes on two cores.
 #
 # A row names the file, a source fragment that must occur exactly once and its
 # replacement, so it survives lines moving around; a fragment that is not
