@@ -17,6 +17,7 @@
 
 #include "cms/asn1/asn1.h"
 #include "cms/asn1/x509.h"
+#include "cms/base/owned.h"
 #include "cms/dorvex.h"
 #include "cms/internal.h"
 #include "cms/pki/pki.h"
@@ -92,14 +93,9 @@ inline Bytes ReadOrDie(const std::string &path) {
 }
 
 template <auto FreeFn>
-struct Deleter {
-    template <typename T>
-    void operator()(T *p) const {
-        FreeFn(p);
-    }
-};
-using X509Ptr = std::unique_ptr<X509, Deleter<X509_free>>;
-using CrlPtr = std::unique_ptr<X509_CRL, Deleter<X509_CRL_free>>;
+using Deleter = drx::FreeWith<FreeFn>;
+using X509Ptr = drx::Owned<X509, X509_free>;
+using CrlPtr = drx::Owned<X509_CRL, X509_CRL_free>;
 
 }  // namespace fuzz_support
 

@@ -78,17 +78,10 @@ constexpr DigestRow g_drxDigestTable[] = {
     {kAoidSha512, EVP_sha512},
 };
 
-template <auto FreeFn>
-struct OpensslFree {
-    template <typename T>
-    void operator()(T *p) const {
-        FreeFn(p);
-    }
-};
-using BnPtr = std::unique_ptr<BIGNUM, OpensslFree<BN_free>>;
-using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, OpensslFree<OSSL_PARAM_BLD_free>>;
-using ParamPtr = std::unique_ptr<OSSL_PARAM, OpensslFree<OSSL_PARAM_free>>;
-using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, OpensslFree<EVP_PKEY_CTX_free>>;
+using BnPtr = drx::Owned<BIGNUM, BN_free>;
+using ParamBldPtr = drx::Owned<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
+using ParamPtr = drx::Owned<OSSL_PARAM, OSSL_PARAM_free>;
+using PkeyCtxPtr = drx::Owned<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
 
 // RSA checks carried out in this process; read only by benchmarks and tests.
 std::atomic<uint64_t> g_drxRsaVerifications{0};

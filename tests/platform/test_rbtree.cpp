@@ -1,5 +1,5 @@
 // Red-black tree against std::set: every random step is followed by a check
-// of the rules, the order both ways and the augmented subtree sizes.
+// of the red-black invariants, the order both ways and the augmented sizes.
 #include "platform/rbtree.h"
 
 #include <gtest/gtest.h>
